@@ -1,0 +1,39 @@
+#include "app/command_line.h"
+
+#include <CLI/CLI.hpp>
+
+#include "app/commands.h"
+#include "app/headless_modes.h"
+#include "app/user_output.h"
+#include "support/diagnostic_log.h"
+#include "support/localization.h"
+
+namespace corvane {
+
+int runCommandLine(int argc, char** argv) {
+  if (auto status = runHeadlessMode(argc, argv)) return *status;
+
+  CLI::App app{localized("app.cli.description"), "corvane"};
+  app.require_subcommand(1);
+  app.set_version_flag("--version", CORVANE_VERSION);
+  bool verbose = false;
+  app.add_flag("-v,--verbose", verbose, localized("cli.option.verbose"));
+
+  CommandRegistry registry;
+  addScanCommand(app, registry);
+
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::ParseError& error) {
+    const int status = app.exit(error);
+    return status == 0 ? kExitSuccess : kExitUsage;
+  }
+  setDiagnosticVerbosity(verbose ? LogLevel::debug : LogLevel::warning);
+  try {
+    return registry.runChosen().value_or(kExitUsage);
+  } catch (const std::exception& failure) {
+    return reportFailure(failure);
+  }
+}
+
+}  // namespace corvane

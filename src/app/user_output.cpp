@@ -1,0 +1,38 @@
+#include "app/user_output.h"
+
+#include <cstdio>
+#include <cstring>
+
+#include "app/command_line.h"
+#include "engine/migration_issue.h"
+#include "platform/posix_error.h"
+#include "support/diagnostic_log.h"
+#include "support/localization.h"
+
+namespace corvane {
+
+void printLine(std::string_view text) {
+  std::fwrite(text.data(), 1, text.size(), stdout);
+  std::fputc('\n', stdout);
+  std::fflush(stdout);
+}
+
+void printErrorLine(std::string_view text) {
+  std::fwrite(text.data(), 1, text.size(), stderr);
+  std::fputc('\n', stderr);
+  std::fflush(stderr);
+}
+
+int reportFailure(const std::exception& failure) {
+  logInfo(failure.what());
+  if (const auto* issue = dynamic_cast<const MigrationIssue*>(&failure)) {
+    printErrorLine(issue->localizedDescription());
+  } else if (const auto* posix = dynamic_cast<const platform::PosixError*>(&failure)) {
+    printErrorLine(localizedFormat("error.system", posix->path(), std::strerror(posix->errnoValue())));
+  } else {
+    printErrorLine(localizedFormat("error.unexpected", failure.what()));
+  }
+  return kExitFailure;
+}
+
+}  // namespace corvane

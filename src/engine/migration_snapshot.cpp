@@ -1,0 +1,173 @@
+// The manifest walk. Children are read relative to their parent's open directory, which keeps
+// each lookup short and means a directory swapped for a link mid-walk is never entered.
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <vector>
+
+#include "engine/migration_integrity_verifier.h"
+#include "engine/migration_issue.h"
+#include "platform/file_access.h"
+#include "platform/file_system.h"
+#include "platform/posix_error.h"
+#include "platform/unique_fd.h"
+
+namespace corvane {
+namespace {
+
+// Past this depth children are looked up by absolute path, so a deep tree cannot run the
+// process out of file descriptors.
+constexpr int kMaximumOpenDepth = 128;
+
+// What the removable test needs to know about the directory holding an entry.
+struct ParentAccess {
+  bool writableAndSearchable = true;
+  bool sticky = false;
+  std::uint32_t owner = 0;
+};
+
+class SnapshotWalk {
+ public:
+  SnapshotWalk(RuntimeEntries runtime, ReadableCheck readable, RemovableCheck removable,
+               const MigrationIntegrityVerifier::Visited& visited)
+      : runtime_(runtime), readable_(readable), removable_(removable), visited_(visited), user_(getuid()) {}
+
+  MigrationManifest run(const std::string& root) {
+    visit(AT_FDCWD, root, root, "", ParentAccess{}, 0);
+    return std::move(manifest_);
+  }
+
+ private:
+  // `lookupDirectory` + `name` reaches the object; `path` is its absolute path for messages.
+  void visit(int lookupDirectory, const std::string& name, const std::string& path, const std::string& relativePath,
+             const ParentAccess& parent, int depth) {
+    auto status = platform::statNoFollow(lookupDirectory, name);
+    if (!status) throw MigrationIssue("error.migration_source_changed", path);
+    const auto kind = MigrationEntry::kindOfMode(status->mode);
+    std::optional<std::string> linkText;
+    if (kind == MigrationEntry::Kind::symbolicLink) linkText = platform::readLinkText(lookupDirectory, name);
+    MigrationEntry entry = entryFromStatus(*status, std::move(linkText));
+
+    checkKind(entry, path);
+    if (readable_ == ReadableCheck::check && kind == MigrationEntry::Kind::regular) checkReadable(lookupDirectory, name, path);
+    if (removable_ == RemovableCheck::check) checkRemovable(entry, *status, path, relativePath, parent);
+
+    manifest_.insert_or_assign(relativePath, std::move(entry));
+    if (visited_) visited_(relativePath);
+    if (kind == MigrationEntry::Kind::directory) visitChildren(lookupDirectory, name, path, relativePath, *status, depth);
+  }
+
+  void checkKind(const MigrationEntry& entry, const std::string& path) const {
+    if (runtime_ == RuntimeEntries::allow) return;
+    using Kind = MigrationEntry::Kind;
+    if (entry.kind == Kind::special || entry.kind == Kind::socket || entry.kind == Kind::fifo) {
+      throw MigrationIssue("error.migration_special_file", path);
+    }
+  }
+
+  static void checkReadable(int lookupDirectory, const std::string& name, const std::string& path) {
+    // Opening proves the permission; O_NONBLOCK keeps a file with mandatory locks or a slow
+    // device from stalling the scan.
+    int fd = openat(lookupDirectory, name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
+    if (fd < 0 || close(fd) != 0) throw MigrationIssue("migration.preflight.unreadable", path);
+  }
+
+  void checkRemovable(const MigrationEntry& entry, const platform::FileStatus& status, const std::string& path,
+                      const std::string& relativePath, const ParentAccess& parent) const {
+    if (entry.flags & platform::kLockedFlagsMask) throw MigrationIssue("migration.preflight.locked", path);
+    if (entry.kind == MigrationEntry::Kind::directory &&
+        !(platform::isWritable(path) && platform::isExecutable(path))) {
+      throw MigrationIssue("migration.preflight.not_removable", path);
+    }
+    if (relativePath.empty() || entry.kind == MigrationEntry::Kind::symbolicLink) return;
+    bool deletable = parent.writableAndSearchable;
+    if (deletable && parent.sticky) deletable = user_ == 0 || user_ == status.uid || user_ == parent.owner;
+    if (!deletable) throw MigrationIssue("migration.preflight.not_removable", path);
+  }
+
+  void visitChildren(int lookupDirectory, const std::string& name, const std::string& path,
+                     const std::string& relativePath, const platform::FileStatus& status, int depth) {
+    platform::UniqueFd directory(
+        openat(lookupDirectory, name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    if (!directory) {
+      if (errno == ENOENT || errno == ENOTDIR || errno == ELOOP) throw MigrationIssue("error.migration_source_changed", path);
+      platform::throwErrno(path);
+    }
+    // The object opened must be the one just recorded, not something put in its place.
+    auto opened = platform::statDescriptor(directory.get(), path);
+    if (opened.inode != status.inode || opened.device != status.device) {
+      throw MigrationIssue("error.migration_source_changed", path);
+    }
+    std::vector<std::string> names = listNames(directory, path);
+
+    ParentAccess access;
+    if (removable_ == RemovableCheck::check) {
+      access.writableAndSearchable = platform::isWritable(path) && platform::isExecutable(path);
+      access.sticky = (status.mode & S_ISVTX) != 0;
+      access.owner = status.uid;
+    }
+    const bool byDescriptor = depth < kMaximumOpenDepth;
+    if (!byDescriptor) directory.reset();
+    const std::string prefix = relativePath.empty() ? std::string() : relativePath + "/";
+    for (const auto& child : names) {
+      const std::string childPath = path == "/" ? "/" + child : path + "/" + child;
+      visit(byDescriptor ? directory.get() : AT_FDCWD, byDescriptor ? child : childPath, childPath, prefix + child,
+            access, depth + 1);
+    }
+  }
+
+  static std::vector<std::string> listNames(platform::UniqueFd& directory, const std::string& path) {
+    int listingFd = dup(directory.get());
+    if (listingFd < 0) platform::throwErrno(path);
+    DIR* stream = fdopendir(listingFd);
+    if (stream == nullptr) {
+      int saved = errno;
+      close(listingFd);
+      platform::throwErrno(saved, path);
+    }
+    std::vector<std::string> names;
+    errno = 0;
+    while (dirent* item = readdir(stream)) {
+      const char* itemName = item->d_name;
+      if (itemName[0] == '.' && (itemName[1] == '\0' || (itemName[1] == '.' && itemName[2] == '\0'))) continue;
+      names.emplace_back(itemName);
+      errno = 0;
+    }
+    int saved = errno;
+    closedir(stream);
+    if (saved != 0) platform::throwErrno(saved, path);
+    return names;
+  }
+
+  RuntimeEntries runtime_;
+  ReadableCheck readable_;
+  RemovableCheck removable_;
+  const MigrationIntegrityVerifier::Visited& visited_;
+  uid_t user_;
+  MigrationManifest manifest_;
+};
+
+}  // namespace
+
+MigrationManifest MigrationIntegrityVerifier::snapshot(const std::string& root, RuntimeEntries runtimeEntries,
+                                                       ReadableCheck readable, RemovableCheck removable,
+                                                       const Visited& visited) {
+  return SnapshotWalk(runtimeEntries, readable, removable, visited).run(root);
+}
+
+void MigrationIntegrityVerifier::requireUnchanged(const std::string& source, const MigrationManifest& manifest,
+                                                  const Visited& visited) {
+  MigrationManifest current;
+  try {
+    current = snapshot(source, RuntimeEntries::allow, ReadableCheck::skip, RemovableCheck::skip, visited);
+  } catch (const MigrationIssue& issue) {
+    if (issue.key() == "error.migration_source_changed") throw MigrationIssue("error.migration_source_changed", source);
+    throw;
+  }
+  // Equal maps compare every key and all eleven fields of every entry.
+  if (current != manifest) throw MigrationIssue("error.migration_source_changed", source);
+}
+
+}  // namespace corvane
