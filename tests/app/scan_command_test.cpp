@@ -1,0 +1,86 @@
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <nlohmann/json.hpp>
+
+#include "fixtures/corvane_binary.h"
+#include "fixtures/sample_tree.h"
+#include "fixtures/temporary_directory.h"
+#include "fixtures/test_volume.h"
+#include "platform/file_system.h"
+
+namespace corvane {
+namespace {
+
+TEST(ScanCommandTest, JsonIsTheManifestAndSummaryCountsHardLinksOnce) {
+  CORVANE_TEST_VOLUME(volume, VolumeKind::ext4);
+  writeFile(volume->child("outside.txt"), "outside");
+  buildSampleTree(volume->child("Sample.app"), {.fifo = true, .staleSocket = true, .sparseFile = true,
+                                                .extendedAttributes = true});
+  auto json = runCorvane({"scan", volume->child("Sample.app"), "--json"});
+  ASSERT_EQ(json.exitStatus, 0) << json.standardError;
+  auto manifest = nlohmann::json::parse(json.standardOutput);
+  EXPECT_EQ(manifest[""]["kind"], "directory");
+  EXPECT_EQ(manifest["Contents/pipe"]["kind"], "fifo");
+  EXPECT_EQ(manifest["Contents/Resources/deep/climbs-out"]["link"], "../../../outside.txt");
+  EXPECT_EQ(manifest["Contents/hardlink.txt"]["inode"], manifest["Contents/Resources/deep/file3.txt"]["inode"]);
+  // Keys of each entry come in their fixed order (the parsed form sorts them; read the text).
+  const auto at = json.standardOutput.find("\"Contents/Info.plist\"");
+  const std::string entryText = json.standardOutput.substr(at, json.standardOutput.find('}', at) - at);
+  EXPECT_LT(entryText.find("\"kind\""), entryText.find("\"inode\""));
+  EXPECT_LT(entryText.find("\"changedNanoseconds\""), entryText.find("\"mode\""));
+  EXPECT_LT(entryText.find("\"mode\""), entryText.find("\"flags\""));
+
+  auto summary = runCorvane({"scan", volume->child("Sample.app")});
+  ASSERT_EQ(summary.exitStatus, 0) << summary.standardError;
+  EXPECT_NE(summary.standardOutput.find(volume->child("outside.txt")), std::string::npos)
+      << "the climbing link is listed with its new absolute target\n" << summary.standardOutput;
+}
+
+TEST(ScanCommandTest, WorksOnAFatVolume) {
+  CORVANE_TEST_VOLUME(volume, VolumeKind::fat);
+  buildSampleTree(volume->child("Plain"), {.hardLinks = false, .symbolicLinks = false});
+  auto result = runCorvane({"scan", volume->child("Plain"), "--json"});
+  ASSERT_EQ(result.exitStatus, 0) << result.standardError;
+  auto manifest = nlohmann::json::parse(result.standardOutput);
+  EXPECT_EQ(manifest["Contents/Resources/deep/file5.txt"]["size"], 5 * 37 + 1);
+}
+
+TEST(ScanCommandTest, BadItemsGiveAnErrorWithThePathAndStatusOne) {
+  TemporaryDirectory dir;
+  auto missing = runCorvane({"scan", dir.child("nothing-here")});
+  EXPECT_EQ(missing.exitStatus, 1);
+  EXPECT_NE(missing.standardError.find(dir.child("nothing-here")), std::string::npos);
+  EXPECT_TRUE(missing.standardOutput.empty());
+
+  const std::string locked = dir.child("Locked");
+  makeDirectories(locked);
+  writeFile(locked + "/frozen", "x");
+  try {
+    platform::setFileFlags(locked + "/frozen", platform::kSystemImmutable);
+  } catch (const std::exception& unsupported) {
+    GTEST_SKIP() << "cannot make immutable files here: " << unsupported.what();
+  }
+  auto lockedResult = runCorvane({"scan", locked});
+  EXPECT_EQ(lockedResult.exitStatus, 1);
+  EXPECT_NE(lockedResult.standardError.find(locked + "/frozen"), std::string::npos) << lockedResult.standardError;
+}
+
+TEST(ScanCommandTest, UnreadableFileIsReportedForAnOrdinaryUser) {
+  if (geteuid() != 0) GTEST_SKIP() << "switching to an ordinary user needs root";
+  TemporaryDirectory dir;
+  ASSERT_EQ(chmod(dir.path().c_str(), 0755), 0);
+  const std::string item = dir.child("Item");
+  makeDirectories(item);
+  writeFile(item + "/readable", "x", 0644);
+  writeFile(item + "/secret", "x", 0600);
+  ASSERT_EQ(chown(item.c_str(), 65534, 65534), 0);
+  ASSERT_EQ(chown((item + "/readable").c_str(), 65534, 65534), 0);
+  auto result = runCorvane({"scan", item}, {.asUser = 65534});
+  EXPECT_EQ(result.exitStatus, 1);
+  EXPECT_NE(result.standardError.find(item + "/secret"), std::string::npos) << result.standardError;
+}
+
+}  // namespace
+}  // namespace corvane

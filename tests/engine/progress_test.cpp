@@ -1,0 +1,133 @@
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <thread>
+
+#include "engine/migration_batch_progress.h"
+#include "engine/migration_progress_tracker.h"
+
+namespace corvane {
+namespace {
+
+using Phase = MigrationItemProgress::Phase;
+
+MigrationProgressTracker makeTracker() {
+  MigrationItemProgress a;
+  a.name = "a";
+  MigrationItemProgress b;
+  b.name = "b";
+  return MigrationProgressTracker({b, a});
+}
+
+MigrationCopyWorkload workload(std::int64_t bytes, std::int64_t entries) {
+  MigrationCopyWorkload result;
+  result.bytes = bytes;
+  result.entries = entries;
+  return result;
+}
+
+TEST(ProgressTrackerTest, CountersNeverMoveBackwardsOrPassTheirTotals) {
+  auto tracker = makeTracker();
+  tracker.plan("a", workload(1000, 10));
+  tracker.copied("a", 600, 4, "x");
+  tracker.copied("a", 300, 2, "late report");
+  auto item = tracker.current()[1];
+  EXPECT_EQ(item.copiedBytes, 600);
+  EXPECT_EQ(item.copiedEntries, 4);
+  EXPECT_EQ(item.path, "late report");
+  tracker.copied("a", 5000, 50, "y");
+  tracker.verified("a", 2000, 99, "z");
+  item = tracker.current()[1];
+  EXPECT_EQ(item.copiedBytes, 1000);
+  EXPECT_EQ(item.copiedEntries, 10);
+  EXPECT_EQ(item.verifiedBytes, 1000);
+  EXPECT_EQ(item.verificationBytes, 1000);
+  EXPECT_EQ(item.verifiedEntries, 10);
+}
+
+TEST(ProgressTrackerTest, ScanningCountsEntriesAndUnknownItemsAreIgnored) {
+  auto tracker = makeTracker();
+  tracker.scanned("b", "one");
+  tracker.scanned("b", "two");
+  tracker.scanned("nobody", "x");
+  tracker.copied("nobody", 1, 1, "x");
+  auto items = tracker.current();
+  ASSERT_EQ(items.size(), 2u);
+  EXPECT_EQ(items[0].name, "b");  // batch order, not name order
+  EXPECT_EQ(items[0].phase, Phase::scanning);
+  EXPECT_EQ(items[0].scannedEntries, 2);
+  EXPECT_EQ(items[0].path, "two");
+  EXPECT_EQ(items[1].scannedEntries, 0);
+}
+
+TEST(ProgressTrackerTest, RateIsMeasuredOnlyWhileCopyingAMeasurableItem) {
+  auto tracker = makeTracker();
+  tracker.plan("a", workload(1 << 30, 10));
+  tracker.setMeasurable("a", true);
+  tracker.setPhase("a", Phase::copying);
+  tracker.copied("a", 100, 1, "");
+  EXPECT_EQ(tracker.sample(10.0)[1].bytesPerSecond, 0);  // first sample
+  tracker.copied("a", 1100, 1, "");
+  EXPECT_DOUBLE_EQ(tracker.sample(10.5)[1].bytesPerSecond, 2000);
+  tracker.setPhase("a", Phase::verifying);
+  tracker.copied("a", 2100, 1, "");
+  EXPECT_EQ(tracker.sample(11.0)[1].bytesPerSecond, 0);
+  tracker.setPhase("a", Phase::copying);
+  tracker.setMeasurable("a", false);
+  tracker.copied("a", 3100, 1, "");
+  EXPECT_EQ(tracker.sample(11.5)[1].bytesPerSecond, 0);
+  tracker.setMeasurable("a", true);
+  EXPECT_EQ(tracker.sample(11.5)[1].bytesPerSecond, 0);  // no time has passed
+}
+
+TEST(ProgressTrackerTest, ClockDeliversSamplesUntilStoppedWhileWorkersReport) {
+  auto tracker = makeTracker();
+  tracker.plan("a", workload(1'000'000, 1'000'000));
+  std::atomic<int> samples{0};
+  std::atomic<bool> sawBackwards{false};
+  std::int64_t last = 0;
+  tracker.start([&](std::vector<MigrationItemProgress> items) {
+    if (items[1].copiedBytes < last) sawBackwards = true;
+    last = items[1].copiedBytes;
+    ++samples;
+  });
+  std::vector<std::thread> workers;
+  for (int w = 0; w < 4; ++w) {
+    workers.emplace_back([&, w] {
+      for (int i = 0; i < 20000; ++i) tracker.copied("a", (i * 4 + w) * 10, i, "p");
+    });
+  }
+  for (auto& worker : workers) worker.join();
+  while (samples < 2) std::this_thread::yield();
+  tracker.stop();
+  const int stoppedAt = samples;
+  std::this_thread::sleep_for(MigrationProgressTracker::kInterval * 2);
+  EXPECT_EQ(samples, stoppedAt);
+  EXPECT_FALSE(sawBackwards);
+}
+
+TEST(BatchProgressTest, FirstOutcomeWinsAndOutOfRangeReportsAreDropped) {
+  MigrationBatchProgress batch(3, 1);
+  EXPECT_TRUE(batch.finish(0, MigrationBatchProgress::Outcome::succeeded));
+  EXPECT_FALSE(batch.finish(0, MigrationBatchProgress::Outcome::failed));
+  EXPECT_FALSE(batch.finish(3, MigrationBatchProgress::Outcome::failed));
+  EXPECT_FALSE(batch.finish(-1, MigrationBatchProgress::Outcome::failed));
+  EXPECT_TRUE(batch.finish(2, MigrationBatchProgress::Outcome::failed));
+  MigrationBatchProgress::Snapshot expected{1, 1, 1, 3};
+  EXPECT_EQ(batch.snapshot(), expected);
+  MigrationBatchProgress::Snapshot published;
+  batch.publish([&](MigrationBatchProgress::Snapshot snapshot) { published = snapshot; });
+  EXPECT_EQ(published, expected);
+  EXPECT_EQ(MigrationBatchProgress(-4).snapshot().total, 0);
+}
+
+TEST(ItemProgressTest, PhasesKeepTheirNamesAndOrder) {
+  EXPECT_EQ(phaseName(Phase::waiting), "waiting");
+  EXPECT_EQ(phaseName(Phase::rollingBack), "rollingBack");
+  EXPECT_EQ(static_cast<int>(Phase::skipped), 12);
+  for (int i = 0; i <= 12; ++i) EXPECT_EQ(static_cast<int>(*phaseFromName(phaseName(static_cast<Phase>(i)))), i);
+  EXPECT_FALSE(phaseFromName("Copying"));
+}
+
+}  // namespace
+}  // namespace corvane
