@@ -23,7 +23,7 @@ TEST(ScanCommandTest, JsonIsTheManifestAndSummaryCountsHardLinksOnce) {
   auto manifest = nlohmann::json::parse(json.standardOutput);
   EXPECT_EQ(manifest[""]["kind"], "directory");
   EXPECT_EQ(manifest["Contents/pipe"]["kind"], "fifo");
-  EXPECT_EQ(manifest["Contents/Resources/deep/climbs-out"]["link"], "../../../outside.txt");
+  EXPECT_EQ(manifest["Contents/Resources/deep/climbs-out"]["link"], "../../../../outside.txt");
   EXPECT_EQ(manifest["Contents/hardlink.txt"]["inode"], manifest["Contents/Resources/deep/file3.txt"]["inode"]);
   // Keys of each entry come in their fixed order (the parsed form sorts them; read the text).
   const auto at = json.standardOutput.find("\"Contents/Info.plist\"");

@@ -52,7 +52,7 @@ TEST(SnapshotTest, RecordsEveryObjectOnceWithoutFollowingLinks) {
 
   EXPECT_EQ(manifest.at("").kind, MigrationEntry::Kind::directory);
   EXPECT_EQ(manifest.at("Contents/Resources/deep/climbs-out").kind, MigrationEntry::Kind::symbolicLink);
-  EXPECT_EQ(manifest.at("Contents/Resources/deep/climbs-out").link, "../../../outside.txt");
+  EXPECT_EQ(manifest.at("Contents/Resources/deep/climbs-out").link, "../../../../outside.txt");
   EXPECT_EQ(manifest.at("Contents/absolute-link").link, "/etc/hostname");
   EXPECT_EQ(manifest.count("Contents/absolute-link/x"), 0u);
   EXPECT_EQ(manifest.at("Contents/pipe").kind, MigrationEntry::Kind::fifo);
