@@ -1,0 +1,194 @@
+// The clean-ups of MigrationAccess: the data that a verified switch replaced is removed only
+// when every entry is still the object the manifest recorded, and each entry is checked again
+// right before it goes.
+#include <dirent.h>
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <unistd.h>
+
+#include <vector>
+
+#include "engine/migration_access.h"
+#include "engine/migration_integrity_verifier.h"
+#include "engine/migration_issue.h"
+#include "platform/file_system.h"
+#include "platform/posix_error.h"
+#include "platform/unique_fd.h"
+#include "support/diagnostic_log.h"
+#include "support/paths.h"
+
+namespace corvane {
+namespace {
+
+using Kind = MigrationEntry::Kind;
+
+// Removing one name of a hard-link group, and renaming the root, move the status-change time of
+// what stays; everything else must be as recorded.
+bool sameApartFromChangeTime(const MigrationEntry& a, const MigrationEntry& b) {
+  return a.kind == b.kind && a.inode == b.inode && a.device == b.device && a.size == b.size &&
+         a.modifiedSeconds == b.modifiedSeconds && a.modifiedNanoseconds == b.modifiedNanoseconds && a.link == b.link &&
+         a.mode == b.mode && a.flags == b.flags;
+}
+
+struct Expectations {
+  const MigrationManifest& manifest;
+  const std::set<std::string>& inactiveSockets;
+  const std::map<std::string, std::string>& relocatedLinks;
+};
+
+// Compares the tree as it is now with what it must be; throws on the first difference.
+void requireExpectedTree(const std::string& directory, const MigrationManifest& present, const Expectations& expected) {
+  auto pathOf = [&](const std::string& relativePath) {
+    return relativePath.empty() ? directory : joinPath(directory, relativePath);
+  };
+  for (const auto& [relativePath, entry] : present) {
+    if (expected.inactiveSockets.contains(relativePath)) {
+      if (entry.kind != Kind::socket) throw MigrationIssue("migration.safety.conflict", pathOf(relativePath));
+      continue;
+    }
+    auto recorded = expected.manifest.find(relativePath);
+    // Something that was not there when the item was scanned: not ours to remove.
+    if (recorded == expected.manifest.end() || recorded->second.kind != entry.kind) {
+      throw MigrationIssue("migration.safety.conflict", pathOf(relativePath));
+    }
+    if (expected.relocatedLinks.contains(relativePath)) continue;
+    if (!sameApartFromChangeTime(entry, recorded->second)) {
+      throw MigrationIssue("error.migration_source_changed", pathOf(relativePath));
+    }
+  }
+  for (const auto& [relativePath, entry] : expected.manifest) {
+    if (expected.inactiveSockets.contains(relativePath)) continue;  // a server may have removed it
+    if (!present.contains(relativePath)) throw MigrationIssue("error.migration_source_changed", pathOf(relativePath));
+  }
+}
+
+class VerifiedRemoval {
+ public:
+  VerifiedRemoval(const MigrationManifest& present, bool directoriesLater)
+      : present_(present), directoriesLater_(directoriesLater) {}
+
+  // Removes the children of the directory open as `directory`, each re-read and compared first.
+  // With `directoriesLater` the emptied directories are only collected, children first.
+  void removeChildren(int directory, const std::string& path, const std::string& relativePath) {
+    for (const auto& name : listNames(directory, path)) {
+      const std::string childRelative = relativePath.empty() ? name : relativePath + "/" + name;
+      const std::string childPath = joinPath(path, name);
+      auto expected = present_.find(childRelative);
+      auto now = MigrationEntry::read(name, directory);
+      if (expected == present_.end() || !now || !sameApartFromChangeTime(*now, expected->second)) {
+        throw MigrationIssue("migration.safety.conflict", childPath);
+      }
+      if (now->kind == Kind::directory) {
+        platform::UniqueFd child(::openat(directory, name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+        if (!child) platform::throwErrno(childPath);
+        auto opened = platform::statDescriptor(child.get(), childPath);
+        if (opened.inode != now->inode || opened.device != now->device) {
+          throw MigrationIssue("migration.safety.conflict", childPath);
+        }
+        removeChildren(child.get(), childPath, childRelative);
+        child.reset();
+        if (directoriesLater_) {
+          emptiedDirectories_.push_back(childPath);
+        } else if (::unlinkat(directory, name.c_str(), AT_REMOVEDIR) != 0) {
+          platform::throwErrno(childPath);
+        }
+      } else if (::unlinkat(directory, name.c_str(), 0) != 0) {
+        platform::throwErrno(childPath);
+      }
+    }
+  }
+
+  const std::vector<std::string>& emptiedDirectories() const { return emptiedDirectories_; }
+
+ private:
+  static std::vector<std::string> listNames(int directory, const std::string& path) {
+    int listing = ::dup(directory);
+    if (listing < 0) platform::throwErrno(path);
+    DIR* stream = ::fdopendir(listing);
+    if (stream == nullptr) {
+      int saved = errno;
+      ::close(listing);
+      platform::throwErrno(saved, path);
+    }
+    std::vector<std::string> names;
+    errno = 0;
+    while (dirent* item = ::readdir(stream)) {
+      std::string name = item->d_name;
+      if (name != "." && name != "..") names.push_back(std::move(name));
+      errno = 0;
+    }
+    int saved = errno;
+    ::closedir(stream);
+    if (saved != 0) platform::throwErrno(saved, path);
+    return names;
+  }
+
+  const MigrationManifest& present_;
+  bool directoriesLater_;
+  std::vector<std::string> emptiedDirectories_;
+};
+
+}  // namespace
+
+void MigrationAccess::cleanupVerifiedData(const std::string& directory, const MigrationManifest& manifest,
+                                          const std::set<std::string>& inactiveSockets,
+                                          const std::map<std::string, std::string>& relocatedLinks,
+                                          const Checking& checking, const std::string& destination,
+                                          const MigrationEntry& identity) {
+  validateParent();
+  // The data is removed only while its verified replacement still stands.
+  auto replacement = MigrationEntry::read(destination, AT_FDCWD);
+  if (!replacement || replacement->identity() != identity.identity()) {
+    throw MigrationIssue("migration.safety.conflict", destination);
+  }
+  auto root = manifest.find("");
+  if (root == manifest.end()) throw MigrationIssue("migration.safety.conflict", directory);
+
+  MigrationManifest present;
+  try {
+    present = MigrationIntegrityVerifier::snapshot(directory, RuntimeEntries::allow, ReadableCheck::skip,
+                                                   RemovableCheck::skip, checking);
+  } catch (const MigrationIssue& issue) {
+    if (issue.key() == "error.migration_source_changed") throw MigrationIssue("error.migration_source_changed", directory);
+    throw;
+  }
+  if (present.at("").identity() != root->second.identity()) {
+    throw MigrationIssue("error.migration_source_changed", directory);
+  }
+  requireExpectedTree(directory, present, {manifest, inactiveSockets, relocatedLinks});
+  if (requireIdle_) requireIdle_(directory, manifest);
+
+  const MigrationEntry& rootEntry = present.at("");
+  if (rootEntry.kind != Kind::directory) {
+    auto now = MigrationEntry::read(directory, AT_FDCWD);
+    if (!now || !sameApartFromChangeTime(*now, rootEntry)) throw MigrationIssue("migration.safety.conflict", directory);
+    if (usesAdministrator_) {
+      foundationOperation(kRemoveItemSelector, directory, std::nullopt);
+    } else if (::unlink(directory.c_str()) != 0) {
+      platform::throwErrno(directory);
+    }
+    return;
+  }
+
+  platform::UniqueFd rootFd(::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+  if (!rootFd) platform::throwErrno(directory);
+  auto opened = platform::statDescriptor(rootFd.get(), directory);
+  if (opened.inode != rootEntry.inode || opened.device != rootEntry.device) {
+    throw MigrationIssue("migration.safety.conflict", directory);
+  }
+  VerifiedRemoval removal(present, usesAdministrator_);
+  removal.removeChildren(rootFd.get(), directory, "");
+  rootFd.reset();
+  if (usesAdministrator_) {
+    // rmdir removes nothing but empty directories, so a name swapped since the check costs no data.
+    std::vector<std::string> directories = removal.emptiedDirectories();
+    directories.push_back(directory);
+    administrate(MigrationPrivilegedCommands::removeDirectoriesCommand(directories));
+  } else {
+    auto now = MigrationEntry::read(directory, AT_FDCWD);
+    if (!now || now->identity() != rootEntry.identity()) throw MigrationIssue("migration.safety.conflict", directory);
+    if (::rmdir(directory.c_str()) != 0) platform::throwErrno(directory);
+  }
+}
+
+}  // namespace corvane

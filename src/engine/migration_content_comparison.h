@@ -1,0 +1,33 @@
+// Compares a regular file's copy with its original side by side, 1 MiB at a time, through one
+// pair of buffers reused for every file, so memory stays flat whatever the file sizes. The
+// copy's cached pages are dropped first, so its bytes come from the medium.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "engine/migration_entry.h"
+
+namespace corvane {
+
+class MigrationContentComparison {
+ public:
+  static constexpr std::size_t kChunkSize = 1048576;
+
+  MigrationContentComparison();
+
+  // True when both files hold the same bytes and end together. `copy` must be the object read as
+  // `copyEntry`, and the original must still be `expected` (else
+  // "error.migration_source_changed"); a copy that vanished or changed compares unequal. Each
+  // chunk's length goes to `bytesRead`. Read failures throw platform::PosixError.
+  bool sameContents(const std::string& original, const MigrationEntry& expected, const std::string& copy,
+                    const MigrationEntry& copyEntry, const std::function<void(std::int64_t)>& bytesRead);
+
+ private:
+  std::vector<char> original_;
+  std::vector<char> copy_;
+};
+
+}  // namespace corvane
