@@ -21,6 +21,7 @@ int runCommandLine(int argc, char** argv) {
 
   CommandRegistry registry;
   addScanCommand(app, registry);
+  addCleanCommand(app, registry);
 
   try {
     app.parse(argc, argv);

@@ -27,5 +27,6 @@ class CommandRegistry {
 };
 
 void addScanCommand(CLI::App& app, CommandRegistry& registry);
+void addCleanCommand(CLI::App& app, CommandRegistry& registry);
 
 }  // namespace corvane

@@ -1,0 +1,7 @@
+#include "platform/host_system.h"
+
+namespace corvane::platform {
+
+HostSystem hostSystem() { return HostSystem::linuxDesktop; }
+
+}  // namespace corvane::platform

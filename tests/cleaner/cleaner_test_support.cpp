@@ -1,0 +1,135 @@
+#include "cleaner/cleaner_test_support.h"
+
+#include <dirent.h>
+#include <ftw.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <grp.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <fstream>
+#include <random>
+#include <sstream>
+#include <stdexcept>
+
+#include "platform/process.h"
+#include "support/shell_quote.h"
+
+namespace corvane::cleaner_test {
+
+void writeSizedFile(const std::string& path, std::size_t bytes) {
+  std::mt19937_64 generator(std::hash<std::string>{}(path));
+  std::string data(bytes, '\0');
+  for (auto& byte : data) byte = static_cast<char>(generator());
+  std::ofstream out(path, std::ios::binary | std::ios::trunc);
+  out.write(data.data(), static_cast<std::streamsize>(data.size()));
+  if (!out) throw std::runtime_error("cannot write " + path);
+}
+
+std::int64_t duBytesBelow(const std::string& path) {
+  platform::ProcessRequest request;
+  request.executable = "du";
+  request.arguments = {"-s", "--block-size=1", path};
+  const auto result = platform::runProcess(request);
+  if (!result.exit.succeeded()) throw std::runtime_error("du failed: " + result.standardError);
+  struct stat own {};
+  if (::stat(path.c_str(), &own) != 0) throw std::runtime_error("cannot stat " + path);
+  return std::stoll(result.standardOutput) - static_cast<std::int64_t>(own.st_blocks) * 512;
+}
+
+bool existsNoFollow(const std::string& path) {
+  struct stat status {};
+  return ::lstat(path.c_str(), &status) == 0;
+}
+
+std::vector<std::string> namesIn(const std::string& directory) {
+  std::vector<std::string> names;
+  DIR* stream = ::opendir(directory.c_str());
+  if (stream == nullptr) throw std::runtime_error("cannot list " + directory);
+  while (dirent* entry = ::readdir(stream)) {
+    const std::string name = entry->d_name;
+    if (name != "." && name != "..") names.push_back(name);
+  }
+  ::closedir(stream);
+  std::sort(names.begin(), names.end());
+  return names;
+}
+
+ScratchMount::ScratchMount(std::string directory) : directory_(std::move(directory)) {
+  if (::geteuid() != 0) return;
+  platform::ProcessRequest request;
+  request.executable = "mount";
+  request.arguments = {"-t", "tmpfs", "-o", "size=8m", "tmpfs", directory_};
+  mounted_ = platform::runProcess(request).exit.succeeded();
+}
+
+ScratchMount::~ScratchMount() {
+  if (!mounted_) return;
+  platform::ProcessRequest request;
+  request.executable = "umount";
+  request.arguments = {"-l", directory_};
+  platform::runProcess(request);
+}
+
+std::string writeFakeDocker(const std::string& directory, const std::map<std::string, FakeDockerAnswer>& answers) {
+  std::ostringstream script;
+  script << "#!/bin/sh\n";
+  script << "joined=\"\"\nfor argument in \"$@\"; do joined=\"${joined:+$joined|}$argument\"; done\n";
+  script << "printf '%s\\n' \"$joined\" >> " << shellQuote(directory + "/calls.log") << "\n";
+  script << "case \"$joined\" in\n";
+  for (const auto& [arguments, answer] : answers) {
+    script << "  " << shellQuote(arguments) << ")\n";
+    script << "    printf '%s' " << shellQuote(answer.output) << "\n";
+    script << "    exit " << answer.exitStatus << " ;;\n";
+  }
+  script << "esac\nexit 0\n";
+  const std::string path = directory + "/docker";
+  std::ofstream(path) << script.str();
+  ::chmod(path.c_str(), 0755);
+  return path;
+}
+
+std::vector<std::string> fakeDockerCalls(const std::string& directory) {
+  std::vector<std::string> calls;
+  std::ifstream in(directory + "/calls.log");
+  for (std::string line; std::getline(in, line);) calls.push_back(line);
+  return calls;
+}
+
+
+std::optional<std::string> runAsNobody(const std::function<std::string()>& work) {
+  if (::geteuid() != 0) return std::nullopt;
+  int fds[2];
+  if (::pipe(fds) != 0) throw std::runtime_error("pipe failed");
+  const pid_t child = ::fork();
+  if (child < 0) throw std::runtime_error("fork failed");
+  if (child == 0) {
+    ::close(fds[0]);
+    if (::setgroups(0, nullptr) != 0 || ::setgid(kNobody) != 0 || ::setuid(kNobody) != 0) ::_exit(3);
+    const std::string result = work();
+    const ssize_t written = ::write(fds[1], result.data(), result.size());
+    ::_exit(written == static_cast<ssize_t>(result.size()) ? 0 : 4);
+  }
+  ::close(fds[1]);
+  std::string output;
+  char buffer[4096];
+  for (ssize_t got; (got = ::read(fds[0], buffer, sizeof buffer)) > 0;) output.append(buffer, static_cast<std::size_t>(got));
+  ::close(fds[0]);
+  int status = 0;
+  ::waitpid(child, &status, 0);
+  if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) throw std::runtime_error("the unprivileged child failed");
+  return output;
+}
+
+void giveToNobody(const std::string& path) {
+  ::nftw(
+      path.c_str(),
+      [](const char* name, const struct stat*, int, FTW*) {
+        return ::lchown(name, kNobody, kNobody) == 0 ? 0 : 1;
+      },
+      32, FTW_PHYS);
+}
+
+}  // namespace corvane::cleaner_test
