@@ -3,7 +3,9 @@
 #include <CLI/CLI.hpp>
 
 #include "app/commands.h"
+#include "app/global_options.h"
 #include "app/headless_modes.h"
+#include "app/localized_cli.h"
 #include "app/user_output.h"
 #include "support/diagnostic_log.h"
 #include "support/localization.h"
@@ -12,16 +14,23 @@ namespace corvane {
 
 int runCommandLine(int argc, char** argv) {
   if (auto status = runHeadlessMode(argc, argv)) return *status;
+  // --lang must be in force before the first text (the help included) is looked up.
+  if (auto status = applyEarlyGlobalOptions(argc, argv)) return *status;
 
   CLI::App app{localized("app.cli.description"), "corvane"};
+  localizeParserTexts(app);
   app.require_subcommand(1);
-  app.set_version_flag("--version", CORVANE_VERSION);
+  app.set_version_flag("--version", CORVANE_VERSION, localized("cli.option.version"));
   bool verbose = false;
   app.add_flag("-v,--verbose", verbose, localized("cli.option.verbose"));
+  addLanguageOption(app);
 
   CommandRegistry registry;
   addScanCommand(app, registry);
+  addLanguageCommand(app, registry);
   addCleanCommand(app, registry);
+  // After every subcommand is registered.
+  localizeSubcommandTexts(app);
 
   try {
     app.parse(argc, argv);
