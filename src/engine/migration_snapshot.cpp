@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <optional>
 #include <vector>
 
 #include "engine/migration_integrity_verifier.h"
@@ -35,56 +36,63 @@ class SnapshotWalk {
       : runtime_(runtime), readable_(readable), removable_(removable), visited_(visited), user_(getuid()) {}
 
   MigrationManifest run(const std::string& root) {
-    visit(AT_FDCWD, root, root, "", ParentAccess{}, 0);
+    visit(AT_FDCWD, root, "", std::string(), ParentAccess{}, 0);
     return std::move(manifest_);
   }
 
  private:
-  // `lookupDirectory` + `name` reaches the object; `path` is its absolute path for messages.
-  void visit(int lookupDirectory, const std::string& name, const std::string& path, const std::string& relativePath,
+  // `lookupDirectory` + `name` reaches the object; `parentPath` + "/" + `name` is its absolute
+  // path, only built when a message or a path-based check needs it.
+  void visit(int lookupDirectory, const std::string& name, const std::string& parentPath, std::string relativePath,
              const ParentAccess& parent, int depth) {
+    auto pathOf = [&] { return parentPath.empty() ? name : parentPath == "/" ? "/" + name : parentPath + "/" + name; };
     auto status = platform::statNoFollow(lookupDirectory, name);
-    if (!status) throw MigrationIssue("error.migration_source_changed", path);
+    if (!status) throw MigrationIssue("error.migration_source_changed", pathOf());
     const auto kind = MigrationEntry::kindOfMode(status->mode);
     std::optional<std::string> linkText;
     if (kind == MigrationEntry::Kind::symbolicLink) linkText = platform::readLinkText(lookupDirectory, name);
     MigrationEntry entry = entryFromStatus(*status, std::move(linkText));
 
-    checkKind(entry, path);
-    if (readable_ == ReadableCheck::check && kind == MigrationEntry::Kind::regular) checkReadable(lookupDirectory, name, path);
-    if (removable_ == RemovableCheck::check) checkRemovable(entry, *status, path, relativePath, parent);
-
-    manifest_.insert_or_assign(relativePath, std::move(entry));
-    if (visited_) visited_(relativePath);
-    if (kind == MigrationEntry::Kind::directory) visitChildren(lookupDirectory, name, path, relativePath, *status, depth);
-  }
-
-  void checkKind(const MigrationEntry& entry, const std::string& path) const {
-    if (runtime_ == RuntimeEntries::allow) return;
-    using Kind = MigrationEntry::Kind;
-    if (entry.kind == Kind::special || entry.kind == Kind::socket || entry.kind == Kind::fifo) {
-      throw MigrationIssue("error.migration_special_file", path);
+    if (runtime_ == RuntimeEntries::refuse && isRuntimeKind(kind)) throw MigrationIssue("error.migration_special_file", pathOf());
+    if (readable_ == ReadableCheck::check && kind == MigrationEntry::Kind::regular && !canOpen(lookupDirectory, name)) {
+      throw MigrationIssue("migration.preflight.unreadable", pathOf());
     }
+    if (removable_ == RemovableCheck::check) {
+      if (auto key = removableFailure(entry, *status, lookupDirectory, name, relativePath.empty(), parent)) {
+        throw MigrationIssue(*key, pathOf());
+      }
+    }
+
+    const bool directory = kind == MigrationEntry::Kind::directory;
+    auto stored = manifest_.insert_or_assign(std::move(relativePath), std::move(entry)).first;
+    if (visited_) visited_(stored->first);
+    if (directory) visitChildren(lookupDirectory, name, pathOf(), stored->first, *status, depth);
   }
 
-  static void checkReadable(int lookupDirectory, const std::string& name, const std::string& path) {
+  static bool isRuntimeKind(MigrationEntry::Kind kind) {
+    using Kind = MigrationEntry::Kind;
+    return kind == Kind::special || kind == Kind::socket || kind == Kind::fifo;
+  }
+
+  static bool canOpen(int lookupDirectory, const std::string& name) {
     // Opening proves the permission; O_NONBLOCK keeps a file with mandatory locks or a slow
     // device from stalling the scan.
     int fd = openat(lookupDirectory, name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
-    if (fd < 0 || close(fd) != 0) throw MigrationIssue("migration.preflight.unreadable", path);
+    return fd >= 0 && close(fd) == 0;
   }
 
-  void checkRemovable(const MigrationEntry& entry, const platform::FileStatus& status, const std::string& path,
-                      const std::string& relativePath, const ParentAccess& parent) const {
-    if (entry.flags & platform::kLockedFlagsMask) throw MigrationIssue("migration.preflight.locked", path);
-    if (entry.kind == MigrationEntry::Kind::directory &&
-        !(platform::isWritable(path) && platform::isExecutable(path))) {
-      throw MigrationIssue("migration.preflight.not_removable", path);
+  std::optional<const char*> removableFailure(const MigrationEntry& entry, const platform::FileStatus& status,
+                                              int lookupDirectory, const std::string& name, bool isRoot,
+                                              const ParentAccess& parent) const {
+    if (entry.flags & platform::kLockedFlagsMask) return "migration.preflight.locked";
+    if (entry.kind == MigrationEntry::Kind::directory && !platform::isWritableAndSearchableAt(lookupDirectory, name)) {
+      return "migration.preflight.not_removable";
     }
-    if (relativePath.empty() || entry.kind == MigrationEntry::Kind::symbolicLink) return;
+    if (isRoot || entry.kind == MigrationEntry::Kind::symbolicLink) return std::nullopt;
     bool deletable = parent.writableAndSearchable;
     if (deletable && parent.sticky) deletable = user_ == 0 || user_ == status.uid || user_ == parent.owner;
-    if (!deletable) throw MigrationIssue("migration.preflight.not_removable", path);
+    if (!deletable) return "migration.preflight.not_removable";
+    return std::nullopt;
   }
 
   void visitChildren(int lookupDirectory, const std::string& name, const std::string& path,
@@ -104,7 +112,7 @@ class SnapshotWalk {
 
     ParentAccess access;
     if (removable_ == RemovableCheck::check) {
-      access.writableAndSearchable = platform::isWritable(path) && platform::isExecutable(path);
+      access.writableAndSearchable = platform::isWritableAndSearchableAt(directory.get(), ".");
       access.sticky = (status.mode & S_ISVTX) != 0;
       access.owner = status.uid;
     }
@@ -112,9 +120,11 @@ class SnapshotWalk {
     if (!byDescriptor) directory.reset();
     const std::string prefix = relativePath.empty() ? std::string() : relativePath + "/";
     for (const auto& child : names) {
-      const std::string childPath = path == "/" ? "/" + child : path + "/" + child;
-      visit(byDescriptor ? directory.get() : AT_FDCWD, byDescriptor ? child : childPath, childPath, prefix + child,
-            access, depth + 1);
+      if (byDescriptor) {
+        visit(directory.get(), child, path, prefix + child, access, depth + 1);
+      } else {
+        visit(AT_FDCWD, path == "/" ? "/" + child : path + "/" + child, "", prefix + child, access, depth + 1);
+      }
     }
   }
 

@@ -1,5 +1,6 @@
 #include "platform/file_access.h"
 
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -16,6 +17,10 @@ std::string parentOf(const std::string& path) {
 }  // namespace
 
 bool isWritable(const std::string& path) { return access(path.c_str(), W_OK) == 0; }
+
+bool isWritableAndSearchableAt(int directoryDescriptor, const std::string& name) {
+  return faccessat(directoryDescriptor, name.c_str(), W_OK | X_OK, 0) == 0;
+}
 
 bool isExecutable(const std::string& path) { return access(path.c_str(), X_OK) == 0; }
 
