@@ -1,0 +1,301 @@
+// The recursive copier on Linux: a depth-first walk over open directory descriptors on both
+// sides, so nothing on either side is ever reached through a link, and a destination that
+// already exists is never written into.
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
+#include <sys/xattr.h>
+#include <unistd.h>
+
+#include <memory>
+#include <vector>
+
+#include "platform/file_system.h"
+#include "platform/posix_error.h"
+#include "platform/tree_copier.h"
+#include "platform/unique_fd.h"
+
+namespace corvane::platform {
+namespace {
+
+constexpr std::size_t kChunkSize = 1 << 20;
+
+std::string childPath(const std::string& parent, const std::string& name) {
+  return parent == "/" ? "/" + name : parent + "/" + name;
+}
+
+// Stops the walk after the callback said quit; carries no errno of its own.
+struct CopyCancelled {};
+
+class TreeCopy {
+ public:
+  explicit TreeCopy(const CopyCallback& callback) : callback_(callback), buffer_(new char[kChunkSize]) {}
+
+  void run(const std::string& source, const std::string& destination) {
+    if (statNoFollow(AT_FDCWD, destination)) fail(CopyWhat::recurseFile, EEXIST, source, destination, destination);
+    try {
+      copyEntry(AT_FDCWD, source, source, AT_FDCWD, destination, destination);
+    } catch (const CopyCancelled&) {
+      throwErrno(ECANCELED, destination);
+    }
+  }
+
+ private:
+  CopyAnswer notify(CopyWhat what, CopyStage stage, const std::string& source, const std::string& destination,
+                    std::int64_t copied = 0, int error = 0) {
+    if (!callback_) return CopyAnswer::proceed;
+    return callback_(CopyEvent{what, stage, source, destination, copied, error});
+  }
+
+  // Tells the callback and throws; a callback that answers skip lets the walk go on instead.
+  bool failOrSkip(CopyWhat what, int error, const std::string& source, const std::string& destination,
+                  const std::string& concerned) {
+    const CopyAnswer answer = notify(what, CopyStage::error, source, destination, 0, error);
+    if (answer == CopyAnswer::skip) return true;
+    if (answer == CopyAnswer::quit) throw CopyCancelled{};
+    throwErrno(error, concerned);
+  }
+
+  [[noreturn]] void fail(CopyWhat what, int error, const std::string& source, const std::string& destination,
+                         const std::string& concerned) {
+    notify(what, CopyStage::error, source, destination, 0, error);
+    throwErrno(error, concerned);
+  }
+
+  void proceedOrStop(CopyAnswer answer) {
+    if (answer == CopyAnswer::quit) throw CopyCancelled{};
+  }
+
+  void copyEntry(int sourceDirectory, const std::string& sourceName, const std::string& sourcePath,
+                 int destinationDirectory, const std::string& destinationName, const std::string& destinationPath) {
+    struct stat st {};
+    if (fstatat(sourceDirectory, sourceName.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0) {
+      if (failOrSkip(CopyWhat::recurseFile, errno, sourcePath, destinationPath, sourcePath)) return;
+    }
+    if (S_ISDIR(st.st_mode)) {
+      copyDirectory(sourceDirectory, sourceName, sourcePath, destinationDirectory, destinationName, destinationPath, st);
+      return;
+    }
+    const CopyAnswer answer = notify(CopyWhat::recurseFile, CopyStage::start, sourcePath, destinationPath);
+    proceedOrStop(answer);
+    if (answer == CopyAnswer::skip) return;
+    int error = 0;
+    switch (st.st_mode & S_IFMT) {
+      case S_IFREG: error = copyRegular(sourceDirectory, sourceName, sourcePath, destinationDirectory, destinationName, destinationPath, st); break;
+      case S_IFLNK: error = copyLink(sourceDirectory, sourceName, destinationDirectory, destinationName, destinationPath, st); break;
+      case S_IFSOCK: return;  // a socket is an endpoint of a running program, not data
+      default: error = copyNode(destinationDirectory, destinationName, destinationPath, sourcePath, st); break;
+    }
+    if (error != 0) {
+      if (failOrSkip(CopyWhat::recurseFile, error, sourcePath, destinationPath, destinationPath)) return;
+    }
+    proceedOrStop(notify(CopyWhat::recurseFile, CopyStage::finish, sourcePath, destinationPath));
+  }
+
+  void copyDirectory(int sourceDirectory, const std::string& sourceName, const std::string& sourcePath,
+                     int destinationDirectory, const std::string& destinationName, const std::string& destinationPath,
+                     const struct stat& st) {
+    const CopyAnswer answer = notify(CopyWhat::recurseDirectory, CopyStage::start, sourcePath, destinationPath);
+    proceedOrStop(answer);
+    if (answer == CopyAnswer::skip) return;
+    UniqueFd source(openat(sourceDirectory, sourceName.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    struct stat opened {};
+    if (!source || fstat(source.get(), &opened) != 0) {
+      if (failOrSkip(CopyWhat::recurseDirectory, errno, sourcePath, destinationPath, sourcePath)) return;
+    }
+    if (opened.st_ino != st.st_ino || opened.st_dev != st.st_dev) {
+      if (failOrSkip(CopyWhat::recurseDirectory, ESTALE, sourcePath, destinationPath, sourcePath)) return;
+    }
+    // Owner-only while it fills, so nobody else can put anything into it meanwhile.
+    if (mkdirat(destinationDirectory, destinationName.c_str(), 0700) != 0) {
+      if (failOrSkip(CopyWhat::recurseDirectory, errno, sourcePath, destinationPath, destinationPath)) return;
+    }
+    UniqueFd destination(
+        openat(destinationDirectory, destinationName.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    if (!destination) fail(CopyWhat::recurseDirectory, errno, sourcePath, destinationPath, destinationPath);
+
+    for (const auto& name : listNames(source.get(), sourcePath, destinationPath)) {
+      copyEntry(source.get(), name, childPath(sourcePath, name), destination.get(), name,
+                childPath(destinationPath, name));
+    }
+    if (int error = copyAttributes(source.get(), destination.get(), sourcePath); error != 0) {
+      fail(CopyWhat::recurseDirectoryCleanup, error, sourcePath, destinationPath, destinationPath);
+    }
+    if (int error = applyMetadata(destination.get(), st); error != 0) {
+      fail(CopyWhat::recurseDirectoryCleanup, error, sourcePath, destinationPath, destinationPath);
+    }
+    proceedOrStop(notify(CopyWhat::recurseDirectoryCleanup, CopyStage::finish, sourcePath, destinationPath));
+  }
+
+  std::vector<std::string> listNames(int directory, const std::string& sourcePath, const std::string& destinationPath) {
+    int listing = dup(directory);
+    DIR* stream = listing >= 0 ? fdopendir(listing) : nullptr;
+    if (stream == nullptr) {
+      const int error = errno;
+      if (listing >= 0) close(listing);
+      fail(CopyWhat::recurseDirectory, error, sourcePath, destinationPath, sourcePath);
+    }
+    std::vector<std::string> names;
+    errno = 0;
+    while (dirent* item = readdir(stream)) {
+      const char* name = item->d_name;
+      if (name[0] == '.' && (name[1] == '\0' || (name[1] == '.' && name[2] == '\0'))) continue;
+      names.emplace_back(name);
+      errno = 0;
+    }
+    const int error = errno;
+    closedir(stream);
+    if (error != 0) fail(CopyWhat::recurseDirectory, error, sourcePath, destinationPath, sourcePath);
+    return names;
+  }
+
+  int copyRegular(int sourceDirectory, const std::string& sourceName, const std::string& sourcePath,
+                  int destinationDirectory, const std::string& destinationName, const std::string& destinationPath,
+                  const struct stat& st) {
+    UniqueFd in(openat(sourceDirectory, sourceName.c_str(), O_RDONLY | O_NOFOLLOW | O_NOCTTY | O_CLOEXEC));
+    if (!in) return errno;
+    struct stat opened {};
+    if (fstat(in.get(), &opened) != 0) return errno;
+    if (opened.st_ino != st.st_ino || opened.st_dev != st.st_dev) return ESTALE;
+    UniqueFd out(openat(destinationDirectory, destinationName.c_str(),
+                        O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
+    if (!out) return errno;
+    posix_fadvise(in.get(), 0, 0, POSIX_FADV_SEQUENTIAL);
+    if (int error = copyData(in.get(), out.get(), opened.st_size, sourcePath, destinationPath); error != 0) return error;
+    if (ftruncate(out.get(), opened.st_size) != 0) return errno;
+    proceedOrStop(notify(CopyWhat::copyData, CopyStage::finish, sourcePath, destinationPath, opened.st_size));
+    if (int error = copyAttributes(in.get(), out.get(), sourcePath); error != 0) return error;
+    if (int error = applyMetadata(out.get(), st); error != 0) return error;
+    // A failed close can be the first report of data that never reached the volume.
+    if (out.close() != 0) return errno;
+    return 0;
+  }
+
+  // Copies the data regions only, so holes stay holes; the final size is set by the caller.
+  int copyData(int in, int out, off_t size, const std::string& sourcePath, const std::string& destinationPath) {
+    off_t offset = 0;
+    while (offset < size) {
+      off_t dataStart = lseek(in, offset, SEEK_DATA);
+      if (dataStart < 0) {
+        if (errno == ENXIO) break;  // only a hole remains
+        if (errno != EINVAL && errno != EOPNOTSUPP) return errno;
+        dataStart = offset;  // no hole support: everything is data
+      }
+      off_t dataEnd = lseek(in, dataStart, SEEK_HOLE);
+      if (dataEnd < 0) dataEnd = size;
+      if (dataEnd > size) dataEnd = size;
+      if (int error = copyRange(in, out, dataStart, dataEnd, sourcePath, destinationPath); error != 0) return error;
+      offset = dataEnd;
+    }
+    return 0;
+  }
+
+  int copyRange(int in, int out, off_t start, off_t end, const std::string& sourcePath,
+                const std::string& destinationPath) {
+    off_t position = start;
+    while (position < end) {
+      const std::size_t want = static_cast<std::size_t>(std::min<off_t>(end - position, kChunkSize));
+      ssize_t copied = -1;
+      if (kernelCopy_) {
+        loff_t inOffset = position, outOffset = position;
+        copied = copy_file_range(in, &inOffset, out, &outOffset, want, 0);
+        if (copied < 0 && (errno == EXDEV || errno == EINVAL || errno == ENOSYS || errno == EOPNOTSUPP)) {
+          kernelCopy_ = false;  // this pair of volumes cannot copy in the kernel; stop asking
+        } else if (copied < 0) {
+          return errno;
+        }
+      }
+      if (!kernelCopy_) {
+        copied = pread(in, buffer_.get(), want, position);
+        if (copied < 0) {
+          if (errno == EINTR) continue;
+          return errno;
+        }
+        for (ssize_t written = 0; written < copied;) {
+          ssize_t n = pwrite(out, buffer_.get() + written, static_cast<std::size_t>(copied - written), position + written);
+          if (n < 0) {
+            if (errno == EINTR) continue;
+            return errno;
+          }
+          written += n;
+        }
+      }
+      if (copied == 0) return ESTALE;  // the file shrank while it was copied
+      position += copied;
+      proceedOrStop(notify(CopyWhat::copyData, CopyStage::progress, sourcePath, destinationPath, position));
+    }
+    return 0;
+  }
+
+  int copyLink(int sourceDirectory, const std::string& sourceName, int destinationDirectory,
+               const std::string& destinationName, const std::string& destinationPath, const struct stat& st) {
+    char target[4097];
+    ssize_t length = readlinkat(sourceDirectory, sourceName.c_str(), target, sizeof target - 1);
+    if (length < 0) return errno;
+    target[length] = '\0';
+    if (symlinkat(target, destinationDirectory, destinationName.c_str()) != 0) return errno;
+    if (fchownat(destinationDirectory, destinationName.c_str(), st.st_uid, st.st_gid, AT_SYMLINK_NOFOLLOW) != 0 &&
+        !(errno == EPERM && geteuid() != 0)) {
+      return errno;
+    }
+    struct timespec times[2] = {st.st_atim, st.st_mtim};
+    if (utimensat(destinationDirectory, destinationName.c_str(), times, AT_SYMLINK_NOFOLLOW) != 0) return errno;
+    (void)destinationPath;
+    return 0;
+  }
+
+  // FIFOs and device nodes: the object itself, then owner, mode, attributes and times.
+  int copyNode(int destinationDirectory, const std::string& destinationName, const std::string& destinationPath,
+               const std::string& sourcePath, const struct stat& st) {
+    if (mknodat(destinationDirectory, destinationName.c_str(), (st.st_mode & S_IFMT) | 0600, st.st_rdev) != 0) return errno;
+    try {
+      for (const auto& name : listExtendedAttributes(sourcePath)) {
+        writeExtendedAttribute(destinationPath, name, readExtendedAttribute(sourcePath, name));
+      }
+    } catch (const PosixError& error) {
+      return error.errnoValue();
+    }
+    if (fchownat(destinationDirectory, destinationName.c_str(), st.st_uid, st.st_gid, AT_SYMLINK_NOFOLLOW) != 0 &&
+        !(errno == EPERM && geteuid() != 0)) {
+      return errno;
+    }
+    if (fchmodat(destinationDirectory, destinationName.c_str(), st.st_mode & 07777, 0) != 0) return errno;
+    struct timespec times[2] = {st.st_atim, st.st_mtim};
+    if (utimensat(destinationDirectory, destinationName.c_str(), times, AT_SYMLINK_NOFOLLOW) != 0) return errno;
+    return 0;
+  }
+
+  // Every extended attribute, POSIX ACLs included (they are attributes on Linux).
+  static int copyAttributes(int in, int out, const std::string& sourcePath) {
+    try {
+      for (const auto& name : listExtendedAttributes(in, sourcePath)) {
+        writeExtendedAttribute(out, name, readExtendedAttribute(in, name, sourcePath), sourcePath);
+      }
+    } catch (const PosixError& error) {
+      return error.errnoValue();
+    }
+    return 0;
+  }
+
+  // Owner before mode (a change of owner clears set-id bits), times last.
+  static int applyMetadata(int fd, const struct stat& st) {
+    if (fchown(fd, st.st_uid, st.st_gid) != 0 && !(errno == EPERM && geteuid() != 0)) return errno;
+    if (fchmod(fd, st.st_mode & 07777) != 0) return errno;
+    struct timespec times[2] = {st.st_atim, st.st_mtim};
+    if (futimens(fd, times) != 0) return errno;
+    return 0;
+  }
+
+  const CopyCallback& callback_;
+  std::unique_ptr<char[]> buffer_;
+  bool kernelCopy_ = true;
+};
+
+}  // namespace
+
+void copyTree(const std::string& source, const std::string& destination, const CopyCallback& callback) {
+  TreeCopy(callback).run(source, destination);
+}
+
+}  // namespace corvane::platform
