@@ -27,6 +27,7 @@ int runCommandLine(int argc, char** argv) {
 
   CommandRegistry registry;
   addScanCommand(app, registry);
+  addCheckCommand(app, registry);
   addLanguageCommand(app, registry);
   addCleanCommand(app, registry);
   // After every subcommand is registered.

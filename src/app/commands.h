@@ -27,6 +27,7 @@ class CommandRegistry {
 };
 
 void addScanCommand(CLI::App& app, CommandRegistry& registry);
+void addCheckCommand(CLI::App& app, CommandRegistry& registry);
 void addLanguageCommand(CLI::App& app, CommandRegistry& registry);
 void addCleanCommand(CLI::App& app, CommandRegistry& registry);
 

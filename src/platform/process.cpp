@@ -78,6 +78,7 @@ struct ChildProcess::State {
   std::string output;
   std::string error;
   bool truncated = false;
+  bool readFailed = false;
   bool readersDone = false;
 
   UniqueFd outputRead;
@@ -116,7 +117,11 @@ struct ChildProcess::State {
         ssize_t n = ::read(fd.get(), buffer, sizeof buffer);
         if (n > 0) {
           append(target, buffer, static_cast<std::size_t>(n));
-        } else if (n == 0 || (errno != EINTR && errno != EAGAIN)) {
+        } else if (n == 0) {
+          fd.reset();
+        } else if (errno != EINTR && errno != EAGAIN) {
+          std::lock_guard lock(mutex);
+          readFailed = true;
           fd.reset();
         }
       };
@@ -302,6 +307,11 @@ bool ChildProcess::outputTruncated() const {
   return state_->truncated;
 }
 
+bool ChildProcess::outputReadFailed() const {
+  std::lock_guard lock(state_->mutex);
+  return state_->readFailed;
+}
+
 ProcessResult runProcess(const ProcessRequest& request, const ProcessDeadlines& deadlines) {
   ChildProcess child = ChildProcess::spawn(request);
   ProcessResult result;
@@ -320,6 +330,7 @@ ProcessResult runProcess(const ProcessRequest& request, const ProcessDeadlines& 
   result.standardOutput = child.standardOutput();
   result.standardError = child.standardError();
   result.outputTruncated = child.outputTruncated();
+  result.outputReadFailed = child.outputReadFailed();
   return result;
 }
 

@@ -57,6 +57,8 @@ class ChildProcess {
   std::string standardOutput() const;
   std::string standardError() const;
   bool outputTruncated() const;
+  // A read from an output pipe failed (not end of file): what was collected may be incomplete.
+  bool outputReadFailed() const;
 
  private:
   struct State;
@@ -77,6 +79,7 @@ struct ProcessResult {
   bool timedOut = false;          // the exit bound ran out and the child was stopped
   bool readersTimedOut = false;   // the output pipes stayed open past their bound
   bool outputTruncated = false;
+  bool outputReadFailed = false;
   std::string standardOutput;
   std::string standardError;
 };
