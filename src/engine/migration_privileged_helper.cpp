@@ -75,13 +75,16 @@ int runExchangeHelper(const std::vector<std::string>& arguments, std::ostream& o
   const std::string& first = arguments[1];
   const std::string& second = arguments[2];
   const std::string parent = parentPath(first);
-  const std::pair<const std::string*, const std::string*> checks[] = {
-      {&parent, &arguments[3]}, {&first, &arguments[4]}, {&second, &arguments[5]}};
-  for (const auto& [path, text] : checks) {
-    auto expected = parseIdentity(*text);
-    if (!expected) return usage(out);
-    if (!stillIdentical(*path, *expected)) {
-      return finish(out, HelperExit::identityChanged, {{"result", "identity_changed"}, {"path", *path}});
+  const std::string* paths[] = {&parent, &first, &second};
+  MigrationFileIdentity expected[3];
+  for (std::size_t i = 0; i < 3; ++i) {
+    auto parsed = parseIdentity(arguments[3 + i]);
+    if (!parsed) return usage(out);
+    expected[i] = *parsed;
+  }
+  for (std::size_t i = 0; i < 3; ++i) {
+    if (!stillIdentical(*paths[i], expected[i])) {
+      return finish(out, HelperExit::identityChanged, {{"result", "identity_changed"}, {"path", *paths[i]}});
     }
   }
   try {

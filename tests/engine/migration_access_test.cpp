@@ -1,0 +1,345 @@
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include "engine/migration_access.h"
+#include "engine/migration_integrity_verifier.h"
+#include "engine/migration_link_plan.h"
+#include "engine/privileged_test_support.h"
+#include "fixtures/corvane_binary.h"
+#include "fixtures/sample_tree.h"
+#include "fixtures/temporary_directory.h"
+#include "fixtures/test_volume.h"
+#include "platform/file_system.h"
+
+namespace corvane {
+namespace {
+
+using Kind = MigrationEntry::Kind;
+
+MigrationManifest scanned(const std::string& root) {
+  return MigrationIntegrityVerifier::snapshot(root, RuntimeEntries::allow, ReadableCheck::skip, RemovableCheck::skip);
+}
+
+std::vector<std::string> namesIn(const std::string& directory) {
+  std::vector<std::string> names;
+  for (const auto& [path, entry] : scanned(directory)) {
+    if (!path.empty() && path.find('/') == std::string::npos) names.push_back(path);
+  }
+  return names;
+}
+
+std::optional<MigrationEntry> entryAt(const std::string& path) { return MigrationEntry::read(path, AT_FDCWD); }
+
+// Runs every command as if the dialog had been dismissed.
+class DismissedDialog final : public platform::AdministratorRunner {
+ public:
+  platform::AdministratorResult run(const std::string&) override {
+    platform::ProcessRequest request;
+    request.executable = "/bin/sh";
+    request.arguments = {"-c", "exit 126"};
+    auto result = platform::runProcess(request);
+    return platform::interpretShellLauncherResult(result.exit, result.standardOutput);
+  }
+};
+
+// An item on an internal volume, its copy on an external one, and the means to go through the
+// administrator path as root: a permission reference on a read-only volume (so the item counts
+// as not deletable) and a runner that runs the exact command texts.
+class AccessFixture : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    try {
+      internal_ = TestVolume::create(VolumeKind::ext4);
+      external_ = TestVolume::create(VolumeKind::xfs);
+    } catch (const VolumeUnavailable& unavailable) {
+      GTEST_SKIP() << "needs ext4 and xfs volumes: " << unavailable.what();
+    }
+    makeDirectories(internal_->child("Applications"));
+    makeDirectories(external_->child("Applications"));
+  }
+
+  void makeItem(const std::string& name) {
+    source_ = internal_->child("Applications/" + name);
+    buildSampleTree(source_);
+    writeFile(internal_->child("outside.txt"), "outside\n");
+    manifest_ = scanned(source_);
+    target_ = external_->child("Applications/" + name);
+    copyTree(source_, target_);
+  }
+
+  void useAdministrator() {
+    readOnly_ = TestVolume::create(VolumeKind::tmpfs);
+    writeFile(readOnly_->child("reference"), "");
+    remountReadOnly(*readOnly_);
+    permissionReference_ = readOnly_->child("reference");
+    runner_ = std::make_shared<ShellAdministratorRunner>();
+  }
+
+  MigrationAccess::Configuration configuration() const {
+    MigrationAccess::Configuration configuration;
+    configuration.administrator = runner_;
+    configuration.commands = MigrationPrivilegedCommands(platform::PrivilegedCommandStyle::corvaneHelper, corvaneBinaryPath());
+    return configuration;
+  }
+
+  MigrationAccess access() const {
+    return MigrationAccess(source_, manifest_.at(""), permissionReference_, configuration());
+  }
+
+  bool ranCommandContaining(const std::string& part) const {
+    for (const auto& command : runner_->commands) {
+      if (command.find(part) != std::string::npos) return true;
+    }
+    return false;
+  }
+
+  std::vector<std::string> leftovers() const {
+    std::vector<std::string> found;
+    for (const auto& name : namesIn(internal_->child("Applications"))) {
+      if (name.find(".corvane") != std::string::npos) found.push_back(name);
+    }
+    return found;
+  }
+
+  // The whole forward switch, ending with the original removed.
+  void migrate(MigrationAccess& access) {
+    access.prepare();
+    EXPECT_TRUE(leftovers().empty()) << "the rehearsal removes its probe directory";
+    const std::string backup = access.install(target_, {});
+    EXPECT_EQ(entryAt(backup)->identity(), manifest_.at("").identity());
+    auto link = entryAt(source_);
+    ASSERT_EQ(link->kind, Kind::symbolicLink);
+    EXPECT_EQ(*link->link, target_);
+    std::vector<std::string> checked;
+    access.cleanupBackup(backup, manifest_, {}, MigrationLinkPlan::relocatedTargets(source_, manifest_),
+                         [&](const std::string& path) { checked.push_back(path); });
+    EXPECT_EQ(checked.size(), manifest_.size());
+    EXPECT_FALSE(entryAt(backup));
+    EXPECT_TRUE(leftovers().empty());
+    EXPECT_EQ(readFile(source_ + "/Contents/Info.plist"), "<plist>sample</plist>\n");
+  }
+
+  std::unique_ptr<TestVolume> internal_;
+  std::unique_ptr<TestVolume> external_;
+  std::unique_ptr<TestVolume> readOnly_;
+  std::string source_;
+  std::string target_;
+  MigrationManifest manifest_;
+  std::optional<std::string> permissionReference_;
+  std::shared_ptr<ShellAdministratorRunner> runner_;
+};
+
+TEST_F(AccessFixture, AsTheUserItRehearsesSwitchesAndRemovesTheOriginal) {
+  makeItem("Item.app");
+  MigrationAccess access = this->access();
+  EXPECT_FALSE(access.usesAdministrator());
+  migrate(access);
+}
+
+TEST_F(AccessFixture, ThroughTheAdministratorEveryStepRunsAsACommand) {
+  useAdministrator();
+  // Every character a shell or a script literal could trip over.
+  makeItem("It's \"odd\" \\ back\nslash 中文 space.app");
+  MigrationAccess access = this->access();
+  EXPECT_TRUE(access.usesAdministrator());
+  migrate(access);
+  EXPECT_EQ(runner_->commands.front().rfind("set -e; /bin/mkdir -m 700 ", 0), 0u);
+  EXPECT_TRUE(ranCommandContaining("--corvane-exchange --rehearse"));
+  EXPECT_TRUE(ranCommandContaining("--corvane-file-operation createSymbolicLinkAtPathWithDestinationPathError"));
+  EXPECT_TRUE(ranCommandContaining("--corvane-exchange --checked"));
+  EXPECT_EQ(runner_->commands.back().rfind("/bin/rmdir ", 0), 0u);
+}
+
+TEST_F(AccessFixture, TheWayBackExchangesTheCopyForTheLinkAndRemovesTheExternalData) {
+  for (bool administrator : {false, true}) {
+    SCOPED_TRACE(administrator ? "administrator" : "user");
+    if (administrator) useAdministrator();
+    makeItem(administrator ? "Back 'again'.app" : "Back.app");
+    {
+      MigrationAccess forward = access();
+      migrate(forward);
+    }
+    // The reverse transfer stages a verified copy beside the original path.
+    const std::string staging = internal_->child("Applications/.corvane-transfer-test");
+    makeDirectories(staging);
+    const std::string dataSource = staging + "/" + source_.substr(source_.rfind('/') + 1);
+    copyTree(target_, dataSource);
+    const MigrationEntry copy = *entryAt(dataSource);
+    const MigrationManifest externalManifest = scanned(target_);
+
+    MigrationAccess back(source_, std::nullopt, permissionReference_, configuration());
+    bool hookRan = false;
+    back.restore(copy, dataSource, [&] { hookRan = true; });
+    EXPECT_TRUE(hookRan);
+    EXPECT_EQ(entryAt(source_)->identity(), copy.identity());
+    EXPECT_EQ(entryAt(dataSource)->kind, Kind::symbolicLink);
+    back.cleanupRestoredSource(target_, externalManifest, {}, {}, source_, copy);
+    EXPECT_FALSE(entryAt(target_));
+    EXPECT_EQ(readFile(source_ + "/Contents/Info.plist"), "<plist>sample</plist>\n");
+    ASSERT_EQ(::unlink(dataSource.c_str()), 0);
+    ASSERT_EQ(::rmdir(staging.c_str()), 0);
+  }
+}
+
+TEST_F(AccessFixture, RestoreRefusesALinkOrCopyThatChanged) {
+  makeItem("Item.app");
+  {
+    MigrationAccess forward = access();
+    migrate(forward);
+  }
+  const std::string dataSource = internal_->child("Applications/.corvane-transfer-test");
+  copyTree(target_, dataSource);
+  const MigrationEntry copy = *entryAt(dataSource);
+
+  MigrationAccess back(source_, std::nullopt, std::nullopt, configuration());
+  writeFile(dataSource + "/added-later", "x");
+  // A directory's entry does not move with its children, but its own change does.
+  ASSERT_EQ(::chmod(dataSource.c_str(), 0700), 0);
+  EXPECT_EQ(issueKeyOf([&] { back.restore(copy, dataSource, {}); }), "error.migration_copy_mismatch");
+  ASSERT_EQ(::chmod(dataSource.c_str(), copy.mode), 0);
+
+  // The link replaced by another link with the same text is not the link that was left.
+  ASSERT_EQ(::symlink(target_.c_str(), (source_ + ".new").c_str()), 0);
+  ASSERT_EQ(::rename((source_ + ".new").c_str(), source_.c_str()), 0);
+  EXPECT_EQ(issueKeyOf([&] { back.restore(copy, dataSource, {}); }), "error.migration_restore_conflict");
+  EXPECT_EQ(entryAt(dataSource)->kind, Kind::directory);
+  EXPECT_EQ(entryAt(source_)->kind, Kind::symbolicLink);
+
+  // A real directory where the link was.
+  MigrationAccess forAnotherItem(internal_->child("outside.txt"), std::nullopt, std::nullopt, configuration());
+  EXPECT_EQ(issueKeyOf([&] { forAnotherItem.restore(copy, dataSource, {}); }), "migration.preflight.restore_not_link");
+}
+
+TEST_F(AccessFixture, ALockedItemFailsTheRehearsalBeforeAnyProbeExists) {
+  makeItem("Locked.app");
+  platform::setFileFlags(source_, platform::kSystemImmutable);
+  MigrationAccess access = this->access();
+  EXPECT_EQ(issueKeyOf([&] { access.prepare(); }), "migration.preflight.locked");
+  EXPECT_TRUE(leftovers().empty());
+  platform::setFileFlags(source_, 0);
+}
+
+TEST_F(AccessFixture, ReplacedParentsAndItemsAreNeverTouched) {
+  makeItem("Item.app");
+  EXPECT_EQ(issueKeyOf([&] {
+              MigrationEntry other = manifest_.at("");
+              other.inode += 1;
+              MigrationAccess(source_, other, std::nullopt, configuration());
+            }),
+            "error.migration_source_changed");
+  EXPECT_EQ(issueKeyOf([&] { MigrationAccess(internal_->child("outside.txt/inner")); }), "migration.preflight.parent");
+
+  // The item's directory moved away and another put in its place with an item of the same name.
+  MigrationAccess access = this->access();
+  const std::string parent = internal_->child("Applications");
+  ASSERT_EQ(::rename(parent.c_str(), internal_->child("Applications-moved").c_str()), 0);
+  makeDirectories(source_);
+  for (auto attempt : std::vector<std::function<void()>>{[&] { access.prepare(); }, [&] { access.install(target_, {}); }}) {
+    EXPECT_EQ(issueKeyOf(attempt), "migration.preflight.parent");
+  }
+  EXPECT_EQ(entryAt(source_)->kind, Kind::directory);
+  EXPECT_EQ(entryAt(internal_->child("Applications-moved/Item.app"))->kind, Kind::directory);
+
+  // The item itself replaced after the access was made.
+  ASSERT_EQ(::rmdir(source_.c_str()), 0);
+  ASSERT_EQ(::rmdir(parent.c_str()), 0);
+  ASSERT_EQ(::rename(internal_->child("Applications-moved").c_str(), parent.c_str()), 0);
+  ASSERT_EQ(::rename(source_.c_str(), internal_->child("Applications/Item-moved.app").c_str()), 0);
+  makeDirectories(source_);
+  EXPECT_EQ(issueKeyOf([&] { access.install(target_, {}); }), "error.migration_source_changed");
+  EXPECT_EQ(entryAt(source_)->kind, Kind::directory);
+}
+
+// The privileged exchange re-reads the directory, the item and the link immediately before the
+// swap: any of the three replaced after the command was written stops it with nothing moved.
+TEST_F(AccessFixture, ThePrivilegedExchangeChecksEachIdentityInsideTheHelper) {
+  useAdministrator();
+  const std::string parent = internal_->child("Applications");
+  for (const std::string which : {"parent", "first", "second"}) {
+    SCOPED_TRACE(which);
+    makeDirectories(parent + "/Item");
+    writeFile(parent + "/Item/data", "original");
+    ASSERT_EQ(::symlink("/target", (parent + "/Item.link").c_str()), 0);
+    const MigrationPrivilegedCommands commands(platform::PrivilegedCommandStyle::corvaneHelper, corvaneBinaryPath());
+    const std::string command = commands.exchangeCommand(parent + "/Item", parent + "/Item.link", ExchangeCheck::checked);
+    if (which == "parent") {
+      ASSERT_EQ(::rename(parent.c_str(), internal_->child("Moved").c_str()), 0);
+      makeDirectories(parent + "/Item");
+      ASSERT_EQ(::symlink("/target", (parent + "/Item.link").c_str()), 0);
+    } else if (which == "first") {
+      ASSERT_EQ(::rename((parent + "/Item").c_str(), (parent + "/Item.old").c_str()), 0);
+      makeDirectories(parent + "/Item");
+    } else {
+      ASSERT_EQ(::symlink("/target", (parent + "/Item.link2").c_str()), 0);
+      ASSERT_EQ(::rename((parent + "/Item.link2").c_str(), (parent + "/Item.link").c_str()), 0);
+    }
+    EXPECT_EQ(issueKeyOf([&] { MigrationAccess::runAdministrator(command, *runner_); }),
+              "migration.preflight.authorization_failed");
+    EXPECT_EQ(entryAt(parent + "/Item")->kind, Kind::directory) << "nothing was swapped";
+    EXPECT_EQ(entryAt(parent + "/Item.link")->kind, Kind::symbolicLink);
+    removeTreeForcefully(parent);
+    removeTreeForcefully(internal_->child("Moved"));
+    makeDirectories(parent);
+  }
+
+  // The same through install(): the item replaced just before the command runs.
+  makeItem("Item.app");
+  MigrationAccess access = this->access();
+  runner_->beforeRun = [&](const std::string& command) {
+    if (command.find("--checked") == std::string::npos) return;
+    ASSERT_EQ(::rename(source_.c_str(), (source_ + "-moved").c_str()), 0);
+    makeDirectories(source_);
+    writeFile(source_ + "/impostor", "x");
+  };
+  EXPECT_EQ(issueKeyOf([&] { access.install(target_, {}); }), "migration.preflight.authorization_failed");
+  EXPECT_EQ(readFile(source_ + "/impostor"), "x");
+  EXPECT_EQ(namesIn(parent), (std::vector<std::string>{"Item.app", "Item.app-moved"})) << "the new link was removed";
+}
+
+TEST_F(AccessFixture, ADismissedDialogDefersAndAFailingCommandIsAnAuthorizationFailure) {
+  useAdministrator();
+  makeItem("Item.app");
+  auto configuration = this->configuration();
+  configuration.administrator = std::make_shared<DismissedDialog>();
+  MigrationAccess access(source_, manifest_.at(""), permissionReference_, configuration);
+  EXPECT_EQ(issueKeyOf([&] { access.prepare(); }), "migration.preflight.deferred");
+  EXPECT_EQ(issueKeyOf([&] { access.install(target_, {}); }), "migration.preflight.deferred");
+  EXPECT_EQ(entryAt(source_)->kind, Kind::directory);
+  EXPECT_TRUE(leftovers().empty());
+
+  EXPECT_EQ(issueKeyOf([&] { MigrationAccess::runAdministrator("echo refused >&2; exit 3", *runner_); }),
+            "migration.preflight.authorization_failed");
+  EXPECT_NO_THROW(MigrationAccess::runAdministrator("true", *runner_));
+}
+
+TEST_F(AccessFixture, TheCleanUpRemovesNothingUnlessTheWholeTreeIsAsRecorded) {
+  makeItem("Item.app");
+  auto configuration = this->configuration();
+  bool busy = true;
+  configuration.requireIdle = [&](const std::string&, const MigrationManifest&) {
+    if (busy) throw MigrationIssue("migration.preflight.occupancy_unknown");
+  };
+  MigrationAccess access(source_, manifest_.at(""), std::nullopt, configuration);
+  const std::string backup = access.install(target_, {});
+  const auto relocated = MigrationLinkPlan::relocatedTargets(source_, manifest_);
+  auto attempt = [&] { access.cleanupBackup(backup, manifest_, {}, relocated); };
+  const std::size_t count = scanned(backup).size();
+
+  EXPECT_EQ(issueKeyOf(attempt), "migration.preflight.occupancy_unknown");
+  busy = false;
+  writeFile(backup + "/Contents/written-after-the-scan", "new data");
+  EXPECT_EQ(issueKeyOf(attempt), "migration.safety.conflict");
+  ASSERT_EQ(::unlink((backup + "/Contents/written-after-the-scan").c_str()), 0);
+  writeFile(backup + "/Contents/Info.plist", "<plist>changed</plist>\n");
+  EXPECT_EQ(issueKeyOf(attempt), "error.migration_source_changed");
+  EXPECT_EQ(scanned(backup).size(), count) << "nothing was removed";
+  // The link at the item's path must still lead to the copy.
+  ASSERT_EQ(::unlink(source_.c_str()), 0);
+  ASSERT_EQ(::symlink("/elsewhere", source_.c_str()), 0);
+  EXPECT_EQ(issueKeyOf(attempt), "migration.safety.conflict");
+  EXPECT_EQ(scanned(backup).size(), count);
+}
+
+}  // namespace
+}  // namespace corvane
