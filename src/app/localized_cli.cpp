@@ -94,9 +94,8 @@ std::string missingArguments(const CLI::App* app) {
 
 std::string describeFailure(const CLI::App* root, const CLI::Error& error) {
   const CLI::App* current = innermostParsed(root);
-  const std::string name = error.get_name();
   std::string problem;
-  if (name == "RequiredError") {
+  if (dynamic_cast<const CLI::RequiredError*>(&error) != nullptr) {
     const std::string missing = missingArguments(current);
     if (!missing.empty()) {
       problem = localizedFormat("cli.error.missing_argument", missing);
@@ -107,9 +106,11 @@ std::string describeFailure(const CLI::App* root, const CLI::Error& error) {
     } else {
       problem = localizedFormat("cli.error.invalid_arguments", error.what());
     }
-  } else if (name == "ExtrasError") {
+  } else if (dynamic_cast<const CLI::ExtrasError*>(&error) != nullptr) {
     problem = localizedFormat("cli.error.unexpected_argument", joined(root->remaining(true)));
-  } else if (name == "ConversionError" || name == "ValidationError" || name == "ArgumentMismatch") {
+  } else if (dynamic_cast<const CLI::ConversionError*>(&error) != nullptr ||
+             dynamic_cast<const CLI::ValidationError*>(&error) != nullptr ||
+             dynamic_cast<const CLI::ArgumentMismatch*>(&error) != nullptr) {
     problem = localizedFormat("cli.error.invalid_value", error.what());
   } else {
     problem = localizedFormat("cli.error.invalid_arguments", error.what());
