@@ -42,8 +42,12 @@ int changeLanguage(const std::string& value) {
     return kExitFailure;
   }
   // Confirmed in the newly chosen language.
-  printLine(localizedFormat("cli.language.changed", languageDisplayName(*language)));
-  if (*language == Language::system) printLanguageInUse(manager);
+  if (*language == Language::system) {
+    printLine(localized("cli.language.changed_to_system"));
+    printLanguageInUse(manager);
+  } else {
+    printLine(localizedFormat("cli.language.changed", languageDisplayName(*language)));
+  }
   return kExitSuccess;
 }
 

@@ -82,7 +82,10 @@ TEST_F(LanguageCommandTest, AChosenLanguagePersistsAcrossRuns) {
   EXPECT_EQ(savedLanguage(), "zh-Hans");
 
   // Back to following the system, whose language then decides.
-  ASSERT_EQ(run({"language", "system"}).exitStatus, 0);
+  auto toSystem = run({"language", "system"});
+  ASSERT_EQ(toSystem.exitStatus, 0);
+  EXPECT_EQ(toSystem.standardOutput, shipped("en", "cli.language.changed_to_system") + "\n" +
+                                         shipped("en", "cli.language.in_use", {"English"}) + "\n");
   EXPECT_EQ(savedLanguage(), "system");
   auto traditional = run({"language"}, {{"LANG", "zh_TW.UTF-8"}});
   EXPECT_TRUE(contains(traditional.standardOutput, shipped("zh-Hant", "cli.language.in_use", {"繁體中文"})))
