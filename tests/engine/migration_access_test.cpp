@@ -343,3 +343,33 @@ TEST_F(AccessFixture, TheCleanUpRemovesNothingUnlessTheWholeTreeIsAsRecorded) {
 
 }  // namespace
 }  // namespace corvane
+
+namespace corvane {
+namespace {
+
+// FAT can hold neither the link nor the swap: the rehearsal fails in both forms and, either
+// way, leaves no probe directory behind.
+TEST(MigrationAccessRehearsalTest, AVolumeThatCannotSwitchFailsTheRehearsalCleanly) {
+  CORVANE_TEST_VOLUME(fat, VolumeKind::fat);
+  CORVANE_TEST_VOLUME(readOnly, VolumeKind::tmpfs);
+  writeFile(readOnly->child("reference"), "");
+  remountReadOnly(*readOnly);
+  makeDirectories(fat->child("Item"));
+  writeFile(fat->child("Item/data.txt"), "data");
+
+  MigrationAccess::Configuration configuration;
+  configuration.administrator = std::make_shared<ShellAdministratorRunner>();
+  configuration.commands = MigrationPrivilegedCommands(platform::PrivilegedCommandStyle::corvaneHelper, corvaneBinaryPath());
+  MigrationAccess direct(fat->child("Item"), std::nullopt, std::nullopt, configuration);
+  EXPECT_FALSE(direct.usesAdministrator());
+  EXPECT_THROW(direct.prepare(), std::exception);
+  MigrationAccess administrator(fat->child("Item"), std::nullopt, readOnly->child("reference"), configuration);
+  EXPECT_TRUE(administrator.usesAdministrator());
+  EXPECT_EQ(issueKeyOf([&] { administrator.prepare(); }), "migration.preflight.authorization_failed");
+
+  EXPECT_EQ(namesIn(fat->mountPoint()), std::vector<std::string>{"Item"});
+  EXPECT_EQ(readFile(fat->child("Item/data.txt")), "data");
+}
+
+}  // namespace
+}  // namespace corvane
