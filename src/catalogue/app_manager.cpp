@@ -1,0 +1,391 @@
+#include "catalogue/app_manager.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <fmt/format.h>
+#include <system_error>
+
+#include "catalogue/migrated_apps_file.h"
+#include "catalogue/migrated_apps_file_format.h"
+#include "catalogue/migrated_backup_catalog.h"
+#include "platform/file_system.h"
+#include "platform/posix_error.h"
+#include "support/diagnostic_log.h"
+#include "support/paths.h"
+#include "support/uuid.h"
+
+namespace corvane {
+namespace {
+
+constexpr std::string_view kStagingPrefix = ".corvane-transfer-";
+// The mirrored tree below Directories is never deeper than a path on the internal disk.
+constexpr int kMaximumDirectoryDepth = 64;
+
+bool isMissingFile(const std::exception& error) {
+  const auto* system = dynamic_cast<const std::system_error*>(&error);
+  return system != nullptr && system->code() == std::errc::no_such_file_or_directory;
+}
+
+// The conflict test: a record stays when its original place is empty (a dangling link counts
+// as empty) or holds a link; a real object there means the item is back on the internal disk.
+bool originalPlaceIsTaken(const MigratedApp& app) {
+  struct stat followed {};
+  if (::stat(app.originalPath.c_str(), &followed) != 0) return false;
+  struct stat own {};
+  if (::lstat(app.originalPath.c_str(), &own) == 0 && S_ISLNK(own.st_mode)) return false;
+  return true;
+}
+
+std::vector<MigratedApp> withoutConflicts(std::vector<MigratedApp> apps, std::string_view prefix) {
+  std::vector<MigratedApp> kept;
+  kept.reserve(apps.size());
+  for (auto& app : apps) {
+    if (originalPlaceIsTaken(app)) {
+      logWarning(fmt::format("{} {} 原位置存在真实文件，将其视为未迁移", prefix, app.appName));
+      continue;
+    }
+    kept.push_back(std::move(app));
+  }
+  return kept;
+}
+
+struct DirectoryEntry {
+  std::string name;
+  bool isDirectory = false;  // the entry itself, links not followed
+};
+
+// Throws PosixError when the directory cannot be listed.
+std::vector<DirectoryEntry> listDirectory(const std::string& directory) {
+  DIR* stream = ::opendir(directory.c_str());
+  if (stream == nullptr) platform::throwErrno(directory);
+  std::vector<DirectoryEntry> entries;
+  errno = 0;
+  while (const dirent* entry = ::readdir(stream)) {
+    const std::string name = entry->d_name;
+    if (name == "." || name == "..") continue;
+    const auto status = platform::statNoFollow(::dirfd(stream), name);
+    entries.push_back({name, status && S_ISDIR(status->mode)});
+  }
+  ::closedir(stream);
+  std::sort(entries.begin(), entries.end(),
+            [](const DirectoryEntry& first, const DirectoryEntry& second) { return first.name < second.name; });
+  return entries;
+}
+
+// A name of the form <anything>_backup_<timestamp> is a retained older copy.
+bool isBackupName(const std::string& name) {
+  const auto marker = name.rfind(MigratedBackupCatalog::kBackupMarker);
+  if (marker == std::string::npos) return false;
+  return MigratedBackupCatalog::parseTimestamp(
+             std::string_view(name).substr(marker + MigratedBackupCatalog::kBackupMarker.size()))
+      .has_value();
+}
+
+MigratedApp scannedRecord(std::string name, std::string originalPath, std::string targetPath, MigratedItemType type) {
+  MigratedApp app;
+  app.id = makeUuidString();
+  app.appName = std::move(name);
+  app.originalPath = std::move(originalPath);
+  app.targetPath = std::move(targetPath);
+  app.migratedDate = ReferenceDate::now();
+  app.itemType = type;
+  return app;
+}
+
+std::vector<MigratedApp> scanApplications(const std::string& folder) {
+  std::vector<MigratedApp> apps;
+  try {
+    for (const auto& entry : listDirectory(folder)) {
+      const auto dot = entry.name.find_last_of('.');
+      if (dot == std::string::npos || dot == 0 || entry.name.substr(dot + 1) != "app") continue;
+      if (isBackupName(entry.name.substr(0, dot))) continue;
+      apps.push_back(scannedRecord(entry.name, "/Applications/" + entry.name, joinPath(folder, entry.name),
+                                   MigratedItemType::application));
+    }
+  } catch (const std::exception& error) {
+    logWarning(fmt::format("⚠️ 扫描 Applications 目录失败: {}", error.what()));
+  }
+  return apps;
+}
+
+// A folder of the mirrored tree that only leads to migrated items: its original place is a real
+// directory on the internal disk and it holds nothing but folders (hidden entries aside).
+bool isIntermediateFolder(const std::string& folder, const std::string& originalPath) {
+  const auto original = platform::statNoFollow(AT_FDCWD, originalPath);
+  if (!original || !S_ISDIR(original->mode)) return false;
+  bool sawFolder = false;
+  for (const auto& entry : listDirectory(folder)) {
+    if (entry.name.front() == '.') continue;
+    if (!entry.isDirectory) return false;
+    sawFolder = true;
+  }
+  return sawFolder;
+}
+
+void scanMirroredFolder(const std::string& root, const std::string& relative, int depth,
+                        std::vector<MigratedApp>& apps) {
+  const std::string folder = relative.empty() ? root : joinPath(root, relative);
+  for (const auto& entry : listDirectory(folder)) {
+    if (!entry.isDirectory) continue;
+    if (entry.name.compare(0, kStagingPrefix.size(), kStagingPrefix) == 0) continue;
+    if (isBackupName(entry.name)) continue;
+    const std::string childRelative = relative.empty() ? entry.name : joinPath(relative, entry.name);
+    const std::string target = joinPath(root, childRelative);
+    const std::string original = "/" + childRelative;
+    bool descend = false;
+    try {
+      descend = depth < kMaximumDirectoryDepth && isIntermediateFolder(target, original);
+    } catch (const std::exception& error) {
+      logWarning(fmt::format("⚠️ 扫描 Directories 目录失败: {}", error.what()));
+    }
+    if (descend) {
+      scanMirroredFolder(root, childRelative, depth + 1, apps);
+    } else {
+      apps.push_back(scannedRecord(entry.name, original, target, MigratedItemType::directory));
+    }
+  }
+}
+
+std::vector<MigratedApp> scanDirectories(const std::string& folder) {
+  std::vector<MigratedApp> apps;
+  try {
+    scanMirroredFolder(folder, "", 0, apps);
+  } catch (const std::exception& error) {
+    logWarning(fmt::format("⚠️ 扫描 Directories 目录失败: {}", error.what()));
+  }
+  return apps;
+}
+
+}  // namespace
+
+AppManager::AppManager(MainQueue& mainQueue) : mainQueue_(mainQueue) {}
+
+AppManager::~AppManager() { lifetime_.reset(); }
+
+std::size_t AppManager::addObserver(Observer observer) {
+  observers_.emplace_back(nextObserverToken_, std::move(observer));
+  return nextObserverToken_++;
+}
+
+void AppManager::removeObserver(std::size_t token) {
+  std::erase_if(observers_, [token](const auto& entry) { return entry.first == token; });
+}
+
+void AppManager::notify() {
+  // Copied: an observer may add or remove observers.
+  const auto observers = observers_;
+  for (const auto& [token, observer] : observers) observer();
+}
+
+void AppManager::publish(std::vector<MigratedApp> apps) {
+  std::weak_ptr<AppManager*> lifetime = lifetime_;
+  mainQueue_.post([lifetime, apps = std::move(apps)]() mutable {
+    const auto alive = lifetime.lock();
+    if (!alive) return;
+    AppManager& manager = **alive;
+    manager.migratedApps_ = std::move(apps);
+    manager.notify();
+  });
+}
+
+std::string AppManager::getMigratedAppsFilePath(const std::string& disk) {
+  try {
+    MigratedAppsFile::prepareDirectory(disk);
+    logDebug(fmt::format("隐藏目录创建/确认成功: {}", MigratedAppsFile::directoryPath(disk)));
+  } catch (const std::exception& error) {
+    logWarning(fmt::format("创建隐藏目录失败: {}", error.what()));
+  }
+  return MigratedAppsFile::currentPath(disk);
+}
+
+void AppManager::writeMigratedApps(const std::vector<MigratedApp>& apps, const std::string& filePath) {
+  MigratedAppsFile::write(apps, filePath);
+}
+
+void AppManager::loadMigratedApps(const std::optional<std::string>& disk) { publish(loadRecords(disk)); }
+
+std::vector<MigratedApp> AppManager::loadRecords(const std::optional<std::string>& disk) {
+  if (!disk) return {};
+  const std::string filePath = getMigratedAppsFilePath(*disk);
+  try {
+    auto decoded = MigratedAppsFile::read(filePath);
+    const std::size_t decodedCount = decoded.size();
+    auto reconciled = reconcileBackupVersions(withoutConflicts(std::move(decoded), "⚠️ 发现冲突状态:"));
+    if (reconciled.changed) {
+      try {
+        writeMigratedApps(reconciled.apps, filePath);
+        logInfo("📦 已补全历史版本副本记录");
+      } catch (const std::exception& error) {
+        logError(fmt::format("保存补全后的副本记录失败: {}", error.what()));
+      }
+    }
+    logInfo(fmt::format("📋 从隐藏目录记录文件加载了 {} 个有效迁移项目 (过滤前: {})", reconciled.apps.size(),
+                        decodedCount));
+    return std::move(reconciled.apps);
+  } catch (const std::exception& error) {
+    // A disk without records yet is the common case, not a problem.
+    logDiagnostic(isMissingFile(error) ? LogLevel::info : LogLevel::warning,
+                  fmt::format("从隐藏目录加载失败: {}", error.what()));
+  }
+  try {
+    auto legacy = MigratedAppsFile::readLegacy(*disk);
+    auto reconciled = reconcileBackupVersions(withoutConflicts(std::move(legacy), "⚠️ 发现冲突状态 (Legacy):"));
+    migrateRecordsToNewLocation(reconciled.apps, *disk);
+    logInfo(fmt::format("📋 从旧位置加载了 {} 个有效迁移项目", reconciled.apps.size()));
+    return std::move(reconciled.apps);
+  } catch (const std::exception& error) {
+    logDiagnostic(isMissingFile(error) ? LogLevel::info : LogLevel::warning,
+                  fmt::format("从旧位置也加载失败: {}", error.what()));
+  }
+  return scannedRecords(*disk);
+}
+
+void AppManager::migrateRecordsToNewLocation(const std::vector<MigratedApp>& apps, const std::string& disk) {
+  const std::string filePath = getMigratedAppsFilePath(disk);
+  try {
+    writeMigratedApps(apps, filePath);
+    logInfo(fmt::format("✅ 已将记录迁移到新的隐藏目录: {}", filePath));
+  } catch (const std::exception& error) {
+    logError(fmt::format("记录迁移失败: {}", error.what()));
+    return;
+  }
+  try {
+    MigratedAppsFile::removeLegacy(disk);
+    logInfo(fmt::format("✅ 已删除旧记录文件: {}", MigratedAppsFile::legacyPath(disk)));
+  } catch (const std::exception& error) {
+    logWarning(fmt::format("删除旧记录文件失败: {}", error.what()));
+  }
+}
+
+void AppManager::scanTargetDiskForMigratedApps(const std::string& disk) { publish(scannedRecords(disk)); }
+
+std::vector<MigratedApp> AppManager::scannedRecords(const std::string& disk) {
+  auto apps = scanApplications(joinPath(disk, "Applications"));
+  const std::size_t applicationCount = apps.size();
+  auto directories = scanDirectories(joinPath(disk, "Directories"));
+  logInfo(fmt::format("🔍 Applications 目录扫描发现 {} 个应用程序", applicationCount));
+  logInfo(fmt::format("🔍 Directories 目录扫描发现 {} 个目录", directories.size()));
+  for (auto& directory : directories) apps.push_back(std::move(directory));
+  logInfo(fmt::format("🔍 总共扫描发现 {} 个已迁移的项目（应用程序+目录）", apps.size()));
+  return apps;
+}
+
+AppManager::ReconciledApps AppManager::reconcileBackupVersions(std::vector<MigratedApp> apps) {
+  ReconciledApps result;
+  for (auto& app : apps) {
+    auto backups = MigratedBackupCatalog::reconciledRecords(app);
+    if (MigratedBackupCatalog::differs(backups, app.backupVersions)) {
+      app.backupVersions = std::move(backups);
+      result.changed = true;
+    }
+  }
+  result.apps = std::move(apps);
+  return result;
+}
+
+bool AppManager::saveMigratedApp(const MigratedApp& appToSave, const std::optional<std::string>& disk,
+                                 const std::optional<std::string>& backupPath) {
+  // A copy: the caller may pass an element of the list that is about to change.
+  const MigratedApp app = appToSave;
+  const auto existing = std::find_if(migratedApps_.begin(), migratedApps_.end(),
+                                     [&](const MigratedApp& candidate) { return candidate.originalPath == app.originalPath; });
+  if (existing != migratedApps_.end()) {
+    *existing = MigratedBackupCatalog::appByMerging(app, *existing, backupPath);
+    logInfo(fmt::format("✅ 已更新现有记录 (总共 {} 个)", migratedApps_.size()));
+  } else {
+    migratedApps_.push_back(MigratedBackupCatalog::appByMerging(app, std::nullopt, backupPath));
+    logInfo(fmt::format("✅ 已添加到内存列表 (当前共 {} 个)", migratedApps_.size()));
+  }
+  notify();
+  if (!disk) return false;
+  const std::string filePath = getMigratedAppsFilePath(*disk);
+  try {
+    writeMigratedApps(migratedApps_, filePath);
+    const auto status = platform::statNoFollow(AT_FDCWD, filePath);
+    logInfo(fmt::format("💾 已成功保存迁移记录文件: {} ({} 字节, 共 {} 个记录)", filePath,
+                        status ? status->size : 0, migratedApps_.size()));
+    return true;
+  } catch (const std::exception& error) {
+    logError("❌ 保存迁移记录失败: " + filePath);
+    logError(fmt::format("错误详情: {}", error.what()));
+    return false;
+  }
+}
+
+bool AppManager::removeMigratedApp(const MigratedApp& appToRemove, const std::optional<std::string>& disk) {
+  // A copy: the caller may pass an element of the list that is about to shift.
+  const MigratedApp app = appToRemove;
+  const std::size_t before = migratedApps_.size();
+  std::erase_if(migratedApps_, [&](const MigratedApp& candidate) { return candidate.id == app.id; });
+  logInfo(fmt::format("🗑️ 删除记录: {} (删除前 {} 个, 删除后 {} 个)", app.appName, before, migratedApps_.size()));
+  if (before != migratedApps_.size()) notify();
+  if (!disk) return false;
+  const std::string filePath = getMigratedAppsFilePath(*disk);
+  try {
+    writeMigratedApps(migratedApps_, filePath);
+  } catch (const std::exception& error) {
+    logError(fmt::format("❌ 更新迁移记录文件失败: {}", error.what()));
+    return false;
+  }
+  // Read back what reached the disk: a record that survives in the file would return on the next load.
+  if (!platform::statNoFollow(AT_FDCWD, filePath)) {
+    logError(fmt::format("❌ 文件不存在: {}", filePath));
+    return false;
+  }
+  try {
+    const auto readBack = MigratedAppsFile::read(filePath);
+    logInfo(fmt::format("✅ 文件验证成功，包含 {} 个记录", readBack.size()));
+    const bool stillListed = std::any_of(readBack.begin(), readBack.end(),
+                                         [&](const MigratedApp& candidate) { return candidate.id == app.id; });
+    if (stillListed || readBack.size() != migratedApps_.size()) {
+      logError(fmt::format("❌ 文件验证失败: {} 的记录与内存列表不一致", filePath));
+      return false;
+    }
+    return true;
+  } catch (const std::exception& error) {
+    logError(fmt::format("❌ 文件验证失败: {}", error.what()));
+    return false;
+  }
+}
+
+bool AppManager::removeMigratedAppAndSaveToAllDisks(const MigratedApp& app,
+                                                   const std::vector<std::string>& externalDisks) {
+  const std::string id = app.id;
+  const std::size_t before = migratedApps_.size();
+  std::erase_if(migratedApps_, [&](const MigratedApp& candidate) { return candidate.id == id; });
+  if (before != migratedApps_.size()) notify();
+  bool allWritten = true;
+  for (const auto& disk : externalDisks) {
+    const std::string filePath = getMigratedAppsFilePath(disk);
+    try {
+      writeMigratedApps(migratedApps_, filePath);
+      logInfo(fmt::format("💾 已更新磁盘记录文件: {}", filePath));
+    } catch (const std::exception& error) {
+      logError(fmt::format("❌ 更新迁移记录文件失败: {}: {}", filePath, error.what()));
+      allWritten = false;
+    }
+  }
+  return allWritten;
+}
+
+bool AppManager::isAppSymlink(const MigratedApp& app) {
+  try {
+    const auto status = platform::statNoFollow(AT_FDCWD, app.originalPath);
+    if (!status || !S_ISLNK(status->mode)) return false;
+    const std::string text = platform::readLinkText(AT_FDCWD, app.originalPath);
+    const std::string destination = !text.empty() && text.front() == '/'
+                                        ? standardizePath(text)
+                                        : standardizePath(joinPath(parentPath(app.originalPath), text));
+    return destination == standardizePath(app.targetPath);
+  } catch (const std::exception& error) {
+    logDebug(fmt::format("isAppSymlink: {}", error.what()));
+    return false;
+  }
+}
+
+}  // namespace corvane

@@ -1,0 +1,91 @@
+// The catalogue of migrated items: owns the published list of the disk last loaded and is the
+// only writer of each disk's record file. Reading falls back from the current file to the legacy
+// one to a rebuild from the disk's folders; failures are logged, never raised, and the list keeps
+// what it has. The list belongs to the thread that drains the MainQueue; observers are called
+// there after every change.
+#pragma once
+
+#include <cstddef>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "catalogue/migrated_app.h"
+#include "support/main_queue.h"
+
+namespace corvane {
+
+class AppManager {
+ public:
+  using Observer = std::function<void()>;
+
+  struct ReconciledApps {
+    std::vector<MigratedApp> apps;
+    bool changed = false;  // some record's backup list was replaced
+  };
+
+  // `mainQueue` must outlive the manager.
+  explicit AppManager(MainQueue& mainQueue);
+  ~AppManager();
+  AppManager(const AppManager&) = delete;
+  AppManager& operator=(const AppManager&) = delete;
+
+  // Owner thread.
+  const std::vector<MigratedApp>& migratedApps() const { return migratedApps_; }
+  std::size_t addObserver(Observer observer);
+  void removeObserver(std::size_t token);
+
+  // <disk>/.corvane/migrated_apps.json; creates and hides the directory on the way (failures
+  // are logged and the path is returned anyway).
+  static std::string getMigratedAppsFilePath(const std::string& disk);
+  // Encodes and replaces the file atomically. Throws PosixError or MigratedAppsFormatError.
+  static void writeMigratedApps(const std::vector<MigratedApp>& apps, const std::string& filePath);
+
+  // Any thread: reads, filters and reconciles the disk's records here, then hands the list to
+  // the owner thread. Without a disk the list becomes empty.
+  void loadMigratedApps(const std::optional<std::string>& disk);
+  // What loadMigratedApps publishes, computed on the calling thread (with the same repairs of
+  // the file: reconciled backups written back, a legacy file moved).
+  static std::vector<MigratedApp> loadRecords(const std::optional<std::string>& disk);
+
+  // Writes legacy records to the current location and removes the legacy file; on failure the
+  // legacy file stays for the next attempt.
+  static void migrateRecordsToNewLocation(const std::vector<MigratedApp>& apps, const std::string& disk);
+
+  // Rebuilds the list from the disk's Applications and Directories folders and publishes it
+  // (without writing the file).
+  void scanTargetDiskForMigratedApps(const std::string& disk);
+  static std::vector<MigratedApp> scannedRecords(const std::string& disk);
+
+  static ReconciledApps reconcileBackupVersions(std::vector<MigratedApp> apps);
+
+  // Owner thread. Inserts or updates (matched by originalPath) and writes the disk's file.
+  // True only when the record reached a file: false when writing failed or no disk was given.
+  bool saveMigratedApp(const MigratedApp& app, const std::optional<std::string>& disk,
+                       const std::optional<std::string>& backupPath);
+  // Owner thread. Removes by id, writes the file and reads it back. True when the file was
+  // written and read back without the record (always false without a disk).
+  bool removeMigratedApp(const MigratedApp& app, const std::optional<std::string>& disk);
+  // Owner thread. Removes by id once and writes the remaining list to every disk. True when
+  // every disk's file was written.
+  bool removeMigratedAppAndSaveToAllDisks(const MigratedApp& app, const std::vector<std::string>& externalDisks);
+
+  // Whether the record's original path is a symbolic link that leads to its target.
+  static bool isAppSymlink(const MigratedApp& app);
+
+ private:
+  void publish(std::vector<MigratedApp> apps);
+  void notify();
+
+  MainQueue& mainQueue_;
+  std::vector<MigratedApp> migratedApps_;
+  std::vector<std::pair<std::size_t, Observer>> observers_;
+  std::size_t nextObserverToken_ = 1;
+  // Work posted to the main queue checks this so that it never reaches a destroyed manager.
+  std::shared_ptr<AppManager*> lifetime_ = std::make_shared<AppManager*>(this);
+};
+
+}  // namespace corvane
