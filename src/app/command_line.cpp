@@ -30,6 +30,9 @@ int runCommandLine(int argc, char** argv) {
   addCheckCommand(app, registry);
   addLanguageCommand(app, registry);
   addCleanCommand(app, registry);
+  addBackCommand(app, registry);
+  addRestoreCommand(app, registry);
+  addUninstallCommand(app, registry);
   // After every subcommand is registered.
   localizeSubcommandTexts(app);
 

@@ -1,0 +1,62 @@
+#include "app/item_operation_runner.h"
+
+#include "app/command_line.h"
+#include "app/interruption.h"
+#include "app/progress_display.h"
+#include "app/running_app_prompt.h"
+#include "app/user_output.h"
+#include "catalogue/app_manager.h"
+#include "support/localization.h"
+#include "support/main_queue.h"
+#include "support/paths.h"
+
+namespace corvane {
+
+int runItemOperation(const ItemOperation& operation, const PromptOptions& prompts, ProgressLines progress) {
+  InterruptionGuard interruption;
+  MainQueue mainQueue;
+  AppManager appManager(mainQueue);
+  auto prompter = TerminalPrompter::onStandardStreams(prompts.preset());
+  ProgressDisplay display(stderr, ProgressDisplay::styleFor(stderr));
+
+  MigrationManager::Hooks hooks;
+  hooks.prompter = prompter.get();
+  hooks.cancelled = &InterruptionGuard::requested();
+  hooks.closeRunningApp = [&](const std::string& path, const std::string& name, const std::vector<pid_t>& running) {
+    display.clear();
+    return askToCloseRunningApp(path, name, running, prompts.preset());
+  };
+  std::optional<MigrationManager::OperationResult> result;
+  {
+    MigrationManager manager(mainQueue, appManager, hooks);
+    if (progress == ProgressLines::show) {
+      manager.setProgressObserver([&](std::vector<MigrationItemProgress> items) {
+        for (auto& item : items) item.name = lastComponent(item.name);
+        display.show(items);
+      });
+    }
+    manager.setLogObserver([&](const std::string& line) {
+      display.clear();
+      printLine(line);
+    });
+    operation(manager, [&](const MigrationManager::OperationResult& outcome) { result = outcome; });
+    bool toldAboutInterruption = false;
+    while (!result) {
+      mainQueue.runUntil([&] { return result || (InterruptionGuard::requested() && !toldAboutInterruption); },
+                         std::chrono::milliseconds(200));
+      if (InterruptionGuard::requested() && !toldAboutInterruption) {
+        toldAboutInterruption = true;
+        display.clear();
+        printErrorLine(localized("cli.migrate.interrupted"));
+      }
+    }
+  }
+  display.clear();
+  switch (result->kind) {
+    case MigrationManager::OperationResult::Kind::succeeded: return kExitSuccess;
+    case MigrationManager::OperationResult::Kind::deferred: return kExitDeferred;
+    default: return kExitFailure;
+  }
+}
+
+}  // namespace corvane

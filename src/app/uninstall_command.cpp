@@ -1,0 +1,68 @@
+// `corvane uninstall NAME [--disk DISK]`: deletes a migrated item for good (its link, its copy
+// on the external disk, its support files and its record) after the user confirmed it.
+#include <unistd.h>
+
+#include <iostream>
+
+#include "app/command_line.h"
+#include "app/commands.h"
+#include "app/item_operation_runner.h"
+#include "app/migrated_item_lookup.h"
+#include "app/user_output.h"
+#include "engine/migration_issue.h"
+#include "support/localization.h"
+
+namespace corvane {
+namespace {
+
+struct UninstallOptions {
+  std::string item;
+  std::optional<std::string> disk;
+  PromptOptions prompts;
+};
+
+bool confirmed(const MigratedItemMatch& match) {
+  std::fputs((localizedFormat("cli.uninstall.confirm", match.app.appName, match.app.targetPath) + " ").c_str(), stderr);
+  std::fflush(stderr);
+  std::string answer;
+  if (!std::getline(std::cin, answer)) return false;
+  return answer == "y" || answer == "Y" || answer == "yes" || answer == "YES" || answer == "Yes";
+}
+
+int runUninstall(const UninstallOptions& options) {
+  MigratedItemMatch match;
+  try {
+    match = findMigratedItem(options.item, options.disk);
+  } catch (const std::exception& failure) {
+    return reportFailure(failure);
+  }
+  if (!options.prompts.yes) {
+    // Deleting is never decided without someone who can be asked.
+    if (options.prompts.defer || !isatty(STDIN_FILENO)) {
+      printErrorLine(localized("cli.uninstall.no_terminal"));
+      return kExitFailure;
+    }
+    if (!confirmed(match)) {
+      printErrorLine(localized("cli.uninstall.declined"));
+      return kExitFailure;
+    }
+  }
+  return runItemOperation(
+      [&](MigrationManager& manager, MigrationManager::OperationCompletion completion) {
+        manager.uninstallApp(match.app, {match.disk}, std::move(completion));
+      },
+      options.prompts, ProgressLines::hide);
+}
+
+}  // namespace
+
+void addUninstallCommand(CLI::App& app, CommandRegistry& registry) {
+  auto options = std::make_shared<UninstallOptions>();
+  CLI::App* uninstall = app.add_subcommand("uninstall", localized("cli.uninstall.description"));
+  uninstall->add_option("item", options->item, localized("cli.uninstall.item"))->required();
+  uninstall->add_option("--disk", options->disk, localized("cli.item.disk"));
+  addPromptOptions(uninstall, options->prompts);
+  registry.add(uninstall, [options] { return runUninstall(*options); });
+}
+
+}  // namespace corvane

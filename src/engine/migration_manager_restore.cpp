@@ -1,0 +1,155 @@
+// Replacing a migrated item by one of its retained versions: the current copy is renamed
+// aside as a new version first, so a failure can always put it back.
+#include <fcntl.h>
+
+#include <algorithm>
+
+#include "catalogue/app_bundle_metadata.h"
+#include "catalogue/migrated_backup_catalog.h"
+#include "engine/migration_issue.h"
+#include "engine/migration_manager.h"
+#include "platform/file_system.h"
+#include "support/localization.h"
+#include "support/paths.h"
+#include "support/update_activity.h"
+#include "support/uuid.h"
+
+namespace corvane {
+namespace {
+
+std::string failureText(const std::exception_ptr& failure) { return MigrationManager::migrationErrorDescription(failure); }
+
+}  // namespace
+
+bool MigrationManager::restoreFromBackup(const BackupRecord& backup, const MigratedApp& app,
+                                         const std::optional<std::string>& disk, OperationCompletion completion) {
+  const std::string item = standardizePath(app.originalPath);
+  const std::string name = app.appName.empty() ? lastComponent(item) : app.appName;
+  auto refuse = [&](const std::string& key) {
+    appendItemLog(name, key, {});
+    if (completion) completion(OperationResult{OperationResult::Kind::refused, localized(key)});
+    return false;
+  };
+  if (isMigrating_) return refuse("log.migrate_back_blocked_by_migration");
+  if (migratingBackItems_.count(item)) return refuse("log.migrate_back_in_progress");
+  if (!UpdateActivity::shared().beginOperation()) return refuse("log.migrate_back_blocked_by_update");
+  // One operation per item: the item counts as being moved while its version is swapped.
+  migratingBackItems_.insert(item);
+  notify();
+  runInBackground(
+      [this, backup, app, disk] {
+        OperationResult result;
+        try {
+          result = performRestoreFromBackup(backup, app, disk);
+        } catch (...) {
+          UpdateActivity::shared().endAfterPendingWrites();
+          throw;
+        }
+        UpdateActivity::shared().endAfterPendingWrites();
+        return result;
+      },
+      [this, item, completion](const OperationResult& result) {
+        migratingBackItems_.erase(item);
+        notify();
+        if (completion) completion(result);
+      });
+  return true;
+}
+
+MigrationManager::OperationResult MigrationManager::performRestoreFromBackup(const BackupRecord& backup,
+                                                                             const MigratedApp& app,
+                                                                             const std::optional<std::string>& disk) {
+  const std::string target = standardizePath(app.targetPath);
+  const std::string chosen = standardizePath(backup.backupPath);
+  const std::string name = app.appName.empty() ? lastComponent(target) : app.appName;
+  const bool bundle = app.itemType == MigratedItemType::application;
+  auto stop = [&](const std::string& key, std::vector<std::string> arguments = {}) {
+    appendItemLog(name, key, arguments);
+    return OperationResult{OperationResult::Kind::failed, formatLocalizedText(localized(key), arguments)};
+  };
+
+  if (!closeRunningProgramsOf(target, name)) {
+    appendItemLog(name, "log.restore_cancelled", {});
+    return OperationResult{OperationResult::Kind::cancelled, localized("log.restore_cancelled")};
+  }
+  appendItemLog(name, "log.restore_start", {});
+
+  const auto chosenEntry = MigrationEntry::read(chosen, AT_FDCWD);
+  if (!chosenEntry || chosenEntry->kind == MigrationEntry::Kind::symbolicLink) {
+    return stop("log.restore_backup_missing", {chosen});
+  }
+  if (bundle) {
+    appendItemLog(name, "log.restore_verify", {});
+    const auto executables = MigrationEntry::read(chosen + "/Contents/MacOS", AT_FDCWD);
+    if (chosenEntry->kind != MigrationEntry::Kind::directory || !executables ||
+        executables->kind != MigrationEntry::Kind::directory) {
+      return stop("log.restore_incomplete");
+    }
+  }
+  // A version must be a sibling of the item: the swap is two renames in one directory.
+  if (parentPath(chosen) != parentPath(target)) return stop("log.restore_backup_missing", {chosen});
+
+  const std::optional<std::string> versionBefore = bundle ? AppBundleMetadata::version(target) : std::nullopt;
+  const std::optional<std::string> versionAfter = bundle ? AppBundleMetadata::version(chosen) : std::nullopt;
+
+  appendItemLog(name, "log.restore_backup_current", {});
+  const ReferenceDate now = ReferenceDate::now();
+  const std::string kept = MigratedBackupCatalog::backupPathFor(target, app.itemType, now);
+  try {
+    if (!MigrationEntry::read(target, AT_FDCWD)) throw MigrationIssue("log.restore_backup_missing", target);
+    platform::renameExclusive(target, kept);
+  } catch (...) {
+    return stop("log.restore_backup_failed", {failureText(std::current_exception())});
+  }
+  appendItemLog(name, "log.restore_current_backed_up", {kept});
+
+  appendItemLog(name, "log.restore_moving", {});
+  try {
+    if (hooks_.beforeCommit) hooks_.beforeCommit();
+    platform::renameExclusive(chosen, target);
+  } catch (...) {
+    OperationResult result = stop("log.restore_failed", {failureText(std::current_exception())});
+    try {
+      platform::renameExclusive(kept, target);
+      appendItemLog(name, "log.restore_rollback_success", {});
+    } catch (...) {
+      appendItemLog(name, "log.restore_rollback_failed", {failureText(std::current_exception())});
+    }
+    appendItemLog("", "log.separator_line", {});
+    return result;
+  }
+  appendItemLog(name, "log.restore_success", {});
+
+  // The record now lists the kept current version instead of the one put in place.
+  MigratedApp updated = app;
+  std::erase_if(updated.backupVersions,
+                [&](const BackupRecord& version) { return standardizePath(version.backupPath) == chosen; });
+  BackupRecord keptRecord;
+  keptRecord.id = makeUuidString();
+  keptRecord.backupPath = kept;
+  keptRecord.backupDate = MigratedBackupCatalog::backupDate(kept, target, app.itemType).value_or(now);
+  keptRecord.exists = true;
+  updated.backupVersions.push_back(keptRecord);
+  MigratedBackupCatalog::sortNewestFirst(updated.backupVersions);
+
+  if (disk) appManager_.loadMigratedApps(*disk);
+  mainQueue_.post([lifetime = std::weak_ptr<MigrationManager*>(lifetime_), updated, disk, kept, name, versionBefore,
+                   versionAfter] {
+    auto alive = lifetime.lock();
+    if (!alive) return;
+    MigrationManager& manager = **alive;
+    manager.appendItemLog(name, "log.restore_update_record", {});
+    if (!manager.appManager_.saveMigratedApp(updated, disk, kept)) {
+      manager.appendItemLog(name, "migration.safety.catalog_failed", {});
+    }
+    if (versionBefore && versionAfter) {
+      manager.appendItemLog(name, "log.restore_complete_versions", {*versionBefore, *versionAfter});
+    } else {
+      manager.appendItemLog(name, "log.restore_complete", {});
+    }
+    manager.appendItemLog("", "log.separator_line", {});
+  });
+  return OperationResult{OperationResult::Kind::succeeded, {}};
+}
+
+}  // namespace corvane

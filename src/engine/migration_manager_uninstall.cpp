@@ -1,0 +1,153 @@
+// Uninstalling a migrated item: its link, its copy on the external disk, its support files and
+// its record go; a real item found at the original location is the user's and stays. Each step
+// goes on past the failures of the one before and they are reported together.
+#include <fcntl.h>
+#include <unistd.h>
+
+#include "engine/migration_issue.h"
+#include "engine/migration_manager.h"
+#include "platform/file_system.h"
+#include "platform/posix_error.h"
+#include "platform/tree_removal.h"
+#include "support/diagnostic_log.h"
+#include "support/home_directory.h"
+#include "support/localization.h"
+#include "support/paths.h"
+#include "support/update_activity.h"
+
+namespace corvane {
+namespace {
+
+// A record is read from a disk anyone can write to: what it names for deletion must be
+// strictly inside one of the disks it was read from.
+bool liesOnOneOf(const std::string& path, const std::vector<std::string>& disks) {
+  for (const auto& disk : disks) {
+    const std::string root = standardizePath(disk);
+    if (path != root && isSameOrDescendant(path, root)) return true;
+  }
+  return false;
+}
+
+// Support files are the item's own files somewhere in the user's folders; never a folder that
+// holds the home directory, nor something relative.
+bool isDeletableSupportFile(const std::string& path) {
+  if (path.empty() || path.front() != '/' || path == "/") return false;
+  const std::string home = standardizePath(userHomeDirectory());
+  return !isSameOrDescendant(home, path);
+}
+
+}  // namespace
+
+void MigrationManager::uninstallApp(const MigratedApp& app, const std::vector<std::string>& externalDisks,
+                                    OperationCompletion completion) {
+  const bool registered = UpdateActivity::shared().beginOperation();
+  if (!registered) {
+    const std::string name = app.appName.empty() ? lastComponent(app.originalPath) : app.appName;
+    appendItemLog(name, "log.migrate_back_blocked_by_update", {});
+    if (completion) completion(OperationResult{OperationResult::Kind::refused, localized("log.migrate_back_blocked_by_update")});
+    return;
+  }
+  runInBackground(
+      [this, app, externalDisks] {
+        OperationResult result;
+        try {
+          result = performUninstall(app, externalDisks);
+        } catch (...) {
+          UpdateActivity::shared().endAfterPendingWrites();
+          throw;
+        }
+        UpdateActivity::shared().endAfterPendingWrites();
+        return result;
+      },
+      std::move(completion));
+}
+
+MigrationManager::OperationResult MigrationManager::performUninstall(const MigratedApp& app,
+                                                                     const std::vector<std::string>& externalDisks) {
+  const std::string original = standardizePath(app.originalPath);
+  const std::string target = standardizePath(app.targetPath);
+  const std::string name = app.appName.empty() ? lastComponent(original) : app.appName;
+  auto describe = [](const std::exception_ptr& failure) { return migrationErrorDescription(failure); };
+  bool failed = false;
+
+  appendItemLog(name, "log.uninstall_start", {});
+  appendItemLog(name, "log.uninstall_progress", {});
+
+  // 1. The link at the original location.
+  const auto standing = MigrationEntry::read(original, AT_FDCWD);
+  if (AppManager::isAppSymlink(app)) {
+    try {
+      // Still the same link object when it goes.
+      const auto now = MigrationEntry::read(original, AT_FDCWD);
+      if (!now || !standing || now->identity() != standing->identity() || now->kind != MigrationEntry::Kind::symbolicLink) {
+        throw MigrationIssue("error.migration_restore_conflict", original);
+      }
+      if (unlink(original.c_str()) != 0) platform::throwErrno(original);
+      appendItemLog(name, "log.uninstall_symlink_deleted", {original});
+    } catch (...) {
+      failed = true;
+      appendItemLog(name, "log.uninstall_failed", {describe(std::current_exception())});
+      appendItemLog(name, "log.uninstall_continue_external", {});
+    }
+  } else if (standing) {
+    appendItemLog(name, "log.uninstall_real_file_skip", {original});
+  } else {
+    appendItemLog(name, "log.uninstall_original_missing", {original});
+  }
+
+  // 2. The copy on the external disk.
+  try {
+    if (!liesOnOneOf(target, externalDisks)) throw MigrationIssue("migration.safety.conflict", target);
+    if (MigrationEntry::read(target, AT_FDCWD)) {
+      platform::removeTree(target);
+      appendItemLog(name, "log.uninstall_app_deleted", {target});
+    } else {
+      logInfo("uninstall: nothing at " + target);
+    }
+  } catch (...) {
+    failed = true;
+    appendItemLog(name, "log.uninstall_failed", {describe(std::current_exception())});
+    appendItemLog(name, "log.uninstall_continue_support", {});
+  }
+
+  // 3. Support files.
+  for (const auto& supportFile : app.supportFiles) {
+    const std::string path = standardizePath(supportFile);
+    try {
+      if (!isDeletableSupportFile(path)) throw MigrationIssue("migration.safety.conflict", path);
+      platform::removeTree(path);
+      appendItemLog(name, "log.uninstall_support_deleted", {path});
+    } catch (...) {
+      failed = true;
+      appendItemLog(name, "log.uninstall_support_failed", {path, describe(std::current_exception())});
+    }
+  }
+
+  // 4. The record, on every connected disk; the list written is the first disk's.
+  if (!externalDisks.empty()) appManager_.loadMigratedApps(externalDisks.front());
+  mainQueue_.post([lifetime = std::weak_ptr<MigrationManager*>(lifetime_), app, externalDisks, name, failed] {
+    auto alive = lifetime.lock();
+    if (!alive) return;
+    MigrationManager& manager = **alive;
+    bool withErrors = failed;
+    if (manager.appManager_.removeMigratedAppAndSaveToAllDisks(app, externalDisks)) {
+      manager.appendItemLog(name, "log.uninstall_record_deleted", {});
+    } else {
+      withErrors = true;
+      manager.appendItemLog(name, "migration.safety.catalog_failed", {});
+    }
+    if (withErrors) {
+      manager.appendItemLog(name, "log.uninstall_complete_with_errors", {});
+      manager.appendItemLog(name, "log.uninstall_completion_with_errors", {});
+    } else {
+      manager.appendItemLog(name, "log.uninstall_complete", {});
+    }
+    manager.appendItemLog("", "log.separator_line", {});
+  });
+  OperationResult result;
+  result.kind = failed ? OperationResult::Kind::failed : OperationResult::Kind::succeeded;
+  if (failed) result.message = localized("log.uninstall_complete_with_errors");
+  return result;
+}
+
+}  // namespace corvane
