@@ -34,7 +34,11 @@ std::string_view statusName(CleanItemStatus::Kind kind) {
 }
 
 std::string CleanFailure::message() const {
-  return formatLocalizedText(localized(key), arguments);
+  auto shown = arguments;
+  for (const auto position : keyArguments) {
+    if (position < shown.size()) shown[position] = localized(shown[position]);
+  }
+  return formatLocalizedText(localized(key), shown);
 }
 
 }  // namespace corvane

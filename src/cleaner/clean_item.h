@@ -25,6 +25,8 @@ std::string_view riskName(CleanRiskLevel risk);
 struct CleanFailure {
   std::string key;
   std::vector<std::string> arguments;
+  // Positions in `arguments` that hold localization keys rather than text (a reason).
+  std::vector<std::size_t> keyArguments;
   std::string message() const;
   bool operator==(const CleanFailure&) const = default;
 };

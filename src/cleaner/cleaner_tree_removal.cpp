@@ -11,7 +11,6 @@
 #include "platform/file_system.h"
 #include "platform/posix_error.h"
 #include "support/diagnostic_log.h"
-#include "support/localization.h"
 #include "support/paths.h"
 
 namespace corvane {
@@ -248,16 +247,25 @@ std::optional<CleanFailure> CleanerTreeRemoval::deleteDirectories(const std::vec
                                                                   PathCleaning cleaning,
                                                                   const std::vector<std::string>& excludedNames) const {
   const auto report = clean(paths, cleaning, excludedNames);
-  if (report.cancelled) return CleanFailure{"cleaner.error.cancelled", {}};
+  if (report.cancelled) return CleanFailure{"cleaner.error.cancelled", {}, {}};
   if (report.problemCount == 0) return std::nullopt;
   return failureFromReport(report);
 }
 
 CleanFailure failureFromReport(const RemovalReport& report) {
+  // Runs on the cleaning thread: a reason that is a key is looked up when the failure is shown.
   const auto& first = report.problems.front();
-  std::string reason = first.errnoValue != 0 ? std::string(std::strerror(first.errnoValue)) : localized(first.reasonKey);
-  if (report.problemCount == 1) return {"cleaner.error.remove_failed", {first.path, reason}};
-  return {"cleaner.error.remove_failed_more", {first.path, reason, std::to_string(report.problemCount - 1)}};
+  const bool systemError = first.errnoValue != 0;
+  CleanFailure failure;
+  failure.arguments = {first.path, systemError ? std::string(std::strerror(first.errnoValue)) : first.reasonKey};
+  if (!systemError) failure.keyArguments = {1};
+  if (report.problemCount == 1) {
+    failure.key = "cleaner.error.remove_failed";
+  } else {
+    failure.key = "cleaner.error.remove_failed_more";
+    failure.arguments.push_back(std::to_string(report.problemCount - 1));
+  }
+  return failure;
 }
 
 }  // namespace corvane

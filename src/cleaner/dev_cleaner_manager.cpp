@@ -213,7 +213,7 @@ bool DevCleanerManager::startCleaning() {
       if (const auto* definition = findDefinition(configuration.definitions, item.id)) {
         failure = cleanItem(item, *definition, docker, stop);
       } else {
-        failure = CleanFailure{"cleaner.error.unknown_item", {item.id}};
+        failure = CleanFailure{"cleaner.error.unknown_item", {item.id}, {}};
       }
       queue->post(guarded(lifetime, run, [index, failure = std::move(failure)](DevCleanerManager& manager) mutable {
         manager.deliverItemResult(index, std::move(failure));
@@ -227,9 +227,9 @@ bool DevCleanerManager::startCleaning() {
 std::optional<CleanFailure> DevCleanerManager::cleanItem(const CleanItem& item, const CleanerDefinition& definition,
                                                          const DockerClient& docker, const std::stop_token& stop) {
   if (definition.isDocker()) {
-    if (!docker.locate()) return CleanFailure{"cleaner.error.docker_not_installed", {}};
+    if (!docker.locate()) return CleanFailure{"cleaner.error.docker_not_installed", {}, {}};
     if (!docker.executeCommand(*definition.customCommand, definition.customArgs.value_or(std::vector<std::string>{}))) {
-      return CleanFailure{"cleaner.error.docker_command_failed", {}};
+      return CleanFailure{"cleaner.error.docker_command_failed", {}, {}};
     }
     return std::nullopt;
   }

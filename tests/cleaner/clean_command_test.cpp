@@ -9,6 +9,9 @@
 #include "fixtures/corvane_binary.h"
 #include "fixtures/sample_tree.h"
 #include "fixtures/temporary_directory.h"
+#include "platform/file_access.h"
+#include "platform/process.h"
+#include "support/shell_quote.h"
 
 namespace corvane {
 namespace {
@@ -119,6 +122,34 @@ TEST_F(CleanCommandTest, SelectedItemsAreCleanedWithProgressAndTheReclaimedTotal
   EXPECT_NE(text.standardOutput.find("Reclaimed"), std::string::npos) << text.standardOutput;
   EXPECT_FALSE(existsNoFollow(home.child(".cache/app")));
   EXPECT_TRUE(existsNoFollow(home.child(".cache")));
+}
+
+TEST_F(CleanCommandTest, OnATerminalItAsksAndOnlyYesCleans) {
+  // `script` gives the command a real pseudo-terminal and types the answer into it.
+  if (!platform::isExecutable("/usr/bin/script")) GTEST_SKIP() << "needs script(1) from util-linux for a terminal";
+  auto onTerminal = [&](const std::string& answer) {
+    platform::ProcessRequest request;
+    request.executable = "/usr/bin/script";
+    request.arguments = {"-qec", shellQuote(corvaneBinaryPath()) + " clean --all-safe", "/dev/null"};
+    auto environment = platform::currentEnvironment();
+    environment["HOME"] = home.path();
+    environment["LANG"] = "C";
+    environment["LC_ALL"] = "C";
+    environment["XDG_CONFIG_HOME"] = home.child(".config");
+    request.environment = environment;
+    request.standardInput = answer + "\n";
+    return platform::runProcess(request);
+  };
+  const auto declined = onTerminal("n");
+  EXPECT_EQ(declined.exit.exitCode, 0) << declined.standardOutput;
+  EXPECT_NE(declined.standardOutput.find("[y/N]"), std::string::npos) << declined.standardOutput;
+  EXPECT_NE(declined.standardOutput.find("Nothing was removed"), std::string::npos) << declined.standardOutput;
+  expectNothingRemoved();
+  const auto accepted = onTerminal("yes");
+  EXPECT_EQ(accepted.exit.exitCode, 0) << accepted.standardOutput;
+  EXPECT_NE(accepted.standardOutput.find("Reclaimed"), std::string::npos) << accepted.standardOutput;
+  EXPECT_FALSE(existsNoFollow(home.child(".cache/app")));
+  EXPECT_TRUE(existsNoFollow(home.child(".cache/go-build/ab/obj"))) << "a warning item is not in --all-safe";
 }
 
 TEST_F(CleanCommandTest, AnItemThatCannotBeCleanedCompletelyFailsTheRun) {

@@ -192,6 +192,12 @@ TEST(CleanerTreeRemovalTest, AnotherVolumeMountedInsideIsLeftAlone) {
   const auto report = CleanerTreeRemoval().clean({root}, PathCleaning::emptyInPlace);
   EXPECT_EQ(report.problemCount, 1u);
   EXPECT_EQ(report.problems.front().reasonKey, "cleaner.error.mount_point");
+  // The reason is a key looked up when shown, not when the cleaning thread met it.
+  const auto failure = failureFromReport(report);
+  EXPECT_EQ(failure.keyArguments, std::vector<std::size_t>{1});
+  const auto message = failure.message();
+  EXPECT_NE(message.find(root + "/mounted"), std::string::npos) << message;
+  EXPECT_EQ(message.find("cleaner.error"), std::string::npos) << message;
   EXPECT_EQ(readFile(root + "/mounted/on-another-volume"), "keep");
   EXPECT_FALSE(existsNoFollow(root + "/plain"));
 }
