@@ -183,7 +183,7 @@ void MigrationAccess::cleanupVerifiedData(const std::string& directory, const Mi
     // rmdir removes nothing but empty directories, so a name swapped since the check costs no data.
     std::vector<std::string> directories = removal.emptiedDirectories();
     directories.push_back(directory);
-    administrate(MigrationPrivilegedCommands::removeDirectoriesCommand(directories));
+    for (const auto& command : MigrationPrivilegedCommands::removeDirectoriesCommands(directories)) administrate(command);
   } else {
     auto now = MigrationEntry::read(directory, AT_FDCWD);
     if (!now || now->identity() != rootEntry.identity()) throw MigrationIssue("migration.safety.conflict", directory);

@@ -103,10 +103,22 @@ std::string MigrationPrivilegedCommands::rehearsalCommand(const std::string& pro
          shellQuote(link) + "; " + exchangeCommand(b, link, ExchangeCheck::rehearsal);
 }
 
-std::string MigrationPrivilegedCommands::removeDirectoriesCommand(const std::vector<std::string>& directories) {
-  std::string command = "/bin/rmdir";
-  for (const auto& directory : directories) command += " " + shellQuote(directory);
-  return command;
+std::vector<std::string> MigrationPrivilegedCommands::removeDirectoriesCommands(const std::vector<std::string>& directories,
+                                                                              std::size_t limit) {
+  const std::string program = "/bin/rmdir";
+  std::vector<std::string> commands;
+  std::string command;
+  for (const auto& directory : directories) {
+    const std::string argument = " " + shellQuote(directory);
+    if (!command.empty() && command.size() + argument.size() > limit) {
+      commands.push_back(std::move(command));
+      command.clear();
+    }
+    if (command.empty()) command = program;
+    command += argument;
+  }
+  if (!command.empty()) commands.push_back(std::move(command));
+  return commands;
 }
 
 }  // namespace corvane

@@ -45,8 +45,12 @@ class MigrationPrivilegedCommands {
   // Creates the probe directory (mode 700) with its removal trapped on exit, then a directory,
   // a rename, a link to `source` and the rehearsed exchange inside it.
   std::string rehearsalCommand(const std::string& probe, const std::string& source) const;
-  // "/bin/rmdir" over the directories in the order given (children before their parents).
-  static std::string removeDirectoriesCommand(const std::vector<std::string>& directories);
+  // "/bin/rmdir" over the directories in the order given (children before their parents), as
+  // few commands as fit: one command text stays below `limit` bytes, since a launcher passes it
+  // as a single argument (Linux refuses one longer than 128 KiB).
+  static constexpr std::size_t kCommandLimit = 64 * 1024;
+  static std::vector<std::string> removeDirectoriesCommands(const std::vector<std::string>& directories,
+                                                            std::size_t limit = kCommandLimit);
 
  private:
   platform::PrivilegedCommandStyle style_;

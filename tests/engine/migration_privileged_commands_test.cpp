@@ -143,7 +143,22 @@ TEST(PrivilegedCommandsTest, FoundationOperationsAndTheRehearsalAreWrittenAsSpec
             "'/Apps/.corvane-access-X/b'; /bin/ln -s '/Apps/It'\\''s.app' '/Apps/.corvane-access-X/link'; "
             "/usr/bin/osascript -l JavaScript -e " +
                 shellQuote(script));
-  EXPECT_EQ(MigrationPrivilegedCommands::removeDirectoriesCommand({"/a/b", "/a"}), "/bin/rmdir '/a/b' '/a'");
+  EXPECT_EQ(MigrationPrivilegedCommands::removeDirectoriesCommands({"/a/b", "/a"}),
+            std::vector<std::string>{"/bin/rmdir '/a/b' '/a'"});
+  // A long list is split, children still before their parents, each text within the limit.
+  std::vector<std::string> many;
+  for (int i = 999; i >= 0; --i) many.push_back("/Applications/Big.app/Contents/directory-" + std::to_string(i));
+  const auto split = MigrationPrivilegedCommands::removeDirectoriesCommands(many, 4096);
+  EXPECT_GT(split.size(), 1u);
+  std::string joined;
+  for (const auto& command : split) {
+    EXPECT_LE(command.size(), 4096u);
+    EXPECT_EQ(command.rfind("/bin/rmdir '", 0), 0u);
+    joined += command.substr(std::string("/bin/rmdir").size());
+  }
+  std::string expected;
+  for (const auto& directory : many) expected += " " + shellQuote(directory);
+  EXPECT_EQ(joined, expected);
 }
 
 TEST(PrivilegedCommandsTest, TheHelperFormNamesTheBinaryAndTheIdentities) {
