@@ -132,13 +132,32 @@ MigrationOpenFiles::Result MigrationOpenFiles::inspectNatively() {
   return result;
 }
 
+MigrationOpenFiles::Result MigrationOpenFiles::inspectNatively(const FileIndex& index) {
+  Result result;
+  result.standardOutput = platform::listOpenFilesNatively([&index](std::int64_t device, std::uint64_t inode) {
+    // The same narrowing the manifest applies to st_dev.
+    return index.contains({static_cast<std::int32_t>(device), inode});
+  });
+  result.status = result.standardOutput.empty() ? 1 : 0;
+  return result;
+}
+
 MigrationOpenFiles::Result MigrationOpenFiles::inspect() {
   if (platform::defaultOpenFileLister() == platform::OpenFileLister::native) return inspectNatively();
   return inspectWithLsof(platform::lsofExecutablePath());
 }
 
+MigrationOpenFiles::Result MigrationOpenFiles::inspect(const FileIndex& index) {
+  if (platform::defaultOpenFileLister() == platform::OpenFileLister::native) return inspectNatively(index);
+  return inspectWithLsof(platform::lsofExecutablePath());
+}
+
 MigrationOpenFiles::Inspect MigrationOpenFiles::defaultInspect() {
-  return [] { return inspect(); };
+  return [](const FileIndex& index) { return inspect(index); };
+}
+
+MigrationOpenFiles::Inspect MigrationOpenFiles::lsofInspect(const std::string& executable) {
+  return [executable](const FileIndex&) { return inspectWithLsof(executable); };
 }
 
 MigrationOpenFiles::FileIndex MigrationOpenFiles::fileIndex(const MigrationManifest& manifest) {
@@ -361,7 +380,7 @@ std::vector<MigrationOpenFiles::Reference> MigrationOpenFiles::occupyingReferenc
                                                                                    const FileIndex& index,
                                                                                    const Inspect& inspect) {
   try {
-    const Result run = inspect();
+    const Result run = inspect(index);
     if (run.status != 0 && run.status != 1) throw std::runtime_error(fmt::format("exit status {}", run.status));
     if (!run.standardError.empty()) throw std::runtime_error("standard error: " + run.standardError);
     if (run.status == 0 && run.standardOutput.empty()) throw std::runtime_error("status 0 without output");

@@ -29,7 +29,6 @@ class MigrationOpenFiles {
     std::string standardOutput;
     std::string standardError;
   };
-  using Inspect = std::function<Result()>;
 
   // Where a file of the item lies in it; every further path with the same identity is a hard
   // link to it.
@@ -39,6 +38,9 @@ class MigrationOpenFiles {
     MigrationEntry::Kind kind = MigrationEntry::Kind::regular;
   };
   using FileIndex = std::unordered_map<MigrationFileIdentity, IndexedFile>;
+  // One run of a lister. The index lets a lister leave out files of no interest (the native
+  // scan does); lsof always lists everything.
+  using Inspect = std::function<Result(const FileIndex& index)>;
 
   enum class Reason { directory, read_only, working_directory, runtime, endpoint, writable, unknown };
 
@@ -92,15 +94,20 @@ class MigrationOpenFiles {
   // check again.
   using WaitForRetry = std::function<bool(int attempt)>;
 
-  // The platform's default lister (the native scan on Linux, lsof on macOS).
+  // The platform's default lister over everything (the native scan on Linux, lsof on macOS).
   static Result inspect();
+  // The same, told which files matter.
+  static Result inspect(const FileIndex& index);
   // lsof "-nP +c 0 -F0pcfatDin" with LC_ALL=C: 8 s to exit, then terminate, 1 s, kill; 2 s for
   // its output. Throws "migration.preflight.occupancy_unknown" on a time-out or an output that
   // overflowed or could not be read; a failure to start passes through as platform::PosixError.
   static Result inspectWithLsof(const std::string& executable);
   // The native scan, as a lister run (status 1 when nothing at all is open).
   static Result inspectNatively();
+  // The native scan of the index's files only (status 1 when none of them is open).
+  static Result inspectNatively(const FileIndex& index);
   static Inspect defaultInspect();
+  static Inspect lsofInspect(const std::string& executable);
 
   static FileIndex fileIndex(const MigrationManifest& manifest);
 

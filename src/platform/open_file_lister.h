@@ -8,6 +8,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <string>
 
 namespace corvane::platform {
@@ -20,9 +21,15 @@ OpenFileLister defaultOpenFileLister();
 // "/usr/sbin/lsof" on macOS, "/usr/bin/lsof" on Linux.
 const char* lsofExecutablePath();
 
+// Which files a listing is about: true for the (device, inode) pairs the caller wants to see.
+using OpenFileFilter = std::function<bool(std::int64_t device, std::uint64_t inode)>;
+
 // Every open file of every process, in exactly the form "lsof -nP +c 0 -F0pcfatDin" prints it
 // with LC_ALL=C for descriptors, working and root directories, executables and mapped files.
-std::string listOpenFilesNatively();
+// With a filter only the records of wanted files are written, each after its process's p and c
+// lines, and processes without such records are left out; files that are not wanted are never
+// named, which saves most of the work.
+std::string listOpenFilesNatively(const OpenFileFilter& filter = {});
 
 // The device number the platform's stat reports for a major and minor pair (lsof prints pairs
 // when a mapped file's path leads to another device than the mapping).

@@ -99,9 +99,11 @@ TEST(MigrationOpenFilesListersTest, NativeScanAndLsofFindTheSameOccupantsForTheS
       MigrationIntegrityVerifier::snapshot(item, RuntimeEntries::allow, ReadableCheck::skip, RemovableCheck::skip);
   const auto index = MigrationOpenFiles::fileIndex(manifest);
   const auto native = referencesOf(MigrationOpenFiles::inspectNatively(), item, index);
+  const auto filtered = referencesOf(MigrationOpenFiles::inspectNatively(index), item, index);
   const auto lsof = referencesOf(MigrationOpenFiles::inspectWithLsof(platform::lsofExecutablePath()), item, index);
 
   EXPECT_EQ(native, lsof) << "native:\n" << describe(native) << "lsof:\n" << describe(lsof);
+  EXPECT_EQ(filtered, lsof) << "filtered:\n" << describe(filtered) << "lsof:\n" << describe(lsof);
 
   using Paths = std::multimap<std::string, Reason>;
   EXPECT_EQ(byPath(native, reader.pid()), (Paths{{"read.txt", Reason::read_only}}));
@@ -141,9 +143,11 @@ TEST(MigrationOpenFilesListersTest, TheCallingProcessItselfIsSeen) {
       MigrationIntegrityVerifier::snapshot(item, RuntimeEntries::allow, ReadableCheck::skip, RemovableCheck::skip);
   const auto index = MigrationOpenFiles::fileIndex(manifest);
   const auto native = referencesOf(MigrationOpenFiles::inspectNatively(), item, index);
+  const auto filtered = referencesOf(MigrationOpenFiles::inspectNatively(index), item, index);
   const auto lsof = referencesOf(MigrationOpenFiles::inspectWithLsof(platform::lsofExecutablePath()), item, index);
   close(fd);
   EXPECT_EQ(native, lsof) << "native:\n" << describe(native) << "lsof:\n" << describe(lsof);
+  EXPECT_EQ(filtered, lsof) << "filtered:\n" << describe(filtered) << "lsof:\n" << describe(lsof);
   EXPECT_EQ(byPath(native, getpid()), (std::multimap<std::string, Reason>{{"mine.txt", Reason::read_only}}));
 }
 
@@ -164,8 +168,10 @@ TEST(MigrationOpenFilesListersTest, MappedFileOnABtrfsSubvolumeIsFoundByBothList
       MigrationIntegrityVerifier::snapshot(item, RuntimeEntries::allow, ReadableCheck::skip, RemovableCheck::skip);
   const auto index = MigrationOpenFiles::fileIndex(manifest);
   const auto native = referencesOf(MigrationOpenFiles::inspectNatively(), item, index);
+  const auto filtered = referencesOf(MigrationOpenFiles::inspectNatively(index), item, index);
   const auto lsof = referencesOf(MigrationOpenFiles::inspectWithLsof(platform::lsofExecutablePath()), item, index);
   EXPECT_EQ(native, lsof) << "native:\n" << describe(native) << "lsof:\n" << describe(lsof);
+  EXPECT_EQ(filtered, lsof) << "filtered:\n" << describe(filtered) << "lsof:\n" << describe(lsof);
   EXPECT_EQ(byPath(native, mapper.pid()), (std::multimap<std::string, Reason>{{"library.bin", Reason::runtime}}));
 }
 

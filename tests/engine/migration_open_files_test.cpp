@@ -134,7 +134,7 @@ TEST(MigrationOpenFilesTest, ListerTextEscapingRoundTripsEveryByte) {
 }
 
 MigrationOpenFiles::Inspect answering(int status, std::string output, std::string error = "") {
-  return [=] { return MigrationOpenFiles::Result{status, output, error}; };
+  return [=](const MigrationOpenFiles::FileIndex&) { return MigrationOpenFiles::Result{status, output, error}; };
 }
 
 void expectUnknown(const MigrationOpenFiles::Inspect& inspect, const std::string& why) {
@@ -160,7 +160,9 @@ TEST(MigrationOpenFilesTest, EveryDoubtAboutTheListerMakesTheStateUnknown) {
   expectUnknown(answering(0, std::string("p1\0cla", 6)), "output cut inside a field");
   expectUnknown(answering(0, fields({"f3", "ar", "tREG", "D0x1", "i5", "nx"})), "file before any process");
   expectUnknown(answering(0, fields({"p1", "cx"}) + fields({"f3", "D0xzz", "i5"})), "unreadable device");
-  expectUnknown([]() -> MigrationOpenFiles::Result { throw platform::PosixError(ENOENT, "/usr/sbin/lsof"); },
+  expectUnknown([](const MigrationOpenFiles::FileIndex&) -> MigrationOpenFiles::Result {
+                  throw platform::PosixError(ENOENT, "/usr/sbin/lsof");
+                },
                 "lister missing");
 }
 

@@ -4,23 +4,33 @@
 // deleted mapping) this scan reports it the same way, so that the two agree on every file that
 // can belong to an item. Network sockets and anonymous inodes are described more tersely than
 // lsof does: they never have an identity inside an item.
+//
+// With a filter, a file's identity is looked at first and only wanted files are named, so most
+// descriptors cost one stat. Processes are scanned by a few threads in chunks; the output keeps
+// the process order.
 #include <dirent.h>
 #include <fcntl.h>
+#include <linux/types.h>
+#include <sys/ioctl.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/sysmacros.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <array>
+#include <atomic>
 #include <cerrno>
 #include <charconv>
 #include <climits>
 #include <cstring>
+#include <exception>
 #include <iterator>
+#include <mutex>
 #include <optional>
-#include <set>
 #include <string>
 #include <string_view>
+#include <thread>
 #include <unordered_map>
 #include <unordered_set>
 #include <vector>
@@ -42,7 +52,34 @@ std::int64_t deviceNumber(unsigned major, unsigned minor) { return static_cast<s
 
 namespace {
 
+// The map query of /proc/<pid>/maps (Linux 6.11): one mapping per call, as numbers, without
+// formatting every mapping's line and path. Older kernels answer ENOTTY and the text is read.
+struct MapQuery {
+  __u64 size;
+  __u64 queryFlags;
+  __u64 queryAddress;
+  __u64 start;
+  __u64 end;
+  __u64 flags;
+  __u64 pageSize;
+  __u64 offset;
+  __u64 inode;
+  __u32 deviceMajor;
+  __u32 deviceMinor;
+  __u32 nameSize;
+  __u32 buildIdSize;
+  __u64 nameAddress;
+  __u64 buildIdAddress;
+};
+constexpr unsigned long kMapQueryRequest = _IOWR('f', 17, MapQuery);
+constexpr __u64 kQueryCoveringOrNext = 0x10;
+constexpr __u64 kQueryFileBacked = 0x20;
+
 constexpr std::string_view kDeletedSuffix = " (deleted)";
+constexpr std::size_t kProcessesPerChunk = 16;
+constexpr unsigned kMaximumWorkers = 4;
+// Below this many processes a second thread costs more than it saves.
+constexpr std::size_t kProcessesPerWorker = 48;
 
 struct Identity {
   dev_t device = 0;
@@ -135,118 +172,301 @@ std::optional<std::string> readLinkAt(int directory, const char* name, int& erro
   return std::string(target.data(), static_cast<std::size_t>(length));
 }
 
-// Numeric names in a directory (process ids, descriptors, task ids), ascending.
+std::optional<Identity> identityAt(int directory, const char* name, mode_t* mode = nullptr) {
+  struct stat status {};
+  if (fstatat(directory, name, &status, 0) != 0) return std::nullopt;
+  if (mode) *mode = status.st_mode;
+  return Identity{status.st_dev, status.st_ino};
+}
+
+// Numeric names in a directory (process ids, descriptors, task ids), ascending. Read with
+// getdents64 directly: one listing of /proc per process and descriptor table is the scan's
+// commonest call after stat.
 std::vector<unsigned long> numericEntries(int directory) {
   std::vector<unsigned long> numbers;
-  UniqueFd copy(fcntl(directory, F_DUPFD_CLOEXEC, 0));
-  if (!copy) return numbers;
-  DIR* listing = fdopendir(copy.get());
-  if (!listing) return numbers;
-  copy.release();
-  while (dirent* entry = readdir(listing)) {
-    const char* name = entry->d_name;
-    unsigned long value = 0;
-    auto [end, error] = std::from_chars(name, name + std::strlen(name), value);
-    if (error == std::errc() && *end == '\0') numbers.push_back(value);
+  alignas(8) char buffer[16384];
+  for (;;) {
+    const long count = syscall(SYS_getdents64, directory, buffer, sizeof buffer);
+    if (count <= 0) break;
+    for (long offset = 0; offset < count;) {
+      const auto* entry = reinterpret_cast<const dirent64*>(buffer + offset);
+      offset += entry->d_reclen;
+      const char* name = entry->d_name;
+      unsigned long value = 0;
+      auto [end, error] = std::from_chars(name, name + std::strlen(name), value);
+      if (error == std::errc() && *end == '\0') numbers.push_back(value);
+    }
   }
-  closedir(listing);
   std::sort(numbers.begin(), numbers.end());
   return numbers;
 }
 
-class ProcessTableScan {
+// What the workers share: the machine's UNIX socket table and the status of mapped paths, both
+// read once per scan.
+class SharedTables {
  public:
-  explicit ProcessTableScan(UniqueFd proc) : proc_(std::move(proc)) { output_.reserve(1 << 20); }
+  SharedTables(int proc, const OpenFileFilter& filter) : proc_(proc), filter_(filter) {}
 
-  std::string run() {
-    for (unsigned long pid : numericEntries(proc_.get())) scanProcess(static_cast<pid_t>(pid));
-    return std::move(output_);
+  int proc() const { return proc_; }
+  bool filtering() const { return static_cast<bool>(filter_); }
+  bool wanted(dev_t device, ino_t inode) const {
+    return !filter_ || filter_(static_cast<std::int64_t>(device), static_cast<std::uint64_t>(inode));
+  }
+
+  std::optional<PathStatus> pathStatus(const std::string& path) {
+    {
+      std::lock_guard lock(pathMutex_);
+      if (auto found = pathStatus_.find(path); found != pathStatus_.end()) return found->second;
+    }
+    std::optional<PathStatus> status;
+    struct stat st {};
+    if (::stat(path.c_str(), &st) == 0) status = PathStatus{st.st_dev, st.st_ino, st.st_mode};
+    std::lock_guard lock(pathMutex_);
+    pathStatus_.emplace(path, status);
+    return status;
+  }
+
+  // The status of the path a mapping was made through, remembered by the mapping's identity:
+  // the same file is reached by the same path in every process that maps it.
+  template <typename NameOf>
+  std::optional<PathStatus> mappedStatus(const Identity& identity, const NameOf& nameOf) {
+    {
+      std::lock_guard lock(pathMutex_);
+      if (auto found = mappedStatus_.find(identity); found != mappedStatus_.end()) return found->second;
+    }
+    std::optional<PathStatus> status;
+    if (auto name = nameOf(); name && !endsWith(*name, kDeletedSuffix)) status = pathStatus(*name);
+    std::lock_guard lock(pathMutex_);
+    mappedStatus_.emplace(identity, status);
+    return status;
+  }
+
+  std::atomic<bool> mapQueryWorks{true};
+
+  const UnixSocket* unixSocket(ino_t inode) {
+    std::call_once(unixOnce_, [this] { loadUnixSockets(); });
+    auto found = unixSockets_.find(inode);
+    return found == unixSockets_.end() ? nullptr : &found->second;
+  }
+
+ private:
+  void loadUnixSockets() {
+    std::string table;
+    if (!readWholeFile(proc_, "net/unix", table)) return;
+    std::string_view rest(table);
+    bool header = true;
+    while (!rest.empty()) {
+      auto newline = rest.find('\n');
+      std::string_view line = rest.substr(0, newline);
+      rest = newline == std::string_view::npos ? std::string_view{} : rest.substr(newline + 1);
+      if (header) {
+        header = false;
+        continue;
+      }
+      // Num RefCount Protocol Flags Type St Inode [Path]
+      std::size_t position = 0;
+      std::array<std::string_view, 7> tokens;
+      bool complete = true;
+      for (auto& token : tokens) {
+        while (position < line.size() && line[position] == ' ') ++position;
+        const std::size_t start = position;
+        while (position < line.size() && line[position] != ' ') ++position;
+        token = line.substr(start, position - start);
+        if (token.empty()) complete = false;
+      }
+      if (!complete) continue;
+      unsigned type = 0;
+      ino_t inode = 0;
+      std::from_chars(tokens[4].data(), tokens[4].data() + tokens[4].size(), type, 16);
+      if (std::from_chars(tokens[6].data(), tokens[6].data() + tokens[6].size(), inode).ec != std::errc()) continue;
+      if (position < line.size()) ++position;
+      unixSockets_.emplace(inode, UnixSocket{std::string(line.substr(position)), type});
+    }
+  }
+
+  int proc_;
+  const OpenFileFilter& filter_;
+  std::mutex pathMutex_;
+  std::unordered_map<std::string, std::optional<PathStatus>> pathStatus_;
+  std::unordered_map<Identity, std::optional<PathStatus>, IdentityHash> mappedStatus_;
+  std::once_flag unixOnce_;
+  std::unordered_map<ino_t, UnixSocket> unixSockets_;
+};
+
+// One worker's scanner: reads one process at a time and appends its records to an output.
+class ProcessScan {
+ public:
+  explicit ProcessScan(SharedTables& shared) : shared_(shared) {}
+
+  void scan(pid_t pid, std::string& output) {
+    output_ = &output;
+    pid_ = pid;
+    headerWritten_ = false;
+    UniqueFd directory(openat(shared_.proc(), std::to_string(pid).c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+    if (!directory) return;  // ended meanwhile
+    directory_ = directory.get();
+    if (!shared_.filtering()) {
+      // Zombies have released everything; lsof leaves them out too.
+      if (!readCommand() || state_ == 'Z' || state_ == 'X') return;
+      writeHeader();
+    }
+    auto cwd = linkEntry("cwd", "cwd");
+    auto root = linkEntry("root", "rtd");
+    auto executable = linkEntry("exe", "txt");
+    mappedFiles(executable);
+    descriptors();
+    threadDirectories(cwd, root);
   }
 
  private:
   void field(char id, std::string_view value) {
-    output_ += id;
-    output_ += value;
-    output_ += '\0';
+    *output_ += id;
+    *output_ += value;
+    *output_ += '\0';
+  }
+
+  bool readCommand() {
+    if (!readWholeFile(directory_, "stat", buffer_)) return false;
+    const auto open = buffer_.find('(');
+    const auto close = buffer_.rfind(')');
+    if (open == std::string::npos || close == std::string::npos || close < open || close + 2 >= buffer_.size()) {
+      return false;
+    }
+    state_ = buffer_[close + 2];
+    command_ = buffer_.substr(open + 1, close - open - 1);
+    return true;
+  }
+
+  void writeHeader() {
+    if (headerWritten_) return;
+    headerWritten_ = true;
+    if (shared_.filtering() && !readCommand()) command_.clear();
+    fmt::format_to(std::back_inserter(*output_), "p{}{}", pid_, '\0');
+    field('c', escapeListerText(command_));
+    *output_ += '\n';
   }
 
   void file(std::string_view descriptor, char access, std::string_view type, std::optional<dev_t> device,
             std::optional<ino_t> inode, std::string_view name) {
+    writeHeader();
     field('f', descriptor);
-    output_ += 'a';
-    output_ += access;
-    output_ += '\0';
+    *output_ += 'a';
+    *output_ += access;
+    *output_ += '\0';
     field('t', type);
-    if (device) fmt::format_to(std::back_inserter(output_), "D0x{:x}{}", *device, '\0');
-    if (inode) fmt::format_to(std::back_inserter(output_), "i{}{}", *inode, '\0');
+    if (device) fmt::format_to(std::back_inserter(*output_), "D0x{:x}{}", *device, '\0');
+    if (inode) fmt::format_to(std::back_inserter(*output_), "i{}{}", *inode, '\0');
     field('n', escapeListerText(name));
-    output_ += '\n';
+    *output_ += '\n';
   }
 
-  void scanProcess(pid_t pid) {
-    const std::string pidName = std::to_string(pid);
-    UniqueFd directory(openat(proc_.get(), pidName.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
-    if (!directory) return;  // ended meanwhile
-    if (!readWholeFile(directory.get(), "stat", buffer_)) return;
-    const auto open = buffer_.find('(');
-    const auto close = buffer_.rfind(')');
-    if (open == std::string::npos || close == std::string::npos || close < open || close + 2 >= buffer_.size()) return;
-    const char state = buffer_[close + 2];
-    // Zombies have released everything; lsof leaves them out too.
-    if (state == 'Z' || state == 'X') return;
-    const std::string command = buffer_.substr(open + 1, close - open - 1);
-
-    fmt::format_to(std::back_inserter(output_), "p{}{}", pid, '\0');
-    field('c', escapeListerText(command));
-    output_ += '\n';
-
-    auto cwd = linkEntry(directory.get(), pid, "cwd", "cwd");
-    auto root = linkEntry(directory.get(), pid, "root", "rtd");
-    auto executable = linkEntry(directory.get(), pid, "exe", "txt");
-    mappedFiles(directory.get(), executable);
-    descriptors(directory.get(), pid);
-    threadDirectories(directory.get(), pid, cwd, root);
+  // A record that names no file: only written when everything is listed.
+  void unnamedFile(std::string_view descriptor, char access, std::string_view name) {
+    if (!shared_.filtering()) file(descriptor, access, "unknown", std::nullopt, std::nullopt, name);
   }
-
-  struct LinkResult {
-    std::string text;
-    std::optional<Identity> identity;
-  };
 
   // cwd, rtd and txt: the link's text as the name, the identity of what it leads to.
-  std::optional<LinkResult> linkEntry(int directory, pid_t pid, const char* linkName, std::string_view descriptor) {
+  std::optional<Identity> linkEntry(const char* linkName, std::string_view descriptor) {
+    mode_t mode = 0;
+    const auto identity = identityAt(directory_, linkName, &mode);
+    if (shared_.filtering() && (!identity || !shared_.wanted(identity->device, identity->inode))) return identity;
+    const int statError = errno;
     int error = 0;
-    auto text = readLinkAt(directory, linkName, error);
+    auto text = readLinkAt(directory_, linkName, error);
     if (!text) {
       // A kernel thread has no executable: lsof names the link without an error.
-      const std::string name = error == ENOENT ? fmt::format("/proc/{}/{}", pid, linkName)
-                                               : fmt::format("/proc/{}/{} (readlink: {})", pid, linkName, std::strerror(error));
-      file(descriptor, ' ', "unknown", std::nullopt, std::nullopt, name);
-      return std::nullopt;
+      unnamedFile(descriptor, ' ',
+                  error == ENOENT ? fmt::format("/proc/{}/{}", pid_, linkName)
+                                  : fmt::format("/proc/{}/{} (readlink: {})", pid_, linkName, std::strerror(error)));
+      return identity;
     }
-    struct stat status {};
-    if (fstatat(directory, linkName, &status, 0) != 0) {
-      file(descriptor, ' ', "unknown", std::nullopt, std::nullopt, fmt::format("{} (stat: {})", *text, std::strerror(errno)));
-      return LinkResult{std::move(*text), std::nullopt};
+    if (!identity) {
+      unnamedFile(descriptor, ' ', fmt::format("{} (stat: {})", *text, std::strerror(statError)));
+      return identity;
     }
-    file(descriptor, ' ', typeName(status.st_mode), status.st_dev, status.st_ino, *text);
-    return LinkResult{std::move(*text), Identity{status.st_dev, status.st_ino}};
-  }
-
-  const std::optional<PathStatus>& mappedPathStatus(const std::string& path) {
-    auto found = pathStatus_.find(path);
-    if (found != pathStatus_.end()) return found->second;
-    std::optional<PathStatus> status;
-    struct stat st {};
-    if (::stat(path.c_str(), &st) == 0) status = PathStatus{st.st_dev, st.st_ino, st.st_mode};
-    return pathStatus_.emplace(path, status).first->second;
+    file(descriptor, ' ', typeName(mode), identity->device, identity->inode, *text);
+    return identity;
   }
 
   // Every mapped file once, the executable excluded (it is the txt entry). The identity comes
   // from the map itself; when the path now leads elsewhere the name says so, as lsof's does.
-  void mappedFiles(int directory, const std::optional<LinkResult>& executable) {
-    if (!readWholeFile(directory, "maps", maps_)) return;
+  void mappedFiles(const std::optional<Identity>& executable) {
     seenMappings_.clear();
+    if (shared_.mapQueryWorks && queryMappedFiles(executable)) return;
+    readMappedFiles(executable);
+  }
+
+  // One mapping as both ways of reading the maps give it: its identity and a way to get the
+  // path it was mapped through (the text has it at hand; the query fetches it on demand).
+  template <typename NameOf>
+  void mapping(const Identity& identity, const std::optional<Identity>& executable, const NameOf& nameOf) {
+    if (executable && *executable == identity) return;
+    if (!seenMappings_.insert(identity).second) return;
+    const bool wanted = shared_.wanted(identity.device, identity.inode);
+    if (!wanted) {
+      // A reader of the output also finds the file under the device of the path it was mapped
+      // through; only that can make an unwanted mapping interesting.
+      const auto status = shared_.mappedStatus(identity, nameOf);
+      if (!status || status->device == identity.device || !shared_.wanted(status->device, identity.inode)) return;
+    }
+    const auto name = nameOf();
+    if (!name) return;
+    std::string_view path = *name;
+    if (endsWith(path, kDeletedSuffix)) {
+      path.remove_suffix(kDeletedSuffix.size());
+      if (wanted) file("DEL", ' ', "REG", identity.device, identity.inode, path);
+      return;
+    }
+    std::string shown = *name;
+    std::string_view type = "REG";
+    if (const auto status = shared_.pathStatus(*name)) {
+      type = typeName(status->mode);
+      if (status->device != identity.device) {
+        shown += fmt::format(" (path dev={},{})", ::major(status->device), ::minor(status->device));
+      } else if (status->inode != identity.inode) {
+        shown += fmt::format(" (path inode={})", status->inode);
+      }
+    }
+    file("mem", ' ', type, identity.device, identity.inode, shown);
+  }
+
+  // False when this kernel has no map query (nothing was written then).
+  bool queryMappedFiles(const std::optional<Identity>& executable) {
+    UniqueFd maps(openat(directory_, "maps", O_RDONLY | O_CLOEXEC));
+    if (!maps) return true;
+    __u64 address = 0;
+    for (;;) {
+      MapQuery query{};
+      query.size = sizeof query;
+      query.queryFlags = kQueryCoveringOrNext | kQueryFileBacked;
+      query.queryAddress = address;
+      if (ioctl(maps.get(), kMapQueryRequest, &query) != 0) {
+        if (errno == ENOTTY || errno == EINVAL) {
+          if (address != 0) return true;
+          shared_.mapQueryWorks = false;
+          return false;
+        }
+        return true;  // ENOENT: no further mapping; ESRCH: the process ended
+      }
+      address = query.end;
+      if (query.inode == 0) continue;
+      const Identity identity{makedev(query.deviceMajor, query.deviceMinor), static_cast<ino_t>(query.inode)};
+      const __u64 start = query.start;
+      mapping(identity, executable, [&]() -> std::optional<std::string> {
+        MapQuery named{};
+        named.size = sizeof named;
+        named.queryFlags = kQueryFileBacked;
+        named.queryAddress = start;
+        named.nameSize = static_cast<__u32>(name_.size());
+        named.nameAddress = reinterpret_cast<__u64>(name_.data());
+        if (ioctl(maps.get(), kMapQueryRequest, &named) != 0 || named.nameSize == 0) return std::nullopt;
+        return std::string(name_.data(), named.nameSize - 1);
+      });
+    }
+  }
+
+  void readMappedFiles(const std::optional<Identity>& executable) {
+    if (!readWholeFile(directory_, "maps", maps_)) return;
     std::string_view rest(maps_);
     while (!rest.empty()) {
       auto newline = rest.find('\n');
@@ -277,157 +497,145 @@ class ProcessTableScan {
         continue;
       }
       while (position < line.size() && line[position] == ' ') ++position;
-      std::string_view path = line.substr(position);
-      const Identity identity{makedev(major, minor), inode};
-      if (executable && executable->identity && *executable->identity == identity) continue;
-      if (!seenMappings_.insert(identity).second) continue;
-      if (endsWith(path, kDeletedSuffix)) {
-        path.remove_suffix(kDeletedSuffix.size());
-        file("DEL", ' ', "REG", identity.device, identity.inode, path);
-        continue;
-      }
-      const std::string pathText(path);
-      std::string name = pathText;
-      std::string_view type = "REG";
-      if (const auto& status = mappedPathStatus(pathText)) {
-        type = typeName(status->mode);
-        if (status->device != identity.device) {
-          name += fmt::format(" (path dev={},{})", ::major(status->device), ::minor(status->device));
-        } else if (status->inode != identity.inode) {
-          name += fmt::format(" (path inode={})", status->inode);
-        }
-      }
-      file("mem", ' ', type, identity.device, identity.inode, name);
+      const std::string_view path = line.substr(position);
+      mapping(Identity{makedev(major, minor), inode}, executable,
+              [path]() -> std::optional<std::string> { return std::string(path); });
     }
   }
 
-  const std::unordered_map<ino_t, UnixSocket>& unixSockets() {
-    if (unixSockets_) return *unixSockets_;
-    unixSockets_.emplace();
-    std::string table;
-    if (!readWholeFile(proc_.get(), "net/unix", table)) return *unixSockets_;
-    std::string_view rest(table);
-    bool header = true;
-    while (!rest.empty()) {
-      auto newline = rest.find('\n');
-      std::string_view line = rest.substr(0, newline);
-      rest = newline == std::string_view::npos ? std::string_view{} : rest.substr(newline + 1);
-      if (header) {
-        header = false;
-        continue;
-      }
-      // Num RefCount Protocol Flags Type St Inode [Path]
-      std::size_t position = 0;
-      std::array<std::string_view, 7> tokens;
-      bool complete = true;
-      for (auto& token : tokens) {
-        while (position < line.size() && line[position] == ' ') ++position;
-        const std::size_t start = position;
-        while (position < line.size() && line[position] != ' ') ++position;
-        token = line.substr(start, position - start);
-        if (token.empty()) complete = false;
-      }
-      if (!complete) continue;
-      unsigned type = 0;
-      ino_t inode = 0;
-      std::from_chars(tokens[4].data(), tokens[4].data() + tokens[4].size(), type, 16);
-      if (std::from_chars(tokens[6].data(), tokens[6].data() + tokens[6].size(), inode).ec != std::errc()) continue;
-      if (position < line.size()) ++position;
-      unixSockets_->emplace(inode, UnixSocket{std::string(line.substr(position)), type});
-    }
-    return *unixSockets_;
-  }
-
-  void descriptors(int directory, pid_t pid) {
-    UniqueFd fds(openat(directory, "fd", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  void descriptors() {
+    UniqueFd fds(openat(directory_, "fd", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (!fds) {
-      if (errno != ENOENT) {
-        file("NOFD", ' ', "unknown", std::nullopt, std::nullopt,
-             fmt::format("/proc/{}/fd (opendir: {})", pid, std::strerror(errno)));
-      }
+      if (errno != ENOENT) unnamedFile("NOFD", ' ', fmt::format("/proc/{}/fd (opendir: {})", pid_, std::strerror(errno)));
       return;
     }
     for (unsigned long number : numericEntries(fds.get())) {
       const std::string descriptor = std::to_string(number);
+      mode_t mode = 0;
+      const auto identity = identityAt(fds.get(), descriptor.c_str(), &mode);
+      const int statError = errno;
+      if (shared_.filtering()) {
+        // lsof names UNIX sockets by their socket inode and no device: never an item's file.
+        if (!identity || S_ISSOCK(mode) || !shared_.wanted(identity->device, identity->inode)) continue;
+      }
       int error = 0;
       auto text = readLinkAt(fds.get(), descriptor.c_str(), error);
       if (!text) {
         if (error == ENOENT) continue;  // closed meanwhile
-        file(descriptor, ' ', "unknown", std::nullopt, std::nullopt,
-             fmt::format("/proc/{}/fd/{} (readlink: {})", pid, descriptor, std::strerror(error)));
+        unnamedFile(descriptor, ' ', fmt::format("/proc/{}/fd/{} (readlink: {})", pid_, descriptor, std::strerror(error)));
         continue;
       }
       struct stat link {};
-      const char access = fstatat(fds.get(), descriptor.c_str(), &link, AT_SYMLINK_NOFOLLOW) == 0 ? accessOf(link.st_mode) : ' ';
+      const char access =
+          fstatat(fds.get(), descriptor.c_str(), &link, AT_SYMLINK_NOFOLLOW) == 0 ? accessOf(link.st_mode) : ' ';
       if (startsWith(*text, "socket:[")) {
         ino_t inode = 0;
         std::from_chars(text->data() + 8, text->data() + text->size(), inode);
-        const auto& sockets = unixSockets();
-        if (auto found = sockets.find(inode); found != sockets.end()) {
-          std::string name = found->second.path.empty() ? "" : found->second.path + " ";
+        if (const UnixSocket* socket = shared_.unixSocket(inode)) {
+          std::string name = socket->path.empty() ? "" : socket->path + " ";
           name += "type=";
-          name += unixTypeName(found->second.type);
+          name += unixTypeName(socket->type);
           file(descriptor, access, "unix", std::nullopt, inode, name);
           continue;
         }
       }
-      struct stat status {};
-      if (fstatat(fds.get(), descriptor.c_str(), &status, 0) != 0) {
-        if (errno == ENOENT) continue;
-        file(descriptor, access, "unknown", std::nullopt, std::nullopt, fmt::format("{} (stat: {})", *text, std::strerror(errno)));
+      if (!identity) {
+        if (statError == ENOENT) continue;
+        unnamedFile(descriptor, access, fmt::format("{} (stat: {})", *text, std::strerror(statError)));
         continue;
       }
       if (startsWith(*text, "pipe:[")) {
-        file(descriptor, access, "FIFO", status.st_dev, status.st_ino, "pipe");
+        file(descriptor, access, "FIFO", identity->device, identity->inode, "pipe");
       } else if (startsWith(*text, "anon_inode:")) {
-        file(descriptor, access, "a_inode", status.st_dev, status.st_ino, std::string_view(*text).substr(11));
+        file(descriptor, access, "a_inode", identity->device, identity->inode, std::string_view(*text).substr(11));
       } else {
-        file(descriptor, access, typeName(status.st_mode), status.st_dev, status.st_ino, *text);
+        file(descriptor, access, typeName(mode), identity->device, identity->inode, *text);
       }
     }
   }
 
   // lsof lists every thread of a process separately; threads share descriptors and maps, but a
   // thread may have its own working or root directory, which must not be missed.
-  void threadDirectories(int directory, pid_t pid, const std::optional<LinkResult>& cwd,
-                         const std::optional<LinkResult>& root) {
+  void threadDirectories(const std::optional<Identity>& cwd, const std::optional<Identity>& root) {
     struct stat tasks {};
     // A task directory links one entry per thread besides "." and "..".
-    if (fstatat(directory, "task", &tasks, 0) != 0 || tasks.st_nlink <= 3) return;
-    UniqueFd taskDirectory(openat(directory, "task", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (fstatat(directory_, "task", &tasks, 0) != 0 || tasks.st_nlink <= 3) return;
+    UniqueFd taskDirectory(openat(directory_, "task", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (!taskDirectory) return;
-    std::set<std::string> reported;
+    std::unordered_set<Identity, IdentityHash> reported;
     for (unsigned long task : numericEntries(taskDirectory.get())) {
-      if (static_cast<pid_t>(task) == pid) continue;
+      if (static_cast<pid_t>(task) == pid_) continue;
       for (const auto& [linkName, descriptor, main] :
            {std::tuple{"cwd", "cwd", &cwd}, std::tuple{"root", "rtd", &root}}) {
         const std::string path = fmt::format("{}/{}", task, linkName);
+        mode_t mode = 0;
+        const auto identity = identityAt(taskDirectory.get(), path.c_str(), &mode);
+        if (!identity || *main == identity || !shared_.wanted(identity->device, identity->inode)) continue;
+        if (!reported.insert(*identity).second) continue;
         int error = 0;
-        auto text = readLinkAt(taskDirectory.get(), path.c_str(), error);
-        if (!text || (*main && (*main)->text == *text)) continue;
-        if (!reported.insert(std::string(descriptor) + '\0' + *text).second) continue;
-        struct stat status {};
-        if (fstatat(taskDirectory.get(), path.c_str(), &status, 0) != 0) continue;
-        file(descriptor, ' ', typeName(status.st_mode), status.st_dev, status.st_ino, *text);
+        if (auto text = readLinkAt(taskDirectory.get(), path.c_str(), error)) {
+          file(descriptor, ' ', typeName(mode), identity->device, identity->inode, *text);
+        }
       }
     }
   }
 
-  UniqueFd proc_;
-  std::string output_;
+  SharedTables& shared_;
+  std::string* output_ = nullptr;
+  pid_t pid_ = 0;
+  int directory_ = -1;
+  bool headerWritten_ = false;
+  char state_ = 0;
+  std::string command_;
   std::string buffer_;
   std::string maps_;
+  std::array<char, PATH_MAX + 1> name_{};
   std::unordered_set<Identity, IdentityHash> seenMappings_;
-  std::unordered_map<std::string, std::optional<PathStatus>> pathStatus_;
-  std::optional<std::unordered_map<ino_t, UnixSocket>> unixSockets_;
 };
 
 }  // namespace
 
-std::string listOpenFilesNatively() {
+std::string listOpenFilesNatively(const OpenFileFilter& filter) {
   UniqueFd proc(open("/proc", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   if (!proc) throwErrno("/proc");
-  return ProcessTableScan(std::move(proc)).run();
+  const std::vector<unsigned long> pids = numericEntries(proc.get());
+  SharedTables shared(proc.get(), filter);
+
+  const std::size_t chunks = (pids.size() + kProcessesPerChunk - 1) / kProcessesPerChunk;
+  std::vector<std::string> outputs(chunks);
+  std::atomic<std::size_t> nextChunk{0};
+  std::exception_ptr failure;
+  std::mutex failureMutex;
+  auto work = [&] {
+    try {
+      ProcessScan scan(shared);
+      for (std::size_t chunk = nextChunk++; chunk < chunks; chunk = nextChunk++) {
+        const std::size_t end = std::min(pids.size(), (chunk + 1) * kProcessesPerChunk);
+        for (std::size_t index = chunk * kProcessesPerChunk; index < end; ++index) {
+          scan.scan(static_cast<pid_t>(pids[index]), outputs[chunk]);
+        }
+      }
+    } catch (...) {
+      std::lock_guard lock(failureMutex);
+      if (!failure) failure = std::current_exception();
+      nextChunk = chunks;
+    }
+  };
+  const unsigned cores = std::max(1u, std::thread::hardware_concurrency());
+  const std::size_t workers =
+      std::clamp<std::size_t>(std::min<std::size_t>(cores, kMaximumWorkers), 1, std::max<std::size_t>(1, pids.size() / kProcessesPerWorker));
+  std::vector<std::thread> threads;
+  for (std::size_t i = 1; i < workers; ++i) threads.emplace_back(work);
+  work();
+  for (auto& thread : threads) thread.join();
+  if (failure) std::rethrow_exception(failure);
+
+  std::size_t total = 0;
+  for (const auto& output : outputs) total += output.size();
+  std::string result;
+  result.reserve(total);
+  for (const auto& output : outputs) result += output;
+  return result;
 }
 
 }  // namespace corvane::platform

@@ -1,0 +1,111 @@
+// The terminal prompter with real streams: numbered answers, bad input, end of input, and the
+// answers given ahead of time when there is no terminal.
+#include <gtest/gtest.h>
+
+#include <cstdio>
+
+#include "app/terminal_prompter.h"
+#include "engine/migration_preflight.h"
+#include "support/localization.h"
+
+namespace corvane {
+namespace {
+
+using Choice = MigrationPreflightChoice;
+using Terminal = TerminalPrompter::Terminal;
+
+// A prompter reading `input` and writing into a buffer the test can read.
+class PromptSession {
+ public:
+  PromptSession(const std::string& input, PresetAnswer preset, Terminal terminal) : input_(input) {
+    in_ = fmemopen(input_.data(), input_.size() + (input_.empty() ? 1 : 0), "r");
+    out_ = open_memstream(&buffer_, &size_);
+    prompter_ = std::make_unique<TerminalPrompter>(preset, terminal, in_, out_);
+  }
+  ~PromptSession() {
+    prompter_.reset();
+    std::fclose(in_);
+    std::fclose(out_);
+    free(buffer_);
+  }
+  TerminalPrompter& prompter() { return *prompter_; }
+  std::string output() {
+    std::fflush(out_);
+    return std::string(buffer_, size_);
+  }
+
+ private:
+  std::string input_;
+  std::FILE* in_ = nullptr;
+  std::FILE* out_ = nullptr;
+  char* buffer_ = nullptr;
+  std::size_t size_ = 0;
+  std::unique_ptr<TerminalPrompter> prompter_;
+};
+
+const std::vector<MigrationRuntimeBlocker> kBlockers = {
+    {"migration.preflight.socket", "run/app.sock", {"server"}, std::nullopt}};
+
+TEST(TerminalPrompterTest, AsksOnTheTerminalUntilItGetsANumber) {
+  PromptSession session("2\n", PresetAnswer::none, Terminal::present);
+  EXPECT_EQ(session.prompter().choose(kBlockers), Choice::retry);
+  const std::string output = session.output();
+  EXPECT_NE(output.find(localizedFormat("migration.preflight.used_by", "run/app.sock", "server")), std::string::npos);
+  EXPECT_NE(output.find(localizedFormat("cli.prompt.button", 3, localized("migration.preflight.later"))), std::string::npos);
+
+  PromptSession patient("stop\n0\n 1 \n", PresetAnswer::none, Terminal::present);
+  EXPECT_EQ(patient.prompter().choose(kBlockers), Choice::stop);
+  const std::string complaints = patient.output();
+  const std::string invalid = localizedFormat("cli.prompt.invalid", 3);
+  EXPECT_NE(complaints.find(invalid), std::string::npos);
+  EXPECT_NE(complaints.find(invalid, complaints.find(invalid) + 1), std::string::npos) << "both bad answers are refused";
+
+  PromptSession closed("", PresetAnswer::none, Terminal::present);
+  EXPECT_EQ(closed.prompter().choose(kBlockers), Choice::later) << "end of input leaves the item for later";
+  EXPECT_FALSE(closed.prompter().authorize("/Applications/App.app"));
+
+  PromptSession yes("1\n", PresetAnswer::none, Terminal::present);
+  EXPECT_TRUE(yes.prompter().authorize("/Applications/App.app"));
+  EXPECT_NE(yes.output().find(localizedWithDetail("migration.preflight.admin_message", "/Applications/App.app")),
+            std::string::npos);
+}
+
+TEST(TerminalPrompterTest, WithoutATerminalAndWithoutAPresetEverythingWaits) {
+  PromptSession session("1\n", PresetAnswer::none, Terminal::absent);
+  EXPECT_EQ(session.prompter().choose(kBlockers), Choice::later) << "input that is not a terminal is not read";
+  EXPECT_FALSE(session.prompter().authorize("/Applications/App.app"));
+  const std::string output = session.output();
+  const std::string notice = localized("cli.prompt.no_terminal");
+  EXPECT_NE(output.find(notice), std::string::npos);
+  EXPECT_EQ(output.find(notice, output.find(notice) + 1), std::string::npos) << "the reason is given once";
+}
+
+TEST(TerminalPrompterTest, PresetAnswersStopOnceThenDeferAndAuthorize) {
+  PromptSession yes("", PresetAnswer::yes, Terminal::absent);
+  EXPECT_EQ(yes.prompter().choose(kBlockers), Choice::stop);
+  EXPECT_EQ(yes.prompter().choose(kBlockers), Choice::later) << "stopping did not help: no endless loop";
+  EXPECT_TRUE(yes.prompter().authorize("/Applications/App.app"));
+  EXPECT_NE(yes.output().find(localized("cli.prompt.still_blocked")), std::string::npos);
+
+  PromptSession defer("", PresetAnswer::defer, Terminal::present);
+  EXPECT_EQ(defer.prompter().choose(kBlockers), Choice::later) << "an explicit preset wins over the terminal";
+  EXPECT_FALSE(defer.prompter().authorize("/Applications/App.app"));
+}
+
+TEST(TerminalPrompterTest, YesAndDeferExcludeEachOther) {
+  CLI::App app;
+  auto* command = app.add_subcommand("migrate");
+  PromptOptions options;
+  addPromptOptions(command, options);
+  const char* both[] = {"corvane", "migrate", "--yes", "--defer"};
+  EXPECT_THROW(app.parse(4, both), CLI::ExcludesError);
+  PromptOptions fresh;
+  CLI::App other;
+  addPromptOptions(other.add_subcommand("migrate"), fresh);
+  const char* yes[] = {"corvane", "migrate", "--yes"};
+  other.parse(3, yes);
+  EXPECT_EQ(fresh.preset(), PresetAnswer::yes);
+}
+
+}  // namespace
+}  // namespace corvane
