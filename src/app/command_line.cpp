@@ -30,6 +30,8 @@ int runCommandLine(int argc, char** argv) {
   addCheckCommand(app, registry);
   addLanguageCommand(app, registry);
   addCleanCommand(app, registry);
+  addMigrateCommand(app, registry);
+  addListCommand(app, registry);
   addBackCommand(app, registry);
   addRestoreCommand(app, registry);
   addUninstallCommand(app, registry);
@@ -42,7 +44,7 @@ int runCommandLine(int argc, char** argv) {
     const int status = app.exit(error);
     return status == 0 ? kExitSuccess : kExitUsage;
   }
-  setDiagnosticVerbosity(verbose ? LogLevel::debug : LogLevel::warning);
+  setDiagnosticVerbosity(verbose ? LogLevel::debug : LogLevel::error);
   try {
     return registry.runChosen().value_or(kExitUsage);
   } catch (const std::exception& failure) {

@@ -30,6 +30,8 @@ void addScanCommand(CLI::App& app, CommandRegistry& registry);
 void addCheckCommand(CLI::App& app, CommandRegistry& registry);
 void addLanguageCommand(CLI::App& app, CommandRegistry& registry);
 void addCleanCommand(CLI::App& app, CommandRegistry& registry);
+void addMigrateCommand(CLI::App& app, CommandRegistry& registry);
+void addListCommand(CLI::App& app, CommandRegistry& registry);
 void addBackCommand(CLI::App& app, CommandRegistry& registry);
 void addRestoreCommand(CLI::App& app, CommandRegistry& registry);
 void addUninstallCommand(CLI::App& app, CommandRegistry& registry);

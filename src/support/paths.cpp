@@ -73,6 +73,13 @@ bool isSameOrDescendant(std::string_view path, std::string_view ancestor) {
   return path.size() == ancestor.size() || path[ancestor.size()] == '/';
 }
 
+std::string absolutePath(std::string_view path) {
+  if (!path.empty() && path.front() == '/') return standardizePath(path);
+  char buffer[PATH_MAX];
+  const std::string current = getcwd(buffer, sizeof buffer) ? buffer : "/";
+  return standardizePath(joinPath(current, path));
+}
+
 std::string resolvingSymlinksInPath(std::string_view path) {
   std::deque<std::string> pending;
   for (auto& component : pathComponents(path)) pending.push_back(std::move(component));

@@ -17,6 +17,8 @@ std::vector<std::string> pathComponents(std::string_view path);
 std::string standardizePath(std::string_view path);
 // Whether `path` is `ancestor` or lies below it (both standardized absolute paths).
 bool isSameOrDescendant(std::string_view path, std::string_view ancestor);
+// `path` made absolute against the current directory, then standardized.
+std::string absolutePath(std::string_view path);
 // Resolves every symbolic link met along an absolute path (at most 40 of them), like a
 // URL's symlink resolution: components that do not exist are kept as written.
 std::string resolvingSymlinksInPath(std::string_view path);

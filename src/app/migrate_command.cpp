@@ -1,0 +1,123 @@
+// `corvane migrate PATH... --to DISK`: moves items to the disk as one batch, with a live
+// progress line per active item, the log of each item and the batch summary. Ctrl-C stops the
+// items still copying or verifying; each is rolled back and its original stays as it was.
+#include <signal.h>
+
+#include <nlohmann/json.hpp>
+
+#include "app/command_line.h"
+#include "app/commands.h"
+#include "app/interruption.h"
+#include "app/progress_display.h"
+#include "app/running_app_prompt.h"
+#include "app/terminal_prompter.h"
+#include "app/user_output.h"
+#include "catalogue/app_manager.h"
+#include "engine/migration_manager.h"
+#include "support/localization.h"
+#include "support/main_queue.h"
+#include "support/paths.h"
+
+namespace corvane {
+namespace {
+
+struct MigrateOptions {
+  std::vector<std::string> paths;
+  std::string disk;
+  bool keepOriginal = false;
+  bool json = false;
+  PromptOptions prompts;
+};
+
+std::string_view outcomeName(MigrationManager::ItemOutcome::Kind kind) {
+  switch (kind) {
+    case MigrationManager::ItemOutcome::Kind::succeeded: return "migrated";
+    case MigrationManager::ItemOutcome::Kind::failed: return "failed";
+    case MigrationManager::ItemOutcome::Kind::skipped: return "skipped";
+    case MigrationManager::ItemOutcome::Kind::deferred: return "deferred";
+  }
+  return "failed";
+}
+
+int exitStatusFor(const std::vector<MigrationManager::ItemOutcome>& outcomes) {
+  bool deferred = false;
+  for (const auto& outcome : outcomes) {
+    if (outcome.kind == MigrationManager::ItemOutcome::Kind::failed) return kExitFailure;
+    if (outcome.kind == MigrationManager::ItemOutcome::Kind::deferred) deferred = true;
+  }
+  return deferred ? kExitDeferred : kExitSuccess;
+}
+
+void printJson(const std::vector<MigrationManager::ItemOutcome>& outcomes) {
+  nlohmann::ordered_json items = nlohmann::ordered_json::array();
+  for (const auto& outcome : outcomes) {
+    nlohmann::ordered_json item;
+    item["source"] = outcome.source;
+    item["target"] = outcome.target;
+    item["outcome"] = outcomeName(outcome.kind);
+    if (!outcome.message.empty()) item["message"] = outcome.message;
+    if (outcome.retainedPath) item["retainedOriginal"] = *outcome.retainedPath;
+    if (outcome.cleanupPath) item["leftBehind"] = *outcome.cleanupPath;
+    items.push_back(item);
+  }
+  printLine(items.dump(2, ' ', false, nlohmann::json::error_handler_t::replace));
+}
+
+int runMigrate(const MigrateOptions& options) {
+  std::vector<std::string> paths;
+  for (const auto& path : options.paths) paths.push_back(absolutePath(path));
+  const std::string disk = absolutePath(options.disk);
+  InterruptionGuard interruption;
+  MainQueue mainQueue;
+  AppManager appManager(mainQueue);
+  auto prompter = TerminalPrompter::onStandardStreams(options.prompts.preset());
+  ProgressDisplay display(stderr, ProgressDisplay::styleFor(stderr));
+
+  MigrationManager::Hooks hooks;
+  hooks.prompter = prompter.get();
+  hooks.cancelled = &InterruptionGuard::requested();
+  hooks.retainOriginal = options.keepOriginal ? RetainOriginal::yes : RetainOriginal::no;
+  hooks.closeRunningApp = [&](const std::string& path, const std::string& name, const std::vector<pid_t>& running) {
+    display.clear();
+    return askToCloseRunningApp(path, name, running, options.prompts.preset());
+  };
+  MigrationManager manager(mainQueue, appManager, hooks);
+  manager.setProgressObserver([&](std::vector<MigrationItemProgress> items) {
+    for (auto& item : items) item.name = lastComponent(item.name);
+    display.show(items);
+  });
+  manager.setLogObserver([&](const std::string& line) {
+    display.clear();
+    if (!options.json) printLine(line);
+  });
+
+  manager.migrateApps(paths, disk);
+  bool toldAboutInterruption = false;
+  while (manager.isMigrating()) {
+    mainQueue.runUntil([&] { return !manager.isMigrating() || (InterruptionGuard::requested() && !toldAboutInterruption); },
+                       std::chrono::milliseconds(200));
+    if (InterruptionGuard::requested() && !toldAboutInterruption) {
+      toldAboutInterruption = true;
+      display.clear();
+      printErrorLine(localized("cli.migrate.interrupted"));
+    }
+  }
+  display.clear();
+  if (options.json) printJson(manager.outcomes());
+  return exitStatusFor(manager.outcomes());
+}
+
+}  // namespace
+
+void addMigrateCommand(CLI::App& app, CommandRegistry& registry) {
+  auto options = std::make_shared<MigrateOptions>();
+  CLI::App* migrate = app.add_subcommand("migrate", localized("cli.migrate.description"));
+  migrate->add_option("path", options->paths, localized("cli.migrate.path"))->required();
+  migrate->add_option("--to", options->disk, localized("cli.migrate.to"))->required();
+  migrate->add_flag("--keep-original", options->keepOriginal, localized("cli.migrate.keep_original"));
+  migrate->add_flag("--json", options->json, localized("cli.option.json"));
+  addPromptOptions(migrate, options->prompts);
+  registry.add(migrate, [options] { return runMigrate(*options); });
+}
+
+}  // namespace corvane

@@ -1,0 +1,363 @@
+#include "engine/migration_manager.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+
+#include <cstring>
+#include <mutex>
+#include <semaphore>
+#include <thread>
+
+#include "catalogue/migrated_backup_catalog.h"
+#include "catalogue/protected_locations.h"
+#include "engine/migration_issue.h"
+#include "engine/migration_open_files.h"
+#include "engine/migration_selection_validator.h"
+#include "engine/simulator_migration_preflight.h"
+#include "platform/file_system.h"
+#include "platform/item_processes.h"
+#include "platform/posix_error.h"
+#include "support/diagnostic_log.h"
+#include "support/localization.h"
+#include "support/paths.h"
+#include "support/update_activity.h"
+#include "support/uuid.h"
+
+namespace corvane {
+namespace {
+
+bool isApplication(const std::string& path) {
+  const std::string name = lastComponent(path);
+  return name.size() > 4 && name.compare(name.size() - 4, 4, ".app") == 0;
+}
+
+// Makes the missing directories above `path`, returning those it made (outermost first).
+std::vector<std::string> makeParents(const std::string& path) {
+  std::vector<std::string> made;
+  std::string partial;
+  const auto components = pathComponents(parentPath(path));
+  for (const auto& component : components) {
+    partial += "/" + component;
+    if (mkdir(partial.c_str(), 0755) == 0) {
+      made.push_back(partial);
+    } else if (errno != EEXIST) {
+      platform::throwErrno(partial);
+    }
+  }
+  return made;
+}
+
+void removeEmptyParents(const std::vector<std::string>& made) {
+  for (auto it = made.rbegin(); it != made.rend(); ++it) rmdir(it->c_str());
+}
+
+const std::set<std::string> kSpecialApplications = {"Visual Studio Code.app", "Sublime Text.app"};
+
+}  // namespace
+
+struct MigrationManager::Batch {
+  std::vector<std::string> apps;
+  std::string disk;
+  std::string runID;
+  std::vector<MigratedApp> records;
+  std::unique_ptr<MigrationProgressTracker> tracker;
+  std::unique_ptr<MigrationBatchProgress> progress;
+  std::unique_ptr<std::counting_semaphore<64>> slots;
+  std::vector<std::thread> workers;
+  std::thread driver;
+  std::mutex mutex;
+  std::vector<std::optional<ItemOutcome>> outcomes;
+  std::unique_ptr<UpdateActivityScope> activity;
+};
+
+MigrationManager::MigrationManager(MainQueue& mainQueue, AppManager& appManager, Hooks hooks)
+    : mainQueue_(mainQueue), appManager_(appManager), hooks_(std::move(hooks)) {}
+
+MigrationManager::~MigrationManager() {
+  if (running_ && running_->driver.joinable()) running_->driver.join();
+}
+
+std::string MigrationManager::destinationFor(const std::string& source, const std::string& disk) {
+  const std::string standardized = standardizePath(source);
+  if (isApplication(standardized)) return joinPath(joinPath(disk, "Applications"), lastComponent(standardized));
+  return joinPath(joinPath(disk, "Directories"), standardized.substr(1));
+}
+
+MigrationManager::LinkState MigrationManager::linkState(const std::string& source, const std::string& expectedTarget) {
+  auto entry = MigrationEntry::read(source, AT_FDCWD);
+  if (!entry || entry->kind != MigrationEntry::Kind::symbolicLink) return LinkState::notALink;
+  const std::string linked = resolvingSymlinksInPath(source);
+  const std::string expected = resolvingSymlinksInPath(expectedTarget);
+  return linked == expected ? LinkState::pointsAtTarget : LinkState::pointsElsewhere;
+}
+
+std::string MigrationManager::migrationErrorDescription(const std::exception_ptr& failure) {
+  try {
+    std::rethrow_exception(failure);
+  } catch (const MigrationTransfer::Failure& transferFailure) {
+    return migrationErrorDescription(transferFailure.cause());
+  } catch (const MigrationOpenFiles::Blocked& blocked) {
+    return blocked.localizedDescription();
+  } catch (const MigrationIssue& issue) {
+    return issue.localizedDescription();
+  } catch (const platform::PosixError& error) {
+    return localizedFormat("error.system", error.path(), std::strerror(error.errnoValue()));
+  } catch (const std::exception& error) {
+    logWarning(std::string("Migration error: ") + error.what());
+  } catch (...) {
+    logWarning("Migration error: unknown");
+  }
+  return localized("migration.preflight.operation_failed");
+}
+
+bool MigrationManager::migrateApps(const std::vector<std::string>& apps, const std::string& disk) {
+  if (isMigrating_) return false;
+  // Protected locations are refused before anything starts.
+  MigrationSelectionValidator validator([locations = ProtectedLocations::forCurrentUser()](const std::string& path) {
+    return locations.isProtected(path);
+  });
+  for (const auto& app : apps) {
+    if (auto refusal = validator.validate(standardizePath(app))) throw MigrationIssue("error.protected_location", app);
+  }
+  auto batch = std::make_shared<Batch>();
+  for (const auto& app : apps) batch->apps.push_back(standardizePath(app));
+  batch->disk = standardizePath(disk);
+  batch->runID = makeUuidString();
+  progressRunID_ = batch->runID;
+  std::vector<MigrationItemProgress> items;
+  for (const auto& app : batch->apps) {
+    MigrationItemProgress item;
+    item.name = app;
+    items.push_back(item);
+  }
+  batch->tracker = std::make_unique<MigrationProgressTracker>(items);
+  batch->progress = std::make_unique<MigrationBatchProgress>(static_cast<std::int64_t>(apps.size()));
+  batch->slots = std::make_unique<std::counting_semaphore<64>>(
+      static_cast<std::ptrdiff_t>(std::clamp<std::size_t>(hooks_.maximumInFlight, 1, 64)));
+  batch->outcomes.resize(apps.size());
+  batch->activity = std::make_unique<UpdateActivityScope>();
+  outcomes_.clear();
+  snapshot_ = batch->progress->snapshot();
+  isMigrating_ = true;
+  running_ = batch;
+  appendLogNow(logLine("", "log.migration_start", {}));
+  if (progressObserver_) batch->tracker->start(progressObserver_);
+  batch->driver = std::thread([this, batch] { perform(batch); });
+  return true;
+}
+
+void MigrationManager::perform(std::shared_ptr<Batch> batch) {
+  batch->records = AppManager::loadRecords(batch->disk);
+  for (std::size_t index = 0; index < batch->apps.size(); ++index) {
+    const std::string& source = batch->apps[index];
+    const std::string name = lastComponent(source);
+    const std::string target = destinationFor(source, batch->disk);
+    const MigratedApp* record = nullptr;
+    for (const auto& candidate : batch->records) {
+      if (standardizePath(candidate.originalPath) == source) record = &candidate;
+    }
+    const LinkState state = linkState(source, target);
+    if (state == LinkState::pointsAtTarget) {
+      appendLog(batch->runID, name, "log.symlink_exists", {});
+      appendLog(batch->runID, name, "log.migrate_item_skip", {});
+      appendLog(batch->runID, name, "log.migrate_already_done", {});
+      batch->tracker->setPhase(source, MigrationItemProgress::Phase::skipped);
+      std::lock_guard lock(batch->mutex);
+      batch->outcomes[index] = ItemOutcome{source, name, target, ItemOutcome::Kind::skipped,
+                                           localized("log.migrate_already_done"), {}, {}};
+      batch->progress->finish(static_cast<std::int64_t>(index), MigrationBatchProgress::Outcome::skipped);
+      continue;
+    }
+    if (state == LinkState::pointsElsewhere) {
+      appendLog(batch->runID, name, "log.symlink_invalid", {});
+      batch->tracker->setPhase(source, MigrationItemProgress::Phase::failed);
+      std::lock_guard lock(batch->mutex);
+      batch->outcomes[index] =
+          ItemOutcome{source, name, target, ItemOutcome::Kind::failed, localized("log.symlink_invalid"), {}, {}};
+      batch->progress->finish(static_cast<std::int64_t>(index), MigrationBatchProgress::Outcome::failed);
+      continue;
+    }
+    if (record) appendLog(batch->runID, name, "log.record_inconsistent", {});
+    batch->slots->acquire();
+    batch->workers.emplace_back([this, batch, index] { runItem(batch, index); });
+  }
+  for (auto& worker : batch->workers) worker.join();
+  batch->tracker->stop();
+  post(batch->runID, [this, batch] { finishBatch(batch); });
+}
+
+void MigrationManager::runItem(const std::shared_ptr<Batch>& batch, std::size_t index) {
+  const std::string source = batch->apps[index];
+  const std::string name = lastComponent(source);
+  ItemOutcome outcome;
+  auto running = platform::processesExecutingWithin(source);
+  std::vector<pid_t> pids;
+  for (const auto& process : running) pids.push_back(process.pid);
+  if (!pids.empty() && !(hooks_.closeRunningApp && hooks_.closeRunningApp(source, name, pids))) {
+    appendLog(batch->runID, name, "log.migrate_item_skip", {});
+    outcome = ItemOutcome{source, name, destinationFor(source, batch->disk), ItemOutcome::Kind::skipped,
+                          localized("migration.running_app_skipped"), {}, {}};
+    batch->tracker->setPhase(source, MigrationItemProgress::Phase::skipped);
+  } else {
+    appendLog(batch->runID, name, "log.migrate_item_start", {});
+    outcome = performSingleAppMigration(batch, source);
+  }
+  const auto kind = outcome.kind;
+  if (kind == ItemOutcome::Kind::succeeded) {
+    // The record is written by the owner thread, which also owns the catalogue's list.
+    post(batch->runID, [this, batch, outcome] {
+      MigratedApp app;
+      app.id = makeUuidString();
+      app.appName = outcome.name;
+      app.originalPath = outcome.source;
+      app.targetPath = outcome.target;
+      app.migratedDate = ReferenceDate::now();
+      app.itemType = isApplication(outcome.source) ? MigratedItemType::application : MigratedItemType::directory;
+      if (!appManager_.saveMigratedApp(app, batch->disk, std::nullopt)) {
+        appendLog(batch->runID, outcome.name, "migration.safety.catalog_failed", {});
+      }
+      appendLog(batch->runID, outcome.name, "log.migrate_item_complete", {});
+    });
+  } else if (kind == ItemOutcome::Kind::failed) {
+    appendLog(batch->runID, name, "log.migrate_item_failed", {outcome.message});
+  } else if (kind == ItemOutcome::Kind::deferred) {
+    appendLog(batch->runID, name, "log.migrate_item_skip", {});
+  }
+  const auto batchOutcome = kind == ItemOutcome::Kind::succeeded ? MigrationBatchProgress::Outcome::succeeded
+                            : kind == ItemOutcome::Kind::failed  ? MigrationBatchProgress::Outcome::failed
+                                                                 : MigrationBatchProgress::Outcome::skipped;
+  {
+    std::lock_guard lock(batch->mutex);
+    batch->outcomes[index] = outcome;
+    batch->progress->finish(static_cast<std::int64_t>(index), batchOutcome);
+  }
+  batch->progress->publish([this, batch](MigrationBatchProgress::Snapshot snapshot) {
+    post(batch->runID, [this, snapshot] {
+      snapshot_ = snapshot;
+      notify();
+    });
+  });
+  batch->slots->release();
+}
+
+MigrationManager::ItemOutcome MigrationManager::performSingleAppMigration(const std::shared_ptr<Batch>& batch,
+                                                                          const std::string& source) {
+  ItemOutcome outcome;
+  outcome.source = source;
+  outcome.name = lastComponent(source);
+  outcome.target = destinationFor(source, batch->disk);
+  std::vector<std::string> madeParents;
+  try {
+    madeParents = makeParents(outcome.target);
+    MigrationTransfer::Configuration configuration;
+    configuration.prompter = hooks_.prompter;
+    configuration.services = hooks_.services;
+    configuration.cancelled = hooks_.cancelled;
+    configuration.beforeCommit = hooks_.beforeCommit;
+    configuration.checkUsage = hooks_.checkUsage ? hooks_.checkUsage
+                                                 : [this, runID = batch->runID, name = outcome.name](
+                                                       const std::string& path, const MigrationManifest& manifest) {
+                                                     MigrationOpenFiles::requireIdle(
+                                                         path, MigrationOpenFiles::fileIndex(manifest),
+                                                         MigrationOpenFiles::defaultInspect(),
+                                                         MigrationOpenFiles::waitBetweenRechecks(2, std::chrono::seconds(1)),
+                                                         [&] { appendLog(runID, name, "migration.occupancy.rechecking", {}); },
+                                                         MigrationOpenFiles::defaultIdentify());
+                                                   };
+    configuration.makeAccess = [this](const std::string& path) {
+      MigrationAccess::Configuration accessConfiguration;
+      auto access = std::make_unique<MigrationAccess>(path, std::nullopt, std::nullopt, accessConfiguration);
+      if (access->usesAdministrator() && !(hooks_.prompter && hooks_.prompter->authorize(path))) {
+        throw MigrationIssue("migration.preflight.deferred", path);
+      }
+      return access;
+    };
+    MigrationTransfer transfer(std::move(configuration));
+    const auto result = transfer.transfer(
+        source, outcome.target, MigrationTransfer::Placement::migrate, *batch->tracker, source, hooks_.retainOriginal,
+        [&] { SimulatorMigrationPreflight::check(source, outcome.target, SimulatorMigrationPreflight::defaultServices()); },
+        [&](const std::string& key, const std::vector<std::string>& arguments) {
+          appendLog(batch->runID, outcome.name, key, arguments);
+        });
+    outcome.kind = ItemOutcome::Kind::succeeded;
+    outcome.retainedPath = result.retainedPath;
+    if (result.retainedSource && result.retentionReason) appendLog(batch->runID, outcome.name, *result.retentionReason, {});
+  } catch (...) {
+    const auto failure = std::current_exception();
+    outcome.message = migrationErrorDescription(failure);
+    outcome.kind = ItemOutcome::Kind::failed;
+    try {
+      std::rethrow_exception(failure);
+    } catch (const MigrationTransfer::Failure& transferFailure) {
+      outcome.cleanupPath = transferFailure.cleanupPath();
+      try {
+        transferFailure.rethrowCause();
+      } catch (const MigrationOpenFiles::Blocked&) {
+        outcome.kind = ItemOutcome::Kind::deferred;
+      } catch (const MigrationIssue& issue) {
+        if (issue.key() == "migration.preflight.deferred") outcome.kind = ItemOutcome::Kind::deferred;
+      } catch (...) {
+      }
+    } catch (...) {
+    }
+    removeEmptyParents(madeParents);
+    batch->tracker->setPhase(source, outcome.kind == ItemOutcome::Kind::deferred ? MigrationItemProgress::Phase::skipped
+                                                                                 : MigrationItemProgress::Phase::failed);
+  }
+  return outcome;
+}
+
+void MigrationManager::finishBatch(const std::shared_ptr<Batch>& batch) {
+  if (batch->driver.joinable()) batch->driver.join();
+  snapshot_ = batch->progress->snapshot();
+  for (auto& outcome : batch->outcomes) {
+    if (outcome) outcomes_.push_back(*outcome);
+  }
+  appManager_.loadMigratedApps(batch->disk);
+  for (const auto& app : batch->apps) {
+    if (kSpecialApplications.count(lastComponent(app))) appendLogNow(logLine(lastComponent(app), "migration.special_app_notice", {}));
+  }
+  const bool clean = snapshot_.failed == 0;
+  appendLogNow(logLine("", clean ? "log.migration_summary" : "log.migration_summary_failed",
+                       {std::to_string(snapshot_.succeeded), std::to_string(snapshot_.failed),
+                        std::to_string(snapshot_.skipped), std::to_string(snapshot_.total)}));
+  appendLogNow(logLine("", "log.separator_line", {}));
+  batch->activity.reset();
+  isMigrating_ = false;
+  running_.reset();
+  notify();
+}
+
+std::string MigrationManager::logLine(const std::string& item, const std::string& key,
+                                     const std::vector<std::string>& arguments) {
+  std::string line = formatLocalizedText(localized(key), arguments);
+  if (!item.empty()) line = localizedFormat("migration.log.item", item, line);
+  return line;
+}
+
+void MigrationManager::appendLogNow(const std::string& line) {
+  logInfo(line);
+  logText_ += line + "\n";
+  if (logObserver_) logObserver_(line);
+  notify();
+}
+
+void MigrationManager::appendLog(const std::string& runID, const std::string& item, const std::string& key,
+                                 const std::vector<std::string>& arguments) {
+  post(runID, [this, line = logLine(item, key, arguments)] { appendLogNow(line); });
+}
+
+void MigrationManager::post(const std::string& runID, std::function<void()> work) {
+  mainQueue_.post([lifetime = std::weak_ptr<MigrationManager*>(lifetime_), runID, work = std::move(work)] {
+    auto alive = lifetime.lock();
+    // Updates of an earlier run are dropped.
+    if (!alive || (*alive)->progressRunID_ != runID) return;
+    work();
+  });
+}
+
+void MigrationManager::notify() {
+  for (const auto& observer : observers_) observer();
+}
+
+}  // namespace corvane

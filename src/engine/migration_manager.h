@@ -1,0 +1,150 @@
+// Migrates a list of items to an external disk as one batch, four items at most at a time:
+// skips what is already there, refuses protected locations, runs each item through the staged
+// transfer, records each success in the disk's record file and keeps the log the user sees.
+// Published state changes on the thread that drains the MainQueue; observers are told there.
+#pragma once
+
+#include <atomic>
+#include <functional>
+#include <list>
+#include <map>
+#include <memory>
+#include <optional>
+#include <set>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "catalogue/app_manager.h"
+#include "engine/migration_batch_progress.h"
+#include "engine/migration_preflight.h"
+#include "engine/migration_progress_tracker.h"
+#include "engine/migration_transfer.h"
+#include "support/main_queue.h"
+
+namespace corvane {
+
+class MigrationManager {
+ public:
+  // What one item came to.
+  struct ItemOutcome {
+    enum class Kind { succeeded, failed, skipped, deferred };
+    std::string source;
+    std::string name;
+    std::string target;
+    Kind kind = Kind::failed;
+    std::string message;  // the localized reason of a failure, deferral or skip
+    std::optional<std::string> retainedPath;
+    std::optional<std::string> cleanupPath;
+  };
+
+  struct Hooks {
+    MigrationPreflightPrompter* prompter = nullptr;
+    MigrationPreflight::Services services = MigrationPreflight::defaultServices();
+    const std::atomic<bool>* cancelled = nullptr;
+    RetainOriginal retainOriginal = RetainOriginal::no;
+    // Asked when programs inside an item are running; true when they were closed and the item
+    // may go, false to skip the item. Items with nothing running are never asked about.
+    std::function<bool(const std::string& path, const std::string& name, const std::vector<pid_t>& running)>
+        closeRunningApp;
+    // How open files are checked; the platform's lister when empty.
+    std::function<void(const std::string& source, const MigrationManifest& manifest)> checkUsage;
+    // The transfer's last hook before the exchange.
+    std::function<void()> beforeCommit;
+    std::size_t maximumInFlight = 4;
+  };
+
+  using Observer = std::function<void()>;
+  using ProgressObserver = std::function<void(std::vector<MigrationItemProgress>)>;
+
+  MigrationManager(MainQueue& mainQueue, AppManager& appManager, Hooks hooks);
+  ~MigrationManager();
+  MigrationManager(const MigrationManager&) = delete;
+  MigrationManager& operator=(const MigrationManager&) = delete;
+
+  // Owner thread: starts the batch and returns; false when a batch or a move-back runs.
+  bool migrateApps(const std::vector<std::string>& apps, const std::string& disk);
+
+  // Published state (owner thread).
+  bool isMigrating() const { return isMigrating_; }
+  const std::string& logText() const { return logText_; }
+  MigrationBatchProgress::Snapshot activeMigrationProgress() const { return snapshot_; }
+  const std::vector<ItemOutcome>& outcomes() const { return outcomes_; }
+  const std::string& progressRunID() const { return progressRunID_; }
+  void addObserver(Observer observer) { observers_.push_back(std::move(observer)); }
+  // Called on the tracker's clock thread with every sample.
+  void setProgressObserver(ProgressObserver observer) { progressObserver_ = std::move(observer); }
+  // Every log line as it is appended (owner thread).
+  void setLogObserver(std::function<void(const std::string&)> observer) { logObserver_ = std::move(observer); }
+
+  // Where an item goes on `disk`: Applications/<name>.app or Directories/<absolute path>.
+  static std::string destinationFor(const std::string& source, const std::string& disk);
+  // The text of a failure as the log shows it.
+  static std::string migrationErrorDescription(const std::exception_ptr& failure);
+
+  enum class LinkState { notALink, pointsAtTarget, pointsElsewhere };
+  static LinkState linkState(const std::string& source, const std::string& expectedTarget);
+
+  // Moving back, restoring a retained version and uninstalling an item that is already
+  // migrated. Owner thread: each starts its work in the background and returns false when it
+  // is refused at once (the log says why); `completion` runs on the owner thread at the end.
+  struct OperationResult {
+    enum class Kind { succeeded, failed, deferred, cancelled, refused };
+    Kind kind = Kind::failed;
+    std::string message;  // the localized reason when it did not succeed
+  };
+  using OperationCompletion = std::function<void(const OperationResult&)>;
+  bool migrateBackToMainDisk(const MigratedApp& app, const std::optional<std::string>& currentDisk,
+                             OperationCompletion completion = {});
+  bool restoreFromBackup(const BackupRecord& backup, const MigratedApp& app, const std::optional<std::string>& disk,
+                         OperationCompletion completion = {});
+  void uninstallApp(const MigratedApp& app, const std::vector<std::string>& externalDisks,
+                    OperationCompletion completion = {});
+  const std::set<std::string>& migratingBackItems() const { return migratingBackItems_; }
+  // "/", "Volumes" and the volume's name of a target under /Volumes; absent otherwise.
+  static std::optional<std::string> diskRootFromTargetPath(const std::string& targetPath);
+
+ private:
+  OperationResult performMigrateBack(const MigratedApp& app, const std::optional<std::string>& currentDisk);
+  OperationResult performRestoreFromBackup(const BackupRecord& backup, const MigratedApp& app,
+                                           const std::optional<std::string>& disk);
+  OperationResult performUninstall(const MigratedApp& app, const std::vector<std::string>& externalDisks);
+  // Whether the item may go on after running programs inside it were dealt with.
+  bool closeRunningProgramsOf(const std::string& path, const std::string& name);
+  // Any thread: one localized line for an operation on an item, never dropped for a batch's run.
+  void appendItemLog(const std::string& item, const std::string& key, const std::vector<std::string>& arguments);
+  void runInBackground(std::function<OperationResult()> work, OperationCompletion completion);
+
+  struct Batch;
+  void perform(std::shared_ptr<Batch> batch);
+  void runItem(const std::shared_ptr<Batch>& batch, std::size_t index);
+  ItemOutcome performSingleAppMigration(const std::shared_ptr<Batch>& batch, const std::string& source);
+  void finishBatch(const std::shared_ptr<Batch>& batch);
+  static std::string logLine(const std::string& item, const std::string& key, const std::vector<std::string>& arguments);
+  // Owner thread.
+  void appendLogNow(const std::string& line);
+  // Any thread: appends one localized line (the item's name first, when given).
+  void appendLog(const std::string& runID, const std::string& item, const std::string& key,
+                 const std::vector<std::string>& arguments);
+  void post(const std::string& runID, std::function<void()> work);
+  void notify();
+
+  MainQueue& mainQueue_;
+  AppManager& appManager_;
+  Hooks hooks_;
+  bool isMigrating_ = false;
+  std::string logText_;
+  MigrationBatchProgress::Snapshot snapshot_;
+  std::vector<ItemOutcome> outcomes_;
+  std::string progressRunID_;
+  std::vector<Observer> observers_;
+  ProgressObserver progressObserver_;
+  std::function<void(const std::string&)> logObserver_;
+  std::shared_ptr<MigrationManager*> lifetime_ = std::make_shared<MigrationManager*>(this);
+  std::shared_ptr<Batch> running_;
+  std::set<std::string> migratingBackItems_;
+  // Last member: joined before anything the work uses goes away.
+  std::list<std::jthread> operations_;
+};
+
+}  // namespace corvane

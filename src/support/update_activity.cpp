@@ -1,0 +1,47 @@
+#include "support/update_activity.h"
+
+namespace corvane {
+
+UpdateActivity& UpdateActivity::shared() {
+  static UpdateActivity instance;
+  return instance;
+}
+
+void UpdateActivity::begin() {
+  std::lock_guard lock(mutex_);
+  ++pending_;
+}
+
+void UpdateActivity::end() {
+  std::lock_guard lock(mutex_);
+  if (pending_ > 0 && --pending_ == 0) idle_.notify_all();
+}
+
+bool UpdateActivity::beginOperation() {
+  std::lock_guard lock(mutex_);
+  if (installing_) return false;
+  ++pending_;
+  return true;
+}
+
+void UpdateActivity::setInstalling(bool installing) {
+  std::lock_guard lock(mutex_);
+  installing_ = installing;
+}
+
+bool UpdateActivity::isInstalling() const {
+  std::lock_guard lock(mutex_);
+  return installing_;
+}
+
+int UpdateActivity::pending() const {
+  std::lock_guard lock(mutex_);
+  return pending_;
+}
+
+bool UpdateActivity::waitUntilIdle(std::chrono::milliseconds limit) {
+  std::unique_lock lock(mutex_);
+  return idle_.wait_for(lock, limit, [this] { return pending_ == 0; });
+}
+
+}  // namespace corvane

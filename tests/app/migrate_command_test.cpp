@@ -1,0 +1,140 @@
+#include <dirent.h>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <nlohmann/json.hpp>
+#include <thread>
+
+#include "engine/migration_entry.h"
+#include "fixtures/corvane_binary.h"
+#include "fixtures/sample_tree.h"
+#include "fixtures/test_volume.h"
+#include "platform/process.h"
+#include "support/paths.h"
+
+namespace corvane {
+namespace {
+
+std::vector<std::string> stagingDirectories(const std::string& directory) {
+  std::vector<std::string> found;
+  if (DIR* dir = opendir(directory.c_str())) {
+    while (dirent* item = readdir(dir)) {
+      if (std::string(item->d_name).rfind(".corvane-transfer-", 0) == 0) found.push_back(directory + "/" + item->d_name);
+    }
+    closedir(dir);
+  }
+  return found;
+}
+
+class MigrateCommandTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    try {
+      internal_ = TestVolume::create(VolumeKind::ext4, 256 << 20);
+      disk_ = TestVolume::create(VolumeKind::ext4, 256 << 20);
+    } catch (const VolumeUnavailable& unavailable) {
+      GTEST_SKIP() << "needs two ext4 volumes: " << unavailable.what();
+    }
+    item_ = internal_->child("home/me/Work");
+    buildSampleTree(item_, {.sparseFile = true});
+  }
+
+  std::unique_ptr<TestVolume> internal_;
+  std::unique_ptr<TestVolume> disk_;
+  std::string item_;
+};
+
+TEST_F(MigrateCommandTest, MovesTheItemRecordsItAndSkipsItTheSecondTime) {
+  auto first = runCorvane({"migrate", item_, "--to", disk_->mountPoint(), "--defer", "--json"});
+  ASSERT_EQ(first.exitStatus, 0) << first.standardError;
+  auto outcomes = nlohmann::json::parse(first.standardOutput);
+  ASSERT_EQ(outcomes.size(), 1u);
+  EXPECT_EQ(outcomes[0]["outcome"], "migrated");
+  const std::string target = disk_->child("Directories" + item_);
+  EXPECT_EQ(outcomes[0]["target"], target);
+  auto link = MigrationEntry::read(item_, AT_FDCWD);
+  ASSERT_TRUE(link && link->link);
+  EXPECT_EQ(*link->link, target);
+  EXPECT_EQ(readFile(item_ + "/Contents/Info.plist"), "<plist>sample</plist>\n");
+
+  auto listed = runCorvane({"list", "--disk", disk_->mountPoint(), "--json"});
+  ASSERT_EQ(listed.exitStatus, 0) << listed.standardError;
+  auto records = nlohmann::json::parse(listed.standardOutput);
+  ASSERT_EQ(records.size(), 1u);
+  EXPECT_EQ(records[0]["originalPath"], item_);
+  EXPECT_EQ(records[0]["link"], "inPlace");
+
+  auto second = runCorvane({"migrate", item_, "--to", disk_->mountPoint(), "--defer", "--json"});
+  EXPECT_EQ(second.exitStatus, 0);
+  EXPECT_EQ(nlohmann::json::parse(second.standardOutput)[0]["outcome"], "skipped");
+}
+
+TEST_F(MigrateCommandTest, FatDestinationFailsWithTheReasonAndChangesNothing) {
+  auto fat = TestVolume::create(VolumeKind::fat);
+  auto result = runCorvane({"--lang", "en", "migrate", item_, "--to", fat->mountPoint(), "--defer"});
+  EXPECT_EQ(result.exitStatus, 1);
+  EXPECT_EQ(MigrationEntry::read(item_, AT_FDCWD)->kind, MigrationEntry::Kind::directory);
+  EXPECT_TRUE(stagingDirectories(fat->child("Directories" + parentPath(item_))).empty());
+}
+
+TEST_F(MigrateCommandTest, KilledMidCopyLeavesTheSourceAndDoesNotConfuseTheNextRun) {
+  writeFile(item_ + "/large.bin", std::string(96 << 20, 'L'));
+  platform::ProcessRequest request;
+  request.executable = corvaneBinaryPath();
+  request.arguments = {"migrate", item_, "--to", disk_->mountPoint(), "--defer"};
+  auto child = platform::ChildProcess::spawn(request);
+  const std::string parent = disk_->child("Directories" + parentPath(item_));
+  // Wait until the copy has begun writing into its staging directory, then kill without warning.
+  bool copying = false;
+  for (int i = 0; i < 3000 && !copying; ++i) {
+    for (const auto& staging : stagingDirectories(parent)) {
+      copying |= static_cast<bool>(MigrationEntry::read(staging + "/Work/Contents", AT_FDCWD));
+    }
+    if (!copying) std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  }
+  child.kill();
+  ASSERT_TRUE(child.waitFor(std::chrono::seconds(10)));
+  ASSERT_TRUE(copying) << "the copy never started";
+  EXPECT_EQ(MigrationEntry::read(item_, AT_FDCWD)->kind, MigrationEntry::Kind::directory);
+  EXPECT_EQ(readFile(item_ + "/Contents/Info.plist"), "<plist>sample</plist>\n");
+
+  // The next run ignores the leftover staging directory and completes.
+  auto again = runCorvane({"migrate", item_, "--to", disk_->mountPoint(), "--defer"});
+  EXPECT_EQ(again.exitStatus, 0) << again.standardError;
+  EXPECT_EQ(MigrationEntry::read(item_, AT_FDCWD)->kind, MigrationEntry::Kind::symbolicLink);
+  EXPECT_EQ(readFile(item_ + "/large.bin").size(), static_cast<std::size_t>(96 << 20));
+}
+
+TEST_F(MigrateCommandTest, InterruptRollsBackAndSaysSo) {
+  writeFile(item_ + "/large.bin", std::string(96 << 20, 'L'));
+  platform::ProcessRequest request;
+  request.executable = corvaneBinaryPath();
+  request.arguments = {"--lang", "en", "migrate", item_, "--to", disk_->mountPoint(), "--defer"};
+  auto child = platform::ChildProcess::spawn(request);
+  const std::string parent = disk_->child("Directories" + parentPath(item_));
+  bool copying = false;
+  for (int i = 0; i < 3000 && !copying; ++i) {
+    copying = !stagingDirectories(parent).empty();
+    if (!copying) std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  }
+  ASSERT_TRUE(copying);
+  ::kill(child.pid(), SIGINT);
+  auto exit = child.waitFor(std::chrono::seconds(60));
+  ASSERT_TRUE(exit);
+  child.finishOutput(std::chrono::seconds(2));
+  // Either the interruption caught the copy (rolled back, status 1) or the item had already
+  // switched; in both cases nothing is half done.
+  const auto kind = MigrationEntry::read(item_, AT_FDCWD)->kind;
+  if (exit->exitCode == 1) {
+    EXPECT_EQ(kind, MigrationEntry::Kind::directory);
+    EXPECT_NE(child.standardError().find("rolled back"), std::string::npos) << child.standardError();
+  } else {
+    EXPECT_EQ(kind, MigrationEntry::Kind::symbolicLink);
+  }
+  EXPECT_TRUE(stagingDirectories(parent).empty());
+}
+
+}  // namespace
+}  // namespace corvane
