@@ -123,7 +123,7 @@ MigrationTransfer::Result MigrationTransfer::transfer(const std::string& source,
     } else {
       MigrationIntegrityVerifier::validateLocations(source, destination);
     }
-    if (placement == Placement::migrate && (MigrationEntry::read(destination, AT_FDCWD)) {
+    if (placement == Placement::migrate && MigrationEntry::read(destination, AT_FDCWD)) {
       throw MigrationIssue("migration.preflight.target_exists", destination);
     }
     reservation.emplace(destination);
