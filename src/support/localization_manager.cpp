@@ -1,7 +1,5 @@
 #include "support/localization_manager.h"
 
-#include <sys/stat.h>
-
 #include <utility>
 
 #include "platform/preferred_languages.h"
@@ -15,11 +13,6 @@ constexpr std::string_view kLanguageSettingKey = "AppLanguage";
 constexpr std::string_view kTableFileName = "Localizable.strings";
 constexpr std::string_view kDevelopmentLanguage = "en";
 
-bool isDirectory(const std::string& path) {
-  struct stat status {};
-  return ::stat(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode);
-}
-
 std::string joined(std::string_view first, std::string_view second) {
   std::string text(first);
   text += second;
@@ -29,6 +22,9 @@ std::string joined(std::string_view first, std::string_view second) {
 }  // namespace
 
 // The observers live apart from the manager so that a subscription can outlive it safely.
+// Removing an observer waits for a notification that is running on another thread, so an
+// object may drop its subscription in its destructor; on the notifying thread itself (an
+// observer that unsubscribes) the recursive lock lets it through.
 class LocalizationManager::ObserverRegistry {
  public:
   std::uint64_t add(Observer observer) {
@@ -39,20 +35,31 @@ class LocalizationManager::ObserverRegistry {
   }
 
   void remove(std::uint64_t id) {
+    std::lock_guard dispatching(dispatch_);
     std::lock_guard lock(mutex_);
     observers_.erase(id);
   }
 
   void notify(Language language) {
-    std::vector<std::shared_ptr<Observer>> current;
+    std::lock_guard dispatching(dispatch_);
+    std::vector<std::pair<std::uint64_t, std::shared_ptr<Observer>>> current;
     {
       std::lock_guard lock(mutex_);
-      for (const auto& [id, observer] : observers_) current.push_back(observer);
+      current.assign(observers_.begin(), observers_.end());
     }
-    for (const auto& observer : current) (*observer)(language);
+    for (const auto& [id, observer] : current) {
+      bool stillRegistered = false;
+      {
+        std::lock_guard lock(mutex_);
+        stillRegistered = observers_.count(id) > 0;
+      }
+      // An observer removed by an earlier one in this round is not called any more.
+      if (stillRegistered) (*observer)(language);
+    }
   }
 
  private:
+  std::recursive_mutex dispatch_;
   std::mutex mutex_;
   std::uint64_t lastId_ = 0;
   std::map<std::uint64_t, std::shared_ptr<Observer>> observers_;
@@ -185,7 +192,6 @@ void LocalizationManager::updateBundle() {
 }
 
 LocalizationManager::Bundle LocalizationManager::loadBundle(const std::string& directory) {
-  if (!isDirectory(directory)) return nullptr;
   auto table = StringsTable::load(directory + "/" + std::string(kTableFileName));
   if (!table) return nullptr;
   return std::make_shared<const StringsTable>(std::move(*table));

@@ -181,6 +181,29 @@ TEST_F(LocalizationManagerTest, SwitchingNotifiesObserversAndOnlySavedChoicesPer
   EXPECT_EQ(nextRun.currentLanguage(), Language::en);
 }
 
+TEST_F(LocalizationManagerTest, ObserversMayUnsubscribeWhileBeingNotified) {
+  LocalizationManager manager(configuration());
+  LocalizationManager::Subscription first;
+  LocalizationManager::Subscription second;
+  int firstCalls = 0;
+  int secondCalls = 0;
+  // Whichever is called first drops both subscriptions: the other one is not called afterwards.
+  first = manager.observe([&](Language) {
+    ++firstCalls;
+    first.reset();
+    second.reset();
+  });
+  second = manager.observe([&](Language) {
+    ++secondCalls;
+    first.reset();
+    second.reset();
+  });
+  manager.useLanguageForThisRun(Language::zhHans);
+  EXPECT_EQ(firstCalls + secondCalls, 1);
+  manager.useLanguageForThisRun(Language::en);
+  EXPECT_EQ(firstCalls + secondCalls, 1);
+}
+
 TEST_F(LocalizationManagerTest, ASubscriptionMayOutliveItsManager) {
   LocalizationManager::Subscription subscription;
   {
