@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <fstream>
-#include <regex>
 #include <set>
 
 namespace corvane {
@@ -12,10 +11,12 @@ namespace {
 std::set<std::string> keysOf(const std::string& language) {
   std::ifstream in(std::string(CORVANE_TEST_SOURCE_DIR) + "/resources/" + language + ".lproj/Localizable.strings");
   std::set<std::string> keys;
-  const std::regex line(R"(^\"([^\"]+)\" = \"(.+)\";$)");
+  // Lines of the form "key" = "text"; with a text that is not empty.
   for (std::string text; std::getline(in, text);) {
-    std::smatch match;
-    if (std::regex_match(text, match, line)) keys.insert(match[1]);
+    const auto keyEnd = text.find("\" = \"");
+    if (text.rfind("\"", 0) != 0 || keyEnd == std::string::npos || !text.ends_with("\";")) continue;
+    if (text.size() <= keyEnd + 7) continue;  // an empty text
+    keys.insert(text.substr(1, keyEnd - 1));
   }
   return keys;
 }
