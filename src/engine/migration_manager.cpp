@@ -137,6 +137,9 @@ bool MigrationManager::migrateApps(const std::vector<std::string>& apps, const s
   batch->outcomes.resize(apps.size());
   batch->activity = std::make_unique<UpdateActivityScope>();
   outcomes_.clear();
+  // Records are saved by merging into the list in memory: it must hold the disk's records first.
+  appManager_.loadMigratedApps(batch->disk);
+  mainQueue_.runPending();
   snapshot_ = batch->progress->snapshot();
   isMigrating_ = true;
   running_ = batch;

@@ -116,9 +116,8 @@ MigrationTransfer::Result MigrationTransfer::transfer(const std::string& source,
     // 1. Where from, where to.
     if (!MigrationEntry::read(source, AT_FDCWD)) throw MigrationIssue("error.migration_source_changed", source);
     if (placement == Placement::restore) {
-      // The link is expected to lead to the source; the two real locations must still differ.
-      MigrationIntegrityVerifier::validateLocations(source, joinPath(resolvingSymlinksInPath(parentPath(destination)),
-                                                                     lastComponent(destination)));
+      // The link is expected to lead to the source; the folder it stands in must lie apart from it.
+      MigrationIntegrityVerifier::validateLocations(source, parentPath(destination));
       restoreLink = MigrationFileSafety::requireRestoreLink(destination, source);
     } else {
       MigrationIntegrityVerifier::validateLocations(source, destination);
