@@ -16,6 +16,7 @@ namespace corvane {
 namespace {
 
 void makeBundle(const std::string& path, const std::string& version) {
+  makeDirectories(path + "/Contents/MacOS");
   writeFile(path + "/Contents/MacOS/Tool", "#!/bin/sh\necho " + version + "\n", 0755);
   writeFile(path + "/Contents/Info.plist",
             "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version=\"1.0\"><dict>"
