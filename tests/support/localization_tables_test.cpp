@@ -5,7 +5,8 @@
 
 #include <filesystem>
 #include <map>
-#include <regex>
+#include <algorithm>
+#include <cctype>
 #include <set>
 
 #include "fixtures/sample_tree.h"
@@ -20,8 +21,22 @@ const char* const kLanguages[] = {"en", "zh-Hans", "zh-Hant"};
 const char* const kKeyTakingCalls[] = {"localizedWithDetail", "localizedFormat", "localized", "MigrationIssue"};
 
 // Literals with these prefixes are keys wherever they appear (tables of definitions, maps).
-const std::regex kKeyShape(
-    R"(^(app|log|migration|error|progress|disk|disk_authorization|ghost_files|disk_rename|cleaner|cli|language|fstab|settings)\.[A-Za-z0-9_.\-]*[A-Za-z0-9]$)");
+const char* const kKeyPrefixes[] = {"app",         "log",       "migration",   "error", "progress", "disk",
+                                    "disk_authorization", "ghost_files", "disk_rename", "cleaner", "cli",
+                                    "language",    "fstab",     "settings"};
+
+// A known prefix, a dot, then letters, digits, "_", "." or "-", ending in a letter or digit.
+bool looksLikeKey(const std::string& text) {
+  const auto dot = text.find('.');
+  if (dot == std::string::npos || dot + 1 >= text.size()) return false;
+  const std::string prefix = text.substr(0, dot);
+  if (std::find(std::begin(kKeyPrefixes), std::end(kKeyPrefixes), prefix) == std::end(kKeyPrefixes)) return false;
+  for (std::size_t i = dot + 1; i < text.size(); ++i) {
+    const char c = text[i];
+    if (!(std::isalnum(static_cast<unsigned char>(c)) || c == '_' || c == '.' || c == '-')) return false;
+  }
+  return std::isalnum(static_cast<unsigned char>(text.back())) != 0;
+}
 
 struct Literal {
   std::string text;
@@ -108,7 +123,7 @@ SourceKeys keysIn(const std::string& source, const std::string& file, SourceKeys
     const KeyUse use = keyUse(source, literal);
     if (use == KeyUse::prefix) {
       found.prefixes.emplace(literal.text, file);
-    } else if (use == KeyUse::key || std::regex_match(literal.text, kKeyShape)) {
+    } else if (use == KeyUse::key || looksLikeKey(literal.text)) {
       found.keys.emplace(literal.text, file);
     }
   }
@@ -133,11 +148,13 @@ StringsTable shippedTable(const std::string& language) {
   return StringsTable::parse(readFile(path));
 }
 
+// The numbers of the {N} placeholders in a text.
 std::set<int> placeholders(const std::string& text) {
   std::set<int> found;
-  static const std::regex placeholder(R"(\{(\d+)\})");
-  for (auto it = std::sregex_iterator(text.begin(), text.end(), placeholder); it != std::sregex_iterator(); ++it) {
-    found.insert(std::stoi((*it)[1]));
+  for (std::size_t open = text.find('{'); open != std::string::npos; open = text.find('{', open + 1)) {
+    std::size_t end = open + 1;
+    while (end < text.size() && std::isdigit(static_cast<unsigned char>(text[end]))) ++end;
+    if (end > open + 1 && end < text.size() && text[end] == '}') found.insert(std::stoi(text.substr(open + 1, end - open - 1)));
   }
   return found;
 }

@@ -313,6 +313,8 @@ class ProcessScan {
     auto cwd = linkEntry("cwd", "cwd");
     auto root = linkEntry("root", "rtd");
     auto executable = linkEntry("exe", "txt");
+    // Kernel threads run no program: they have no memory of their own and no descriptors.
+    if (!executable && linkStatError_ == ENOENT) return;
     mappedFiles(executable);
     descriptors();
     threadDirectories(cwd, root);
@@ -369,8 +371,9 @@ class ProcessScan {
   std::optional<Identity> linkEntry(const char* linkName, std::string_view descriptor) {
     mode_t mode = 0;
     const auto identity = identityAt(directory_, linkName, &mode);
+    const int statError = identity ? 0 : errno;
+    linkStatError_ = statError;
     if (shared_.filtering() && (!identity || !shared_.wanted(identity->device, identity->inode))) return identity;
-    const int statError = errno;
     int error = 0;
     auto text = readLinkAt(directory_, linkName, error);
     if (!text) {
@@ -585,6 +588,7 @@ class ProcessScan {
   pid_t pid_ = 0;
   int directory_ = -1;
   bool headerWritten_ = false;
+  int linkStatError_ = 0;
   char state_ = 0;
   std::string command_;
   std::string buffer_;
