@@ -112,6 +112,13 @@ std::string MigrationManager::migrationErrorDescription(const std::exception_ptr
 
 bool MigrationManager::migrateApps(const std::vector<std::string>& apps, const std::string& disk) {
   if (isMigrating_) return false;
+  // A move-back or restore replaces the link under the batch's feet: the two never overlap.
+  for (const auto& app : apps) {
+    if (migratingBackItems_.count(standardizePath(app))) {
+      appendItemLog(lastComponent(app), "log.migrate_back_in_progress", {});
+      return false;
+    }
+  }
   // Protected locations are refused before anything starts.
   MigrationSelectionValidator validator([locations = ProtectedLocations::forCurrentUser()](const std::string& path) {
     return locations.isProtected(path);
@@ -243,6 +250,32 @@ void MigrationManager::runItem(const std::shared_ptr<Batch>& batch, std::size_t 
   batch->slots->release();
 }
 
+MigrationTransfer::Configuration MigrationManager::transferConfiguration(std::function<void()> onRecheck) const {
+  MigrationTransfer::Configuration configuration;
+  configuration.prompter = hooks_.prompter;
+  configuration.services = hooks_.services;
+  configuration.cancelled = hooks_.cancelled;
+  configuration.beforeCommit = hooks_.beforeCommit;
+  auto platformCheck = [onRecheck = std::move(onRecheck)](const std::string& path, const MigrationManifest& manifest) {
+    MigrationOpenFiles::requireIdle(path, MigrationOpenFiles::fileIndex(manifest), MigrationOpenFiles::defaultInspect(),
+                                    MigrationOpenFiles::waitBetweenRechecks(2, std::chrono::seconds(1)), onRecheck,
+                                    MigrationOpenFiles::defaultIdentify());
+  };
+  configuration.checkUsage = hooks_.checkUsage ? hooks_.checkUsage : platformCheck;
+  // The data about to be removed was idle before the copy; a program may have opened it since.
+  // The platform's lister always answers this one: a test's check-time hook is about the copy.
+  configuration.makeAccess = [prompter = hooks_.prompter, platformCheck](const std::string& path) {
+    MigrationAccess::Configuration accessConfiguration;
+    accessConfiguration.requireIdle = platformCheck;
+    auto access = std::make_unique<MigrationAccess>(path, std::nullopt, std::nullopt, std::move(accessConfiguration));
+    if (access->usesAdministrator() && !(prompter && prompter->authorize(path))) {
+      throw MigrationIssue("migration.preflight.deferred", path);
+    }
+    return access;
+  };
+  return configuration;
+}
+
 MigrationManager::ItemOutcome MigrationManager::performSingleAppMigration(const std::shared_ptr<Batch>& batch,
                                                                           const std::string& source) {
   ItemOutcome outcome;
@@ -252,29 +285,8 @@ MigrationManager::ItemOutcome MigrationManager::performSingleAppMigration(const 
   std::vector<std::string> madeParents;
   try {
     madeParents = makeParents(outcome.target);
-    MigrationTransfer::Configuration configuration;
-    configuration.prompter = hooks_.prompter;
-    configuration.services = hooks_.services;
-    configuration.cancelled = hooks_.cancelled;
-    configuration.beforeCommit = hooks_.beforeCommit;
-    configuration.checkUsage = hooks_.checkUsage ? hooks_.checkUsage
-                                                 : [this, runID = batch->runID, name = outcome.name](
-                                                       const std::string& path, const MigrationManifest& manifest) {
-                                                     MigrationOpenFiles::requireIdle(
-                                                         path, MigrationOpenFiles::fileIndex(manifest),
-                                                         MigrationOpenFiles::defaultInspect(),
-                                                         MigrationOpenFiles::waitBetweenRechecks(2, std::chrono::seconds(1)),
-                                                         [&] { appendLog(runID, name, "migration.occupancy.rechecking", {}); },
-                                                         MigrationOpenFiles::defaultIdentify());
-                                                   };
-    configuration.makeAccess = [this](const std::string& path) {
-      MigrationAccess::Configuration accessConfiguration;
-      auto access = std::make_unique<MigrationAccess>(path, std::nullopt, std::nullopt, accessConfiguration);
-      if (access->usesAdministrator() && !(hooks_.prompter && hooks_.prompter->authorize(path))) {
-        throw MigrationIssue("migration.preflight.deferred", path);
-      }
-      return access;
-    };
+    auto configuration = transferConfiguration(
+        [this, runID = batch->runID, name = outcome.name] { appendLog(runID, name, "migration.occupancy.rechecking", {}); });
     MigrationTransfer transfer(std::move(configuration));
     const auto result = transfer.transfer(
         source, outcome.target, MigrationTransfer::Placement::migrate, *batch->tracker, source, hooks_.retainOriginal,

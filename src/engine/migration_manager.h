@@ -109,6 +109,11 @@ class MigrationManager {
   OperationResult performRestoreFromBackup(const BackupRecord& backup, const MigratedApp& app,
                                            const std::optional<std::string>& disk);
   OperationResult performUninstall(const MigratedApp& app, const std::vector<std::string>& externalDisks);
+  // The staged transfer as every operation runs it: the hooks' prompter and checks, open files
+  // checked before the copy and again before the replaced data is removed, and the
+  // administrator asked for only when the item's place needs it. `onRecheck` is told each time
+  // the open-file check looks again.
+  MigrationTransfer::Configuration transferConfiguration(std::function<void()> onRecheck) const;
   // Whether the item may go on after running programs inside it were dealt with.
   bool closeRunningProgramsOf(const std::string& path, const std::string& name);
   // Any thread: one localized line for an operation on an item, never dropped for a batch's run.

@@ -108,25 +108,7 @@ MigrationManager::OperationResult MigrationManager::performMigrateBack(const Mig
     }
     MigrationFileSafety::requireRestoreLink(original, target);
 
-    MigrationTransfer::Configuration configuration;
-    configuration.prompter = hooks_.prompter;
-    configuration.services = hooks_.services;
-    configuration.cancelled = hooks_.cancelled;
-    configuration.beforeCommit = hooks_.beforeCommit;
-    configuration.checkUsage =
-        hooks_.checkUsage ? hooks_.checkUsage : [this, name](const std::string& path, const MigrationManifest& manifest) {
-          MigrationOpenFiles::requireIdle(path, MigrationOpenFiles::fileIndex(manifest), MigrationOpenFiles::defaultInspect(),
-                                          MigrationOpenFiles::waitBetweenRechecks(2, std::chrono::seconds(1)),
-                                          [&] { appendItemLog(name, "migration.occupancy.rechecking", {}); },
-                                          MigrationOpenFiles::defaultIdentify());
-        };
-    configuration.makeAccess = [this](const std::string& path) {
-      auto access = std::make_unique<MigrationAccess>(path);
-      if (access->usesAdministrator() && !(hooks_.prompter && hooks_.prompter->authorize(path))) {
-        throw MigrationIssue("migration.preflight.deferred", path);
-      }
-      return access;
-    };
+    auto configuration = transferConfiguration([this, name] { appendItemLog(name, "migration.occupancy.rechecking", {}); });
     MigrationTransfer transfer(std::move(configuration));
     transferred = transfer.transfer(target, original, MigrationTransfer::Placement::restore, tracker, original,
                                     RetainOriginal::no, {},

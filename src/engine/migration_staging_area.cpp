@@ -3,6 +3,8 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 
+#include <vector>
+
 #include "engine/migration_issue.h"
 #include "engine/migration_owned_tree.h"
 #include "platform/posix_error.h"
@@ -45,6 +47,14 @@ void MigrationStagingArea::recordCreated(const std::string& path, RecordScope sc
     if (scope == RecordScope::anyPath && !owned_.count(ancestor)) record(ancestor, scope);
   }
   record(relative, scope);
+}
+
+void MigrationStagingArea::refreshDirectories() {
+  std::vector<std::string> directories;
+  for (const auto& [relative, entry] : owned_) {
+    if (entry.kind == MigrationEntry::Kind::directory) directories.push_back(relative);
+  }
+  for (const auto& relative : directories) record(relative, RecordScope::onlyKnown);
 }
 
 void MigrationStagingArea::record(const std::string& relative, RecordScope scope) {

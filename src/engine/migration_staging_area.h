@@ -30,6 +30,11 @@ class MigrationStagingArea {
   // outside the root are ignored; with `onlyKnown` only earlier records are refreshed.
   void recordCreated(const std::string& path, RecordScope scope = RecordScope::anyPath);
 
+  // After a copy stopped part of the way: the directories it made changed as it created entries
+  // in them after they were recorded, so their records are brought up to date (each must still
+  // be the same object). Files keep their records: a file changed since is not ours to delete.
+  void refreshDirectories();
+
   // Removes the (by now empty) staging directory after a successful switch.
   void finish();
   // Removes everything recorded after a roll-back.

@@ -180,6 +180,16 @@ class CopyContext {
   std::int64_t totalBytes_ = 0;
 };
 
+// A copy that stopped leaves directories whose last record predates their newest entries.
+// A conflict found here is found again by the removal, which then leaves everything in place,
+// so the copy's own error stays the one reported.
+void bringDirectoryRecordsUpToDate(MigrationStagingArea& ownership) {
+  try {
+    ownership.refreshDirectories();
+  } catch (const std::exception&) {
+  }
+}
+
 }  // namespace
 
 void ProgressFileCopier::copy(const std::string& source, const std::string& destination,
@@ -190,11 +200,15 @@ void ProgressFileCopier::copy(const std::string& source, const std::string& dest
   CopyContext context(source, manifest, inactiveSockets, progress, ownership, relocatedLinks, cancelled);
   try {
     platform::copyTree(source, destination, [&](const CopyEvent& event) { return context.handle(event); });
-  } catch (const platform::PosixError&) {
+  } catch (...) {
+    bringDirectoryRecordsUpToDate(ownership);
     if (context.error()) std::rethrow_exception(context.error());
     throw;
   }
-  if (context.error()) std::rethrow_exception(context.error());
+  if (context.error()) {
+    bringDirectoryRecordsUpToDate(ownership);
+    std::rethrow_exception(context.error());
+  }
   ownership.recordCreated(destination);
   const MigrationCopyWorkload workload(manifest, inactiveSockets);
   if (progress) progress(MigrationCopyUpdate{workload.bytes, workload.entries, source});

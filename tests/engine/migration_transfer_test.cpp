@@ -193,26 +193,33 @@ TEST_F(TransferTest, FileGrowingAfterTheScanIsCaught) {
   expectSourceUntouched();
 }
 
-// Disabled: the filler leaves the copy enough room on this tmpfs, so no ENOSPC arrives; the
-// fixture needs a volume that can be filled exactly.
-TEST_F(TransferTest, DISABLED_DestinationFillingUpDuringTheCopyRollsBack) {
+TEST_F(TransferTest, DestinationFillingUpDuringTheCopyRollsBack) {
   // tmpfs keeps no blocks in reserve, so what the space check sees is all there is.
   auto small = TestVolume::create(VolumeKind::tmpfs, 64 << 20);
   writeFile(source_ + "/big.bin", std::string(24 << 20, 'x'));
+  // A hole counts in the space check but takes nothing on the medium: it would leave room.
+  unlink((source_ + "/Contents/sparse.bin").c_str());
   before_ = contentsOf(source_);
   destination_ = small->child("Project");
-  // Exactly the data's size stays free: enough for the check, too little for the files' blocks.
-  duringCheck_ = [&](const std::string& source, const MigrationManifest& manifest) {
-    const std::int64_t room = MigrationCopyWorkload(manifest, {}).bytes;
+  // The data's size, rounded up to one page, stays free: the space check counts bytes and
+  // passes, but every small file takes a whole page, so the copy runs out part of the way.
+  duringCheck_ = [&](const std::string&, const MigrationManifest& manifest) {
+    const std::int64_t page = sysconf(_SC_PAGESIZE);
+    const std::int64_t room = (MigrationCopyWorkload(manifest, {}).bytes + page - 1) / page * page;
     const std::int64_t free = platform::availableCapacity(small->mountPoint());
-    int fd = open(small->child("filler").c_str(), O_WRONLY | O_CREAT, 0600);
+    ASSERT_GT(free, room);
+    const int fd = open(small->child("filler").c_str(), O_WRONLY | O_CREAT, 0600);
     ASSERT_GE(fd, 0);
-    ASSERT_EQ(posix_fallocate(fd, 0, free - room - (64 << 10)), 0);
+    ASSERT_EQ(posix_fallocate(fd, 0, free - room), 0);
     close(fd);
-    (void)source;
+    ASSERT_GE(platform::availableCapacity(small->mountPoint()), MigrationCopyWorkload(manifest, {}).bytes);
   };
   EXPECT_EQ(failureKey([&] { run(); }), "errno " + std::to_string(ENOSPC));
   expectSourceUntouched();
+  EXPECT_FALSE(hasStagingLeft(small->mountPoint()));
+  std::string said;
+  for (const auto& key : log_) said += key + "\n";
+  EXPECT_NE(std::find(log_.begin(), log_.end(), "migration.safety.rolled_back"), log_.end()) << said;
 }
 
 TEST_F(TransferTest, TooSmallOrIncapableDestinationsAreRefusedBeforeCopying) {

@@ -161,6 +161,9 @@ class TreeCopy {
     UniqueFd out(openat(destinationDirectory, destinationName.c_str(),
                         O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
     if (!out) return errno;
+    // The file exists from here on: whoever keeps track of what the copy made hears of it
+    // before the first write can fail.
+    proceedOrStop(notify(CopyWhat::copyData, CopyStage::progress, sourcePath, destinationPath, 0));
     posix_fadvise(in.get(), 0, 0, POSIX_FADV_SEQUENTIAL);
     if (int error = copyData(in.get(), out.get(), opened.st_size, sourcePath, destinationPath); error != 0) return error;
     if (ftruncate(out.get(), opened.st_size) != 0) return errno;
