@@ -119,6 +119,10 @@ class MigrationManager {
   // Any thread: one localized line for an operation on an item, never dropped for a batch's run.
   void appendItemLog(const std::string& item, const std::string& key, const std::vector<std::string>& arguments);
   void runInBackground(std::function<OperationResult()> work, OperationCompletion completion);
+  // Admission of a move-back or restore of `app`: refused during a batch, during another
+  // operation on the item and while an update installs; otherwise the item is marked as moving
+  // until `work` has finished in the background.
+  bool admitItemOperation(const MigratedApp& app, std::function<OperationResult()> work, OperationCompletion completion);
 
   struct Batch;
   void perform(std::shared_ptr<Batch> batch);

@@ -9,7 +9,6 @@
 #include "support/diagnostic_log.h"
 #include "support/localization.h"
 #include "support/paths.h"
-#include "support/update_activity.h"
 
 namespace corvane {
 namespace {
@@ -47,36 +46,8 @@ bool isDeferral(const std::exception_ptr& failure) {
 
 bool MigrationManager::migrateBackToMainDisk(const MigratedApp& app, const std::optional<std::string>& currentDisk,
                                              OperationCompletion completion) {
-  const std::string item = standardizePath(app.originalPath);
-  const std::string name = app.appName.empty() ? lastComponent(item) : app.appName;
-  auto refuse = [&](const std::string& key) {
-    appendItemLog(name, key, {});
-    if (completion) completion(OperationResult{OperationResult::Kind::refused, localized(key)});
-    return false;
-  };
-  if (isMigrating_) return refuse("log.migrate_back_blocked_by_migration");
-  if (migratingBackItems_.count(item)) return refuse("log.migrate_back_in_progress");
-  if (!UpdateActivity::shared().beginOperation()) return refuse("log.migrate_back_blocked_by_update");
-  migratingBackItems_.insert(item);
-  notify();
-  runInBackground(
-      [this, app, currentDisk] {
-        OperationResult result;
-        try {
-          result = performMigrateBack(app, currentDisk);
-        } catch (...) {
-          UpdateActivity::shared().endAfterPendingWrites();
-          throw;
-        }
-        UpdateActivity::shared().endAfterPendingWrites();
-        return result;
-      },
-      [this, item, completion](const OperationResult& result) {
-        migratingBackItems_.erase(item);
-        notify();
-        if (completion) completion(result);
-      });
-  return true;
+  return admitItemOperation(app, [this, app, currentDisk] { return performMigrateBack(app, currentDisk); },
+                            std::move(completion));
 }
 
 MigrationManager::OperationResult MigrationManager::performMigrateBack(const MigratedApp& app,

@@ -7,6 +7,7 @@
 #include "support/diagnostic_log.h"
 #include "support/localization.h"
 #include "support/paths.h"
+#include "support/update_activity.h"
 
 namespace corvane {
 
@@ -58,6 +59,36 @@ void MigrationManager::runInBackground(std::function<OperationResult()> work, Op
       });
     });
   });
+}
+
+bool MigrationManager::admitItemOperation(const MigratedApp& app, std::function<OperationResult()> work,
+                                          OperationCompletion completion) {
+  const std::string item = standardizePath(app.originalPath);
+  const std::string name = app.appName.empty() ? lastComponent(item) : app.appName;
+  auto refuse = [&](const std::string& key) {
+    appendItemLog(name, key, {});
+    if (completion) completion(OperationResult{OperationResult::Kind::refused, localized(key)});
+    return false;
+  };
+  if (isMigrating_) return refuse("log.migrate_back_blocked_by_migration");
+  if (migratingBackItems_.count(item)) return refuse("log.migrate_back_in_progress");
+  if (!UpdateActivity::shared().beginOperation()) return refuse("log.migrate_back_blocked_by_update");
+  migratingBackItems_.insert(item);
+  notify();
+  runInBackground(
+      [work = std::move(work)] {
+        // Whatever happens, a software update waiting for this operation may go on afterwards.
+        struct EndOperation {
+          ~EndOperation() { UpdateActivity::shared().endAfterPendingWrites(); }
+        } end;
+        return work();
+      },
+      [this, item, completion = std::move(completion)](const OperationResult& result) {
+        migratingBackItems_.erase(item);
+        notify();
+        if (completion) completion(result);
+      });
+  return true;
 }
 
 }  // namespace corvane

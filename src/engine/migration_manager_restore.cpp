@@ -11,7 +11,6 @@
 #include "platform/file_system.h"
 #include "support/localization.h"
 #include "support/paths.h"
-#include "support/update_activity.h"
 #include "support/uuid.h"
 
 namespace corvane {
@@ -23,37 +22,9 @@ std::string failureText(const std::exception_ptr& failure) { return MigrationMan
 
 bool MigrationManager::restoreFromBackup(const BackupRecord& backup, const MigratedApp& app,
                                          const std::optional<std::string>& disk, OperationCompletion completion) {
-  const std::string item = standardizePath(app.originalPath);
-  const std::string name = app.appName.empty() ? lastComponent(item) : app.appName;
-  auto refuse = [&](const std::string& key) {
-    appendItemLog(name, key, {});
-    if (completion) completion(OperationResult{OperationResult::Kind::refused, localized(key)});
-    return false;
-  };
-  if (isMigrating_) return refuse("log.migrate_back_blocked_by_migration");
-  if (migratingBackItems_.count(item)) return refuse("log.migrate_back_in_progress");
-  if (!UpdateActivity::shared().beginOperation()) return refuse("log.migrate_back_blocked_by_update");
   // One operation per item: the item counts as being moved while its version is swapped.
-  migratingBackItems_.insert(item);
-  notify();
-  runInBackground(
-      [this, backup, app, disk] {
-        OperationResult result;
-        try {
-          result = performRestoreFromBackup(backup, app, disk);
-        } catch (...) {
-          UpdateActivity::shared().endAfterPendingWrites();
-          throw;
-        }
-        UpdateActivity::shared().endAfterPendingWrites();
-        return result;
-      },
-      [this, item, completion](const OperationResult& result) {
-        migratingBackItems_.erase(item);
-        notify();
-        if (completion) completion(result);
-      });
-  return true;
+  return admitItemOperation(app, [this, backup, app, disk] { return performRestoreFromBackup(backup, app, disk); },
+                            std::move(completion));
 }
 
 MigrationManager::OperationResult MigrationManager::performRestoreFromBackup(const BackupRecord& backup,
