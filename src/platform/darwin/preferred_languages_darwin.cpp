@@ -2,19 +2,9 @@
 
 #include <CoreFoundation/CoreFoundation.h>
 
+#include "platform/darwin/core_foundation_strings.h"
+
 namespace corvane::platform {
-namespace {
-
-std::string utf8String(CFStringRef string) {
-  const CFIndex length = CFStringGetLength(string);
-  const CFIndex capacity = CFStringGetMaximumSizeForEncoding(length, kCFStringEncodingUTF8) + 1;
-  std::string buffer(static_cast<std::size_t>(capacity), '\0');
-  if (!CFStringGetCString(string, buffer.data(), capacity, kCFStringEncodingUTF8)) return {};
-  buffer.resize(std::char_traits<char>::length(buffer.c_str()));
-  return buffer;
-}
-
-}  // namespace
 
 std::vector<std::string> preferredLanguages() {
   std::vector<std::string> languages;

@@ -3,6 +3,8 @@
 #include "platform/running_applications.h"
 
 #include <CoreFoundation/CoreFoundation.h>
+
+#include "platform/darwin/core_foundation_strings.h"
 #include <objc/message.h>
 #include <objc/runtime.h>
 
@@ -15,15 +17,6 @@ id sendId(id receiver, const char* selector) {
 
 bool sendBool(id receiver, const char* selector) {
   return reinterpret_cast<BOOL (*)(id, SEL)>(objc_msgSend)(receiver, sel_registerName(selector));
-}
-
-std::string utf8String(CFStringRef string) {
-  const CFIndex length = CFStringGetLength(string);
-  const CFIndex capacity = CFStringGetMaximumSizeForEncoding(length, kCFStringEncodingUTF8) + 1;
-  std::string buffer(static_cast<std::size_t>(capacity), '\0');
-  if (!CFStringGetCString(string, buffer.data(), capacity, kCFStringEncodingUTF8)) return {};
-  buffer.resize(std::char_traits<char>::length(buffer.c_str()));
-  return buffer;
 }
 
 }  // namespace

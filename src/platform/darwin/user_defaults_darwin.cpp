@@ -2,6 +2,8 @@
 
 #include <CoreFoundation/CoreFoundation.h>
 
+#include "platform/darwin/core_foundation_strings.h"
+
 #include <cerrno>
 
 #include "platform/posix_error.h"
@@ -17,24 +19,10 @@ struct CFReleaser {
   }
 };
 
-CFStringRef makeString(const std::string& text) {
-  return CFStringCreateWithBytes(kCFAllocatorDefault, reinterpret_cast<const UInt8*>(text.data()),
-                                 static_cast<CFIndex>(text.size()), kCFStringEncodingUTF8, false);
-}
-
-std::string utf8String(CFStringRef string) {
-  const CFIndex length = CFStringGetLength(string);
-  const CFIndex capacity = CFStringGetMaximumSizeForEncoding(length, kCFStringEncodingUTF8) + 1;
-  std::string buffer(static_cast<std::size_t>(capacity), '\0');
-  if (!CFStringGetCString(string, buffer.data(), capacity, kCFStringEncodingUTF8)) return {};
-  buffer.resize(std::char_traits<char>::length(buffer.c_str()));
-  return buffer;
-}
-
 }  // namespace
 
 std::optional<std::string> readUserDefault(const std::string& key) {
-  CFStringRef name = makeString(key);
+  CFStringRef name = makeCoreFoundationString(key);
   if (name == nullptr) return std::nullopt;
   CFReleaser nameOwner{name};
   CFPropertyListRef value = CFPreferencesCopyAppValue(name, kCFPreferencesCurrentApplication);
@@ -45,8 +33,8 @@ std::optional<std::string> readUserDefault(const std::string& key) {
 }
 
 void writeUserDefault(const std::string& key, const std::string& value) {
-  CFStringRef name = makeString(key);
-  CFStringRef text = makeString(value);
+  CFStringRef name = makeCoreFoundationString(key);
+  CFStringRef text = makeCoreFoundationString(value);
   CFReleaser nameOwner{name};
   CFReleaser textOwner{text};
   if (name == nullptr || text == nullptr) throw PosixError(EINVAL, key);
