@@ -2,6 +2,13 @@
 
 #include <signal.h>
 
+#include <chrono>
+
+#include "app/progress_display.h"
+#include "app/user_output.h"
+#include "support/localization.h"
+#include "support/main_queue.h"
+
 namespace corvane {
 namespace {
 
@@ -28,5 +35,19 @@ InterruptionGuard::~InterruptionGuard() {
 }
 
 const std::atomic<bool>& InterruptionGuard::requested() { return interruptionRequested; }
+
+void runUntilFinishedTellingAboutInterruption(MainQueue& mainQueue, ProgressDisplay& display,
+                                              const std::function<bool()>& finished) {
+  bool toldAboutInterruption = false;
+  while (!finished()) {
+    mainQueue.runUntil([&] { return finished() || (InterruptionGuard::requested() && !toldAboutInterruption); },
+                       std::chrono::milliseconds(200));
+    if (InterruptionGuard::requested() && !toldAboutInterruption) {
+      toldAboutInterruption = true;
+      display.clear();
+      printErrorLine(localized("cli.migrate.interrupted"));
+    }
+  }
+}
 
 }  // namespace corvane

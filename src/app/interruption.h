@@ -3,6 +3,7 @@
 #pragma once
 
 #include <atomic>
+#include <functional>
 
 namespace corvane {
 
@@ -17,5 +18,13 @@ class InterruptionGuard {
   // Set once an interruption arrived; hand it to the work that should stop.
   static const std::atomic<bool>& requested();
 };
+
+class MainQueue;
+class ProgressDisplay;
+
+// Drains `mainQueue` until `finished` holds. The first interruption is acknowledged once on
+// standard error (the progress line cleared first); the work itself decides how to stop.
+void runUntilFinishedTellingAboutInterruption(MainQueue& mainQueue, ProgressDisplay& display,
+                                              const std::function<bool()>& finished);
 
 }  // namespace corvane

@@ -40,16 +40,7 @@ int runItemOperation(const ItemOperation& operation, const PromptOptions& prompt
       printLine(line);
     });
     operation(manager, [&](const MigrationManager::OperationResult& outcome) { result = outcome; });
-    bool toldAboutInterruption = false;
-    while (!result) {
-      mainQueue.runUntil([&] { return result || (InterruptionGuard::requested() && !toldAboutInterruption); },
-                         std::chrono::milliseconds(200));
-      if (InterruptionGuard::requested() && !toldAboutInterruption) {
-        toldAboutInterruption = true;
-        display.clear();
-        printErrorLine(localized("cli.migrate.interrupted"));
-      }
-    }
+    runUntilFinishedTellingAboutInterruption(mainQueue, display, [&] { return result.has_value(); });
   }
   display.clear();
   switch (result->kind) {

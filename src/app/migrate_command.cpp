@@ -92,16 +92,7 @@ int runMigrate(const MigrateOptions& options) {
   });
 
   manager.migrateApps(paths, disk);
-  bool toldAboutInterruption = false;
-  while (manager.isMigrating()) {
-    mainQueue.runUntil([&] { return !manager.isMigrating() || (InterruptionGuard::requested() && !toldAboutInterruption); },
-                       std::chrono::milliseconds(200));
-    if (InterruptionGuard::requested() && !toldAboutInterruption) {
-      toldAboutInterruption = true;
-      display.clear();
-      printErrorLine(localized("cli.migrate.interrupted"));
-    }
-  }
+  runUntilFinishedTellingAboutInterruption(mainQueue, display, [&] { return !manager.isMigrating(); });
   display.clear();
   if (options.json) printJson(manager.outcomes());
   return exitStatusFor(manager.outcomes());
