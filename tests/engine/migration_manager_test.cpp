@@ -1,84 +1,251 @@
+// The manager on two real ext4 volumes: batches (how many transfers at once, skipping what is
+// done, refusing protected places), moving an item back (the round trip, conflicts at either
+// end, a filling internal disk) and who may start a move-back when.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
 
 #include <atomic>
+#include <condition_variable>
+#include <mutex>
 #include <thread>
 
 #include "catalogue/app_manager.h"
+#include "catalogue/migrated_apps_file.h"
 #include "engine/migration_manager.h"
 #include "engine/migration_socket_probe.h"
+#include "engine/migration_test_support.h"
 #include "fixtures/corvane_binary.h"
 #include "fixtures/sample_tree.h"
 #include "fixtures/test_volume.h"
-#include "engine/migration_issue.h"
-#include "platform/file_system.h"
+#include "platform/volume.h"
 #include "support/localization.h"
+#include "support/paths.h"
+#include "support/update_activity.h"
 
 namespace corvane {
 namespace {
 
-class AnswerLater final : public MigrationPreflightPrompter {
- public:
-  MigrationPreflightChoice choose(const std::vector<MigrationRuntimeBlocker>&) override {
-    return MigrationPreflightChoice::later;
-  }
-  bool authorize(const std::string&) override { return false; }
-  void alert(const std::string&, const std::string&) override {}
-};
-
-class MigrationManagerTest : public ::testing::Test {
+class MigrateBackTest : public ::testing::Test {
  protected:
   void SetUp() override {
     try {
-      internal_ = TestVolume::create(VolumeKind::tmpfs, 256 << 20);
-      disk_ = TestVolume::create(VolumeKind::tmpfs, 256 << 20);
+      internal_ = TestVolume::create(VolumeKind::ext4);
+      external_ = TestVolume::create(VolumeKind::ext4);
     } catch (const VolumeUnavailable& unavailable) {
-      GTEST_SKIP() << "needs tmpfs volumes: " << unavailable.what();
+      GTEST_SKIP() << "needs two ext4 volumes: " << unavailable.what();
     }
-  }
-
-  std::string makeItem(const std::string& relative) {
-    const std::string path = internal_->child(relative);
-    buildSampleTree(path);
-    return path;
-  }
-
-  void runBatch(MigrationManager& manager, const std::vector<std::string>& items) {
-    ASSERT_TRUE(manager.migrateApps(items, disk_->mountPoint()));
-    ASSERT_TRUE(queue_.runUntil([&] { return !manager.isMigrating(); }, std::chrono::minutes(2)));
+    item_ = internal_->child("home/me/Project");
+    buildSampleTree(item_, {.fifo = true, .sparseFile = true, .extendedAttributes = true, .accessControlList = true});
+    writeFile(internal_->child("home/me/outside.txt"), "outside");
+    chown((item_ + "/Contents/Info.plist").c_str(), 1234, 5678);
+    disk_ = external_->mountPoint();
   }
 
   MigrationManager::Hooks hooks() {
     MigrationManager::Hooks result;
     result.prompter = &prompter_;
     result.services.probe = MigrationSocketProbe::probeWith(std::string(corvaneBinaryPath()));
+    result.checkUsage = [this](const std::string& source, const MigrationManifest& manifest) {
+      if (duringCheck_) duringCheck_(source, manifest);
+    };
     return result;
   }
 
+  void runBatch(MigrationManager& manager, const std::vector<std::string>& items) {
+    ASSERT_TRUE(manager.migrateApps(items, disk_));
+    ASSERT_TRUE(queue_.runUntil([&] { return !manager.isMigrating(); }, std::chrono::minutes(2)));
+  }
+
+  // Migrates the item and returns its record.
+  MigratedApp migrate() {
+    MigrationManager manager(queue_, apps_, hooks());
+    runBatch(manager, {item_});
+    const auto records = AppManager::loadRecords(disk_);
+    if (records.size() != 1) throw std::runtime_error("the migration left no record");
+    return records.front();
+  }
+  MigrationManager::OperationResult moveBack(const MigratedApp& app) {
+    MigrationManager manager(queue_, apps_, hooks());
+    std::optional<MigrationManager::OperationResult> result;
+    manager.migrateBackToMainDisk(app, disk_, [&](const MigrationManager::OperationResult& outcome) { result = outcome; });
+    EXPECT_TRUE(queue_.runUntil([&] { return result.has_value(); }, std::chrono::minutes(2)));
+    log_ = manager.logText();
+    return result.value_or(MigrationManager::OperationResult{});
+  }
+
+  void expectStillMigrated(const MigratedApp& app, const std::map<std::string, std::string>& externalBefore) {
+    auto link = MigrationEntry::read(item_, AT_FDCWD);
+    ASSERT_TRUE(link);
+    EXPECT_EQ(link->kind, MigrationEntry::Kind::symbolicLink);
+    EXPECT_EQ(link->link, app.targetPath);
+    EXPECT_EQ(fullManifest(app.targetPath), externalBefore);
+    const auto records = AppManager::loadRecords(disk_);
+    ASSERT_EQ(records.size(), 1u);
+    EXPECT_EQ(records.front().id, app.id);
+    EXPECT_FALSE(hasStagingLeft(parentPath(item_)));
+  }
+
   std::unique_ptr<TestVolume> internal_;
-  std::unique_ptr<TestVolume> disk_;
+  std::unique_ptr<TestVolume> external_;
+  std::string item_;
+  std::string disk_;
   MainQueue queue_;
-  AnswerLater prompter_;
+  AppManager apps_{queue_};
+  DeferringPrompter prompter_;
+  std::function<void(const std::string&, const MigrationManifest&)> duringCheck_;
+  std::string log_;
 };
+
+TEST_F(MigrateBackTest, RoundTripRestoresEverythingButInodesAndChangeTimes) {
+  auto before = fullManifest(item_);
+  const auto app = migrate();
+  EXPECT_EQ(app.targetPath, disk_ + "/Directories" + item_);
+  const auto result = moveBack(app);
+  ASSERT_EQ(result.kind, MigrationManager::OperationResult::Kind::succeeded) << result.message << "\n" << log_;
+
+  auto after = fullManifest(item_);
+  // A link that climbed out of the item was given the absolute target it named on the way
+  // out and keeps it on the way back: it still reaches the same file.
+  const std::string climbing = "Contents/Resources/deep/climbs-out";
+  ASSERT_TRUE(before.count(climbing));
+  EXPECT_EQ(resolvingSymlinksInPath(item_ + "/" + climbing), resolvingSymlinksInPath(internal_->child("home/me/outside.txt")));
+  before.erase(climbing);
+  after.erase(climbing);
+  EXPECT_EQ(after, before);
+
+  EXPECT_FALSE(MigrationEntry::read(app.targetPath, AT_FDCWD)) << "the external copy is removed";
+  EXPECT_TRUE(AppManager::loadRecords(disk_).empty());
+  EXPECT_FALSE(hasStagingLeft(parentPath(item_)));
+  for (const auto* key : {"log.migrate_back_start", "log.migrate_back_swap_success", "log.cleaning_migration_record",
+                          "log.migration_record_cleaned", "log.migrate_back_complete"}) {
+    EXPECT_NE(log_.find(localized(key)), std::string::npos) << key;
+  }
+  EXPECT_NE(log_.find(formatLocalizedText(localized("log.target_disk_path"), {disk_})), std::string::npos) << log_;
+}
+
+TEST_F(MigrateBackTest, RealFolderAtTheOriginalPathIsNeverReplaced) {
+  const auto app = migrate();
+  const auto external = fullManifest(app.targetPath);
+  // First a link to the same folder name on a third disk: it no longer leads to the recorded copy.
+  CORVANE_TEST_VOLUME(other, VolumeKind::tmpfs);
+  const std::string elsewhere = other->child("Directories" + item_);
+  buildSampleTree(elsewhere);
+  ASSERT_EQ(unlink(item_.c_str()), 0);
+  ASSERT_EQ(symlink(elsewhere.c_str(), item_.c_str()), 0);
+  auto result = moveBack(app);
+  EXPECT_EQ(result.kind, MigrationManager::OperationResult::Kind::failed);
+  EXPECT_NE(result.message.find(localized("migration.preflight.restore_wrong_target")), std::string::npos) << result.message;
+  EXPECT_EQ(MigrationEntry::read(item_, AT_FDCWD)->link, elsewhere);
+  EXPECT_EQ(fullManifest(app.targetPath), external);
+
+  // Then the user's own folder.
+  ASSERT_EQ(unlink(item_.c_str()), 0);
+  writeFile(item_ + "/mine.txt", "the user's own");
+  result = moveBack(app);
+  EXPECT_EQ(result.kind, MigrationManager::OperationResult::Kind::failed);
+  EXPECT_NE(result.message.find(localized("error.migration_restore_conflict")), std::string::npos) << result.message;
+  EXPECT_EQ(readFile(item_ + "/mine.txt"), "the user's own");
+  EXPECT_EQ(fullManifest(app.targetPath), external);
+  // Read the file itself: the catalogue hides a record whose original place holds a real
+  // folder, but the record must still be there for when the user sorts the conflict out.
+  const auto stored = MigratedAppsFile::read(AppManager::getMigratedAppsFilePath(disk_));
+  ASSERT_EQ(stored.size(), 1u);
+  EXPECT_EQ(stored.front().id, app.id);
+  EXPECT_EQ(log_.find(localized("log.migration_record_cleaned")), std::string::npos);
+}
+
+TEST_F(MigrateBackTest, InternalDiskFillingUpDuringTheCopyLeavesTheItemMigrated) {
+  writeFile(item_ + "/big.bin", std::string(24 << 20, 'x'));
+  const auto app = migrate();
+  const auto external = fullManifest(app.targetPath);
+  // Room when the space is checked, none by the time the staged copy is written.
+  duringCheck_ = [&](const std::string&, const MigrationManifest&) {
+    const std::int64_t free = platform::availableCapacity(internal_->mountPoint());
+    const int fd = open(internal_->child("filler").c_str(), O_WRONLY | O_CREAT, 0600);
+    ASSERT_GE(fd, 0);
+    ASSERT_EQ(posix_fallocate(fd, 0, free - (1 << 20)), 0);
+    close(fd);
+  };
+  const auto result = moveBack(app);
+  EXPECT_EQ(result.kind, MigrationManager::OperationResult::Kind::failed) << log_;
+  EXPECT_NE(log_.find(formatLocalizedText(localized("log.migrate_back_failed_detailed"), {result.message})),
+            std::string::npos);
+  expectStillMigrated(app, external);
+}
+
+TEST_F(MigrateBackTest, AdmissionRefusesDuringABatchTwiceForOneItemAndDuringAnUpdate) {
+  const auto app = migrate();
+  // While an update installs.
+  UpdateActivity::shared().setInstalling(true);
+  {
+    MigrationManager manager(queue_, apps_, hooks());
+    EXPECT_FALSE(manager.migrateBackToMainDisk(app, disk_));
+    UpdateActivity::shared().setInstalling(false);
+    queue_.runUntil([] { return false; }, std::chrono::milliseconds(50));
+    EXPECT_NE(manager.logText().find(localized("log.migrate_back_blocked_by_update")), std::string::npos);
+  }
+
+  // The same item twice: the first move-back waits inside its open-file check.
+  std::mutex mutex;
+  std::condition_variable changed;
+  bool inside = false;
+  bool release = false;
+  duringCheck_ = [&](const std::string&, const MigrationManifest&) {
+    std::unique_lock lock(mutex);
+    inside = true;
+    changed.notify_all();
+    changed.wait(lock, [&] { return release; });
+  };
+  MigrationManager manager(queue_, apps_, hooks());
+  std::optional<MigrationManager::OperationResult> first;
+  ASSERT_TRUE(manager.migrateBackToMainDisk(app, disk_, [&](const auto& outcome) { first = outcome; }));
+  {
+    std::unique_lock lock(mutex);
+    changed.wait(lock, [&] { return inside; });
+  }
+  EXPECT_EQ(manager.migratingBackItems().count(item_), 1u);
+  EXPECT_FALSE(manager.migrateBackToMainDisk(app, disk_));
+  // Nor may a forward batch take the item that is on its way back.
+  EXPECT_FALSE(manager.migrateApps({item_}, disk_));
+  EXPECT_FALSE(manager.isMigrating());
+  // A forward batch of another item may run meanwhile, but no move-back may start during it.
+  const std::string other = internal_->child("home/me/Other");
+  buildSampleTree(other);
+  ASSERT_TRUE(manager.migrateApps({other}, disk_));
+  {
+    std::lock_guard lock(mutex);
+    release = true;
+    changed.notify_all();
+  }
+  EXPECT_FALSE(manager.migrateBackToMainDisk(app, disk_));
+  ASSERT_TRUE(queue_.runUntil([&] { return first.has_value() && !manager.isMigrating(); }, std::chrono::minutes(2)));
+  EXPECT_EQ(first->kind, MigrationManager::OperationResult::Kind::succeeded) << manager.logText();
+  EXPECT_TRUE(manager.migratingBackItems().empty());
+  EXPECT_NE(manager.logText().find(localized("log.migrate_back_in_progress")), std::string::npos);
+  EXPECT_NE(manager.logText().find(localized("log.migrate_back_blocked_by_migration")), std::string::npos);
+  EXPECT_EQ(UpdateActivity::shared().pending(), 0);
+}
+
+using MigrationManagerTest = MigrateBackTest;
 
 TEST_F(MigrationManagerTest, SixItemsNeverRunMoreThanFourTransfersAtOnce) {
   std::vector<std::string> items;
-  for (int i = 0; i < 6; ++i) items.push_back(makeItem("home/item" + std::to_string(i)));
+  for (int i = 0; i < 6; ++i) {
+    items.push_back(internal_->child("home/item" + std::to_string(i)));
+    buildSampleTree(items.back());
+  }
   std::atomic<int> active{0};
   std::atomic<int> peak{0};
-  auto batchHooks = hooks();
   // The open-file check runs inside each transfer: holding it a moment makes overlap visible.
-  batchHooks.checkUsage = [&](const std::string&, const MigrationManifest&) {
+  duringCheck_ = [&](const std::string&, const MigrationManifest&) {
     const int now = ++active;
-    int seen = peak.load();
-    while (now > seen && !peak.compare_exchange_weak(seen, now)) {
+    for (int seen = peak.load(); now > seen && !peak.compare_exchange_weak(seen, now);) {
     }
     std::this_thread::sleep_for(std::chrono::milliseconds(300));
     --active;
   };
-  AppManager apps(queue_);
-  MigrationManager manager(queue_, apps, batchHooks);
+  MigrationManager manager(queue_, apps_, hooks());
   runBatch(manager, items);
   EXPECT_LE(peak.load(), 4);
   EXPECT_GE(peak.load(), 2) << "items did not run side by side at all";
@@ -86,40 +253,36 @@ TEST_F(MigrationManagerTest, SixItemsNeverRunMoreThanFourTransfersAtOnce) {
   for (const auto& item : items) {
     EXPECT_EQ(MigrationEntry::read(item, AT_FDCWD)->kind, MigrationEntry::Kind::symbolicLink);
   }
-  // Every success was recorded on the disk.
-  EXPECT_EQ(AppManager::loadRecords(disk_->mountPoint()).size(), 6u);
+  EXPECT_EQ(AppManager::loadRecords(disk_).size(), 6u) << "every success is recorded on the disk";
   EXPECT_NE(manager.logText().find(localized("log.separator_line")), std::string::npos);
 }
 
-TEST_F(MigrationManagerTest, ItemAlreadyLinkedToItsDestinationIsSkippedNotFailed) {
-  const std::string item = makeItem("home/done");
-  const std::string application = makeItem("Applications/Tool.app");
-  AppManager apps(queue_);
-  MigrationManager manager(queue_, apps, hooks());
-  runBatch(manager, {item, application});
+TEST_F(MigrationManagerTest, ProtectedItemsAreRefusedAndOnesAlreadyLinkedAreSkipped) {
+  const std::string application = internal_->child("Applications/Tool.app");
+  buildSampleTree(application);
+  MigrationManager manager(queue_, apps_, hooks());
+  EXPECT_THROW(manager.migrateApps({"/usr"}, disk_), MigrationIssue);
+  EXPECT_FALSE(manager.isMigrating()) << "refused before any work";
+  runBatch(manager, {item_, application});
   EXPECT_EQ(manager.activeMigrationProgress().succeeded, 2);
-  EXPECT_TRUE(MigrationEntry::read(disk_->child("Applications/Tool.app/Contents/Info.plist"), AT_FDCWD));
-  EXPECT_TRUE(MigrationEntry::read(disk_->child("Directories" + item + "/Contents/Info.plist"), AT_FDCWD));
+  EXPECT_TRUE(MigrationEntry::read(disk_ + "/Applications/Tool.app/Contents/Info.plist", AT_FDCWD));
+  EXPECT_TRUE(MigrationEntry::read(disk_ + "/Directories" + item_ + "/Contents/Info.plist", AT_FDCWD));
 
-  MigrationManager again(queue_, apps, hooks());
-  runBatch(again, {item});
-  const auto snapshot = again.activeMigrationProgress();
-  EXPECT_EQ(snapshot.skipped, 1);
-  EXPECT_EQ(snapshot.failed, 0);
+  MigrationManager again(queue_, apps_, hooks());
+  runBatch(again, {item_});
+  EXPECT_EQ(again.activeMigrationProgress().skipped, 1);
+  EXPECT_EQ(again.activeMigrationProgress().failed, 0);
   EXPECT_NE(again.logText().find(localized("log.migrate_already_done")), std::string::npos);
 }
 
-TEST_F(MigrationManagerTest, ProtectedLocationsAreRefusedBeforeAnyWork) {
-  AppManager apps(queue_);
-  MigrationManager manager(queue_, apps, hooks());
-  EXPECT_THROW(manager.migrateApps({"/usr"}, disk_->mountPoint()), MigrationIssue);
-  EXPECT_FALSE(manager.isMigrating());
-}
-
-TEST(MigrationDestinationTest, ApplicationsAndDirectoriesHaveTheirOwnFolders) {
+TEST(MigrationDestinationTest, ApplicationsAndDirectoriesHaveTheirOwnFoldersAndVolumesNameTheirRoot) {
   EXPECT_EQ(MigrationManager::destinationFor("/Users/a/Projects", "/Volumes/X"), "/Volumes/X/Directories/Users/a/Projects");
   EXPECT_EQ(MigrationManager::destinationFor("/Applications/Foo.app", "/Volumes/X"), "/Volumes/X/Applications/Foo.app");
   EXPECT_EQ(MigrationManager::destinationFor("/home/me/./data/", "/media/me/disk"), "/media/me/disk/Directories/home/me/data");
+  EXPECT_EQ(MigrationManager::diskRootFromTargetPath("/Volumes/X/Applications/Foo.app"), "/Volumes/X");
+  EXPECT_EQ(MigrationManager::diskRootFromTargetPath("/Volumes/My Disk/Directories/Users/a/b"), "/Volumes/My Disk");
+  EXPECT_EQ(MigrationManager::diskRootFromTargetPath("/media/x/Applications/Foo.app"), std::nullopt);
+  EXPECT_EQ(MigrationManager::diskRootFromTargetPath("/Volumes"), std::nullopt);
 }
 
 }  // namespace

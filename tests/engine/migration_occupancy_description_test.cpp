@@ -12,12 +12,9 @@ using Reason = MigrationOpenFiles::Reason;
 
 std::vector<std::string> lines(const std::string& text) {
   std::vector<std::string> result;
-  std::size_t start = 0;
-  while (start <= text.size()) {
-    auto end = text.find('\n', start);
-    if (end == std::string::npos) end = text.size();
-    result.push_back(text.substr(start, end - start));
-    start = end + 1;
+  for (std::size_t start = 0, end = 0; end != std::string::npos; start = end + 1) {
+    end = text.find('\n', start);
+    result.push_back(text.substr(start, end == std::string::npos ? end : end - start));
   }
   return result;
 }
@@ -80,11 +77,9 @@ TEST(MigrationOccupancyDescriptionTest, NamesFamiliesByTheirKeysAndLimitsTheGrou
     EXPECT_NE(text.find(line), std::string::npos) << "missing line: " << line << "\nin:\n" << text;
   }
   EXPECT_EQ(text.find(pids("65")), std::string::npos) << "groups past the limit are only counted";
-}
-
-TEST(MigrationOccupancyDescriptionTest, LogLinesPutTheItemNameFirst) {
   EXPECT_EQ(MigrationOccupancyDescription::logLine("/srv/Item", "occupancy.message.reason", {"why"}),
-            localizedFormat("occupancy.message.reason", "Item", "why"));
+            localizedFormat("occupancy.message.reason", "Item", "why"))
+      << "log lines put the item name first";
 }
 
 }  // namespace

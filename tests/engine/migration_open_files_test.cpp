@@ -1,13 +1,12 @@
 // Reading the lister's field output, the fail-safe rules of one check, grouping, and the lsof
 // lister's own run (arguments, environment, bounds) through stand-in executables.
 #include <gtest/gtest.h>
-#include <signal.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <string>
 
 #include "engine/migration_open_files.h"
+#include "engine/migration_test_support.h"
 #include "fixtures/sample_tree.h"
 #include "fixtures/temporary_directory.h"
 #include "platform/open_file_fields.h"
@@ -22,46 +21,34 @@ using GroupKind = MigrationOpenFiles::GroupKind;
 
 std::string fields(std::initializer_list<std::string_view> values) {
   std::string text;
-  for (auto value : values) {
-    text += value;
-    text += '\0';
-  }
-  text += '\n';
-  return text;
-}
-
-MigrationEntry entry(MigrationEntry::Kind kind, std::int32_t device, std::uint64_t inode) {
-  MigrationEntry result;
-  result.kind = kind;
-  result.device = device;
-  result.inode = inode;
-  return result;
+  for (auto value : values) (text += value) += '\0';
+  return text + '\n';
 }
 
 // An item at /Items/App.app with a few files, as a manifest on device 0x1000007.
 MigrationOpenFiles::FileIndex sampleIndex() {
   MigrationManifest manifest;
-  manifest[""] = entry(MigrationEntry::Kind::directory, 0x1000007, 100);
-  manifest["Contents"] = entry(MigrationEntry::Kind::directory, 0x1000007, 101);
-  manifest["Contents/MacOS/App"] = entry(MigrationEntry::Kind::regular, 0x1000007, 102);
-  manifest["Contents/data.db"] = entry(MigrationEntry::Kind::regular, 0x1000007, 103);
-  manifest["Contents/alias.db"] = entry(MigrationEntry::Kind::regular, 0x1000007, 103);
-  manifest["Contents/odd name\n.txt"] = entry(MigrationEntry::Kind::regular, 0x1000007, 104);
-  manifest["Contents/run.sock"] = entry(MigrationEntry::Kind::socket, 0x1000007, 105);
-  manifest["Contents/subvolume.lib"] = entry(MigrationEntry::Kind::regular, static_cast<std::int32_t>(platform::deviceNumber(0, 41)), 257);
+  auto add = [&](const std::string& path, MigrationEntry::Kind kind, std::uint64_t inode, std::int32_t device = 0x1000007) {
+    manifest[path].kind = kind;
+    manifest[path].device = device;
+    manifest[path].inode = inode;
+  };
+  add("", MigrationEntry::Kind::directory, 100);
+  add("Contents", MigrationEntry::Kind::directory, 101);
+  add("Contents/MacOS/App", MigrationEntry::Kind::regular, 102);
+  add("Contents/data.db", MigrationEntry::Kind::regular, 103);
+  add("Contents/alias.db", MigrationEntry::Kind::regular, 103);
+  add("Contents/odd name\n.txt", MigrationEntry::Kind::regular, 104);
+  add("Contents/run.sock", MigrationEntry::Kind::socket, 105);
+  add("Contents/subvolume.lib", MigrationEntry::Kind::regular, 257, static_cast<std::int32_t>(platform::deviceNumber(0, 41)));
   return MigrationOpenFiles::fileIndex(manifest);
 }
 
-TEST(MigrationOpenFilesTest, FileIndexKeepsTheFirstPathAndKnowsHardLinks) {
-  const auto index = sampleIndex();
-  const auto& shared = index.at({0x1000007, 103});
-  EXPECT_EQ(shared.relativePath, "Contents/alias.db");  // the manifest's order
-  EXPECT_EQ(shared.otherPaths, std::vector<std::string>{"Contents/data.db"});
-  EXPECT_EQ(index.at({0x1000007, 100}).relativePath, "");
-}
-
 TEST(MigrationOpenFilesTest, ParsesFieldOutputAndKeepsOnlyTheItemsFiles) {
-  const std::string source = "/Items/App.app";
+  const auto index = sampleIndex();
+  EXPECT_EQ(index.at({0x1000007, 103}).relativePath, "Contents/alias.db") << "the first path in manifest order";
+  EXPECT_EQ(index.at({0x1000007, 103}).otherPaths, std::vector<std::string>{"Contents/data.db"});
+
   std::string output;
   output += fields({"p311", "cApp"});
   output += fields({"fcwd", "a ", "tDIR", "D0x1000007", "i100", "n/Items/App.app"});
@@ -81,39 +68,31 @@ TEST(MigrationOpenFilesTest, ParsesFieldOutputAndKeepsOnlyTheItemsFiles) {
   output += fields({"fcwd", "a ", "tDIR", "D0x1000007", "i100", "n/Items/App.app"});
   output += fields({"fNOFD", "a ", "tunknown", "n/proc/42/fd (opendir: Permission denied)"});
 
-  const auto references = MigrationOpenFiles::references(output, source, sampleIndex());
+  std::vector<std::string> found;
+  const auto references = MigrationOpenFiles::references(output, "/Items/App.app", index);
+  for (const auto& r : references) {
+    found.push_back(std::to_string(r.pid) + " " + r.descriptor + " [" + r.itemPath + "] " +
+                    std::string(MigrationOpenFiles::reasonName(r.reason)) + (r.throughOtherHardLink ? " alias" : ""));
+  }
+  // data.db names the path the process used, not the first alias; the last cwd is another process's.
+  EXPECT_EQ(found, (std::vector<std::string>{
+                       "311 cwd [] working_directory", "311 txt [Contents/MacOS/App] runtime",
+                       "311 3 [Contents/data.db] writable", "311 4 [Contents/odd name\n.txt] read_only",
+                       "311 5 [Contents/run.sock] endpoint", "42 7 [Contents/alias.db] writable alias",
+                       "42 8 [Contents] directory", "42 mem [Contents/subvolume.lib] runtime", "42 cwd [] working_directory"}));
   ASSERT_EQ(references.size(), 9u);
-  EXPECT_EQ(references[0].descriptor, "cwd");
-  EXPECT_EQ(references[0].reason, Reason::working_directory);
-  EXPECT_EQ(references[0].itemPath, "");
-  EXPECT_EQ(references[1].reason, Reason::runtime);
-  EXPECT_EQ(references[2].itemPath, "Contents/data.db");  // the path the process used, not the first alias
-  EXPECT_FALSE(references[2].throughOtherHardLink);
-  EXPECT_EQ(references[2].reason, Reason::writable);
   EXPECT_EQ(references[3].name, "/Items/App.app/Contents/odd name\n.txt");
-  EXPECT_EQ(references[3].itemPath, "Contents/odd name\n.txt");
-  EXPECT_EQ(references[3].reason, Reason::read_only);
-  EXPECT_EQ(references[4].reason, Reason::endpoint);
-  EXPECT_EQ(references[5].pid, 42);
   EXPECT_EQ(references[5].command, "back\\up \x01tool");
-  EXPECT_TRUE(references[5].throughOtherHardLink);
-  EXPECT_EQ(references[5].reason, Reason::writable);
-  EXPECT_EQ(references[6].reason, Reason::directory);
-  EXPECT_EQ(references[7].itemPath, "Contents/subvolume.lib");
-  EXPECT_EQ(references[7].reason, Reason::runtime);
-  EXPECT_EQ(references[8].descriptor, "cwd");  // not a repeat: another process
-  EXPECT_EQ(references[8].pid, 42);
-}
 
-TEST(MigrationOpenFilesTest, ReasonsOfUnusualRecords) {
-  EXPECT_EQ(MigrationOpenFiles::reasonFor("rtd", " ", "DIR"), Reason::working_directory);
-  EXPECT_EQ(MigrationOpenFiles::reasonFor("DEL", " ", "REG"), Reason::runtime);
-  EXPECT_EQ(MigrationOpenFiles::reasonFor("12", "r", "FIFO"), Reason::endpoint);
-  EXPECT_EQ(MigrationOpenFiles::reasonFor("12", "u", "DIR"), Reason::directory);
-  EXPECT_EQ(MigrationOpenFiles::reasonFor("12", "r", "CHR"), Reason::unknown);
-  EXPECT_EQ(MigrationOpenFiles::reasonFor("12", " ", "REG"), Reason::unknown);
-  EXPECT_EQ(MigrationOpenFiles::reasonFor("NOFD", "u", "REG"), Reason::unknown);
-  EXPECT_EQ(MigrationOpenFiles::reasonFor("1a", "w", "REG"), Reason::unknown);
+  // Records the live listers never produce above.
+  const std::vector<std::tuple<const char*, const char*, const char*, Reason>> unusual = {
+      {"rtd", " ", "DIR", Reason::working_directory}, {"DEL", " ", "REG", Reason::runtime},
+      {"12", "r", "FIFO", Reason::endpoint},          {"12", "u", "DIR", Reason::directory},
+      {"12", "r", "CHR", Reason::unknown},            {"12", " ", "REG", Reason::unknown},
+      {"NOFD", "u", "REG", Reason::unknown},          {"1a", "w", "REG", Reason::unknown}};
+  for (const auto& [descriptor, access, type, reason] : unusual) {
+    EXPECT_EQ(MigrationOpenFiles::reasonFor(descriptor, access, type), reason) << descriptor << " " << type;
+  }
 }
 
 TEST(MigrationOpenFilesTest, ListerTextEscapingRoundTripsEveryByte) {
@@ -129,54 +108,49 @@ TEST(MigrationOpenFilesTest, ListerTextEscapingRoundTripsEveryByte) {
   EXPECT_EQ(platform::unescapeListerText(escaped), all);
   EXPECT_EQ(platform::escapeListerText("a\\b\x7f\xc3\xbc\x1b"), "a\\\\b\\x7f\\xc3\\xbc^[");
   EXPECT_EQ(platform::unescapeListerText("^A^^x"), "\x01\x1e" "x");
-  // Text lsof never writes stays as printed.
-  EXPECT_EQ(platform::unescapeListerText("\\q \\x4"), "\\q \\x4");
+  EXPECT_EQ(platform::unescapeListerText("\\q \\x4"), "\\q \\x4") << "text lsof never writes stays as printed";
 }
 
 MigrationOpenFiles::Inspect answering(int status, std::string output, std::string error = "") {
   return [=](const MigrationOpenFiles::FileIndex&) { return MigrationOpenFiles::Result{status, output, error}; };
 }
 
-void expectUnknown(const MigrationOpenFiles::Inspect& inspect, const std::string& why) {
-  try {
-    MigrationOpenFiles::occupyingReferences("/Items/App.app", sampleIndex(), inspect);
-    ADD_FAILURE() << why << ": the state must count as unknown";
-  } catch (const MigrationIssue& issue) {
-    EXPECT_EQ(issue.key(), "migration.preflight.occupancy_unknown") << why;
+TEST(MigrationOpenFilesTest, EveryDoubtAboutTheListerMakesTheStateUnknown) {
+  const auto check = [](const MigrationOpenFiles::Inspect& inspect) {
+    return MigrationOpenFiles::occupyingReferences("/Items/App.app", sampleIndex(), inspect);
+  };
+  const std::string someone = fields({"p1", "claunchd"}) + fields({"fcwd", "a ", "tDIR", "D0x1000002", "i2", "n/"});
+  EXPECT_TRUE(check(answering(1, "")).empty()) << "status 1 without output: nothing is open at all";
+  EXPECT_TRUE(check(answering(0, someone)).empty());
+  const std::vector<std::pair<std::string, MigrationOpenFiles::Inspect>> doubts = {
+      {"status 0 without output", answering(0, "")},
+      {"standard error", answering(0, someone, "lsof: WARNING: can't stat() nfs file system /net\n")},
+      {"status 1 with output", answering(1, someone)},
+      {"status 2", answering(2, someone)},
+      {"killed", answering(137, someone)},
+      {"output cut inside a field", answering(0, std::string("p1\0cla", 6))},
+      {"file before any process", answering(0, fields({"f3", "ar", "tREG", "D0x1", "i5", "nx"}))},
+      {"unreadable device", answering(0, fields({"p1", "cx"}) + fields({"f3", "D0xzz", "i5"}))},
+      {"lister missing", [](const MigrationOpenFiles::FileIndex&) -> MigrationOpenFiles::Result {
+         throw platform::PosixError(ENOENT, "/usr/sbin/lsof");
+       }}};
+  for (const auto& [why, inspect] : doubts) {
+    const auto issue = issueOf([&] { check(inspect); });
+    EXPECT_EQ(issue.key(), "migration.preflight.occupancy_unknown") << why << ": the state must count as unknown";
     EXPECT_EQ(issue.detail(), "/Items/App.app") << why;
   }
 }
 
-TEST(MigrationOpenFilesTest, EveryDoubtAboutTheListerMakesTheStateUnknown) {
-  const std::string someone = fields({"p1", "claunchd"}) + fields({"fcwd", "a ", "tDIR", "D0x1000002", "i2", "n/"});
-  EXPECT_TRUE(MigrationOpenFiles::occupyingReferences("/Items/App.app", sampleIndex(), answering(1, "")).empty())
-      << "status 1 without output: nothing is open at all";
-  EXPECT_TRUE(MigrationOpenFiles::occupyingReferences("/Items/App.app", sampleIndex(), answering(0, someone)).empty());
-  expectUnknown(answering(0, ""), "status 0 without output");
-  expectUnknown(answering(0, someone, "lsof: WARNING: can't stat() nfs file system /net\n"), "standard error");
-  expectUnknown(answering(1, someone), "status 1 with output");
-  expectUnknown(answering(2, someone), "status 2");
-  expectUnknown(answering(137, someone), "killed");
-  expectUnknown(answering(0, std::string("p1\0cla", 6)), "output cut inside a field");
-  expectUnknown(answering(0, fields({"f3", "ar", "tREG", "D0x1", "i5", "nx"})), "file before any process");
-  expectUnknown(answering(0, fields({"p1", "cx"}) + fields({"f3", "D0xzz", "i5"})), "unreadable device");
-  expectUnknown([](const MigrationOpenFiles::FileIndex&) -> MigrationOpenFiles::Result {
-                  throw platform::PosixError(ENOENT, "/usr/sbin/lsof");
-                },
-                "lister missing");
-}
-
 TEST(MigrationOpenFilesTest, GroupsNameProcessesAndGatherFamilies) {
-  using Reference = MigrationOpenFiles::Reference;
   auto reference = [](pid_t pid, std::string command, std::string path, Reason reason) {
-    Reference result;
+    MigrationOpenFiles::Reference result;
     result.pid = pid;
     result.command = std::move(command);
     result.itemPath = std::move(path);
     result.reason = reason;
     return result;
   };
-  std::map<pid_t, platform::ProcessDetails> processes = {
+  const std::map<pid_t, platform::ProcessDetails> processes = {
       {10, {"/Applications/Editor.app/Contents/MacOS/Editor", {"Editor"}}},
       {11, {"/Applications/Editor.app/Contents/Frameworks/Editor Helper.app/Contents/MacOS/Editor Helper", {"helper"}}},
       {20, {"/opt/pg/bin/postgres", {"postgres", "-D", "data"}}},
@@ -189,21 +163,15 @@ TEST(MigrationOpenFilesTest, GroupsNameProcessesAndGatherFamilies) {
   };
   auto identify = [&](pid_t pid) -> std::optional<platform::ProcessDetails> {
     auto found = processes.find(pid);
-    if (found == processes.end()) return std::nullopt;
-    return found->second;
+    return found == processes.end() ? std::nullopt : std::optional(found->second);
   };
-  const std::vector<Reference> references = {
-      reference(10, "Editor", "a.txt", Reason::read_only),
-      reference(11, "Editor Helper", "b.txt", Reason::writable),
-      reference(20, "postgres", "data/base", Reason::directory),
-      reference(21, "postgres", "data/pg_wal", Reason::writable),
-      reference(30, "git", ".git", Reason::working_directory),
-      reference(31, "git", ".git/index", Reason::read_only),
-      reference(40, "com.apple.appkit.xpc.openAndSavePanelService", "", Reason::directory),
-      reference(50, "", "c.txt", Reason::unknown),
-      reference(10, "Editor", "a.txt", Reason::runtime),
-  };
-  const auto groups = MigrationOpenFiles::grouped(references, identify);
+  const auto groups = MigrationOpenFiles::grouped(
+      {reference(10, "Editor", "a.txt", Reason::read_only), reference(11, "Editor Helper", "b.txt", Reason::writable),
+       reference(20, "postgres", "data/base", Reason::directory), reference(21, "postgres", "data/pg_wal", Reason::writable),
+       reference(30, "git", ".git", Reason::working_directory), reference(31, "git", ".git/index", Reason::read_only),
+       reference(40, "com.apple.appkit.xpc.openAndSavePanelService", "", Reason::directory),
+       reference(50, "", "c.txt", Reason::unknown), reference(10, "Editor", "a.txt", Reason::runtime)},
+      identify);
   ASSERT_EQ(groups.size(), 6u);
   EXPECT_EQ(groups[0].kind, GroupKind::bundleOrigin);
   EXPECT_EQ(groups[0].name, "Editor");
@@ -221,41 +189,23 @@ TEST(MigrationOpenFilesTest, GroupsNameProcessesAndGatherFamilies) {
   EXPECT_EQ(groups[5].kind, GroupKind::unnamed);
 }
 
-// A stand-in lsof: a shell script with the given body, made executable.
-std::string fakeLister(const TemporaryDirectory& directory, const std::string& body) {
-  const std::string path = directory.child("lsof");
-  writeFile(path, "#!/bin/sh\n" + body, 0755);
-  return path;
-}
-
-TEST(MigrationOpenFilesTest, LsofRunsWithItsArgumentsInTheCLocaleOutsideAnyItem) {
+TEST(MigrationOpenFilesTest, LsofRunsInTheCLocaleOutsideAnyItemAndWithinBounds) {
   TemporaryDirectory directory;
   const std::string record = directory.child("record");
-  const std::string lister = fakeLister(directory, "printf '%s\\n' \"$@\" \"LC_ALL=$LC_ALL\" \"PWD=$(pwd)\" > '" + record +
-                                                       "'\nprintf 'p1\\0claunchd\\0\\n'\n");
+  const auto lister = writeScript(directory.path(), "lsof", "printf '%s\\n' \"$@\" \"LC_ALL=$LC_ALL\" \"PWD=$(pwd)\" > '" +
+                                                               record + "'\nprintf 'p1\\0claunchd\\0\\n'\n");
   const auto result = MigrationOpenFiles::inspectWithLsof(lister);
   EXPECT_EQ(result.status, 0);
   EXPECT_EQ(result.standardOutput, std::string("p1\0claunchd\0\n", 13));
   EXPECT_EQ(readFile(record), "-nP\n+c\n0\n-F0pcfatDin\nLC_ALL=C\nPWD=/\n");
-}
 
-TEST(MigrationOpenFilesTest, LsofThatHangsAndIgnoresTerminateIsKilledAndTheStateUnknown) {
-  TemporaryDirectory directory;
-  const std::string pidFile = directory.child("pid");
-  const std::string lister = fakeLister(directory, "trap '' TERM\necho $$ > '" + pidFile + "'\nwhile :; do sleep 1; done\n");
-  try {
-    MigrationOpenFiles::inspectWithLsof(lister);
-    FAIL() << "a lister that never ends cannot answer";
-  } catch (const MigrationIssue& issue) {
-    EXPECT_EQ(issue.key(), "migration.preflight.occupancy_unknown");
-  }
-  const pid_t pid = std::stoi(readFile(pidFile));
-  EXPECT_EQ(kill(pid, 0), -1) << "the lister was killed and reaped";
-  EXPECT_EQ(errno, ESRCH);
-}
-
-TEST(MigrationOpenFilesTest, LsofThatCannotStartPassesItsErrorThrough) {
   EXPECT_THROW(MigrationOpenFiles::inspectWithLsof("/nonexistent/lsof"), platform::PosixError);
+
+  // A lister that hangs and ignores the terminate request is killed, and the state is unknown.
+  const std::string pidFile = directory.child("pid");
+  const auto hanging = writeScript(directory.path(), "hanging", "trap '' TERM\necho $$ > '" + pidFile + "'\nwhile :; do sleep 1; done\n");
+  EXPECT_EQ(issueOf([&] { MigrationOpenFiles::inspectWithLsof(hanging); }).key(), "migration.preflight.occupancy_unknown");
+  EXPECT_TRUE(processIsReaped(std::stoi(readFile(pidFile)))) << "the lister was killed and reaped";
 }
 
 }  // namespace

@@ -1,10 +1,12 @@
+// Restoring a kept version of a migrated application and uninstalling one, on real folders:
+// what changes, and what must survive a bad version, a failed restore or a tampered record.
 #include <dirent.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include "catalogue/app_manager.h"
 #include "catalogue/app_bundle_metadata.h"
+#include "catalogue/app_manager.h"
 #include "engine/migration_manager.h"
 #include "fixtures/sample_tree.h"
 #include "fixtures/temporary_directory.h"
@@ -16,7 +18,6 @@ namespace corvane {
 namespace {
 
 void makeBundle(const std::string& path, const std::string& version) {
-  makeDirectories(path + "/Contents/MacOS");
   writeFile(path + "/Contents/MacOS/Tool", "#!/bin/sh\necho " + version + "\n", 0755);
   writeFile(path + "/Contents/Info.plist",
             "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version=\"1.0\"><dict>"
@@ -27,8 +28,7 @@ std::vector<std::string> namesIn(const std::string& directory) {
   std::vector<std::string> names;
   if (DIR* dir = opendir(directory.c_str())) {
     while (dirent* item = readdir(dir)) {
-      const std::string name = item->d_name;
-      if (name != "." && name != "..") names.push_back(name);
+      if (std::string(item->d_name) != "." && std::string(item->d_name) != "..") names.push_back(item->d_name);
     }
     closedir(dir);
   }
@@ -56,34 +56,36 @@ class ItemOperationsTest : public ::testing::Test {
     app.migratedDate = ReferenceDate::now();
     AppManager::writeMigratedApps({app}, AppManager::getMigratedAppsFilePath(disk_));
     app_ = AppManager::loadRecords(disk_).at(0);
+    ASSERT_EQ(app_.backupVersions.size(), 1u);
   }
 
-  MigrationManager::OperationResult restore(const std::function<void()>& beforeCommit = {}) {
+  enum class Operation { restore, uninstall };
+  // Runs a restore of the kept version or an uninstall and returns its outcome.
+  MigrationManager::OperationResult operate(Operation operation, const std::function<void()>& beforeCommit = {}) {
     MigrationManager::Hooks hooks;
     hooks.beforeCommit = beforeCommit;
     MigrationManager manager(queue_, apps_, hooks);
     std::optional<MigrationManager::OperationResult> result;
-    EXPECT_EQ(app_.backupVersions.size(), 1u);
-    manager.restoreFromBackup(app_.backupVersions.at(0), app_, disk_, [&](const auto& outcome) { result = outcome; });
+    auto done = [&](const auto& outcome) { result = outcome; };
+    if (operation == Operation::restore) {
+      manager.restoreFromBackup(app_.backupVersions.at(0), app_, disk_, done);
+    } else {
+      manager.uninstallApp(app_, {disk_}, done);
+    }
     EXPECT_TRUE(queue_.runUntil([&] { return result.has_value(); }, std::chrono::seconds(30)));
     log_ = manager.logText();
     return result.value_or(MigrationManager::OperationResult{});
   }
 
   TemporaryDirectory root_;
-  std::string disk_;
-  std::string target_;
-  std::string version_;
-  std::string original_;
+  std::string disk_, target_, version_, original_, log_;
   MigratedApp app_;
   MainQueue queue_;
   AppManager apps_{queue_};
-  std::string log_;
 };
 
 TEST_F(ItemOperationsTest, RestoringPutsTheVersionInPlaceAndKeepsTheCurrentOne) {
-  const auto result = restore();
-  ASSERT_EQ(result.kind, MigrationManager::OperationResult::Kind::succeeded) << log_;
+  ASSERT_EQ(operate(Operation::restore).kind, MigrationManager::OperationResult::Kind::succeeded) << log_;
   EXPECT_EQ(AppBundleMetadata::version(target_), "1.0");
   EXPECT_FALSE(MigrationEntry::read(version_, AT_FDCWD));
   const auto names = namesIn(disk_ + "/Applications");
@@ -93,20 +95,18 @@ TEST_F(ItemOperationsTest, RestoringPutsTheVersionInPlaceAndKeepsTheCurrentOne) 
   EXPECT_EQ(AppBundleMetadata::version(kept), "2.0");
   EXPECT_NE(log_.find(formatLocalizedText(localized("log.restore_complete_versions"), {"2.0", "1.0"})), std::string::npos)
       << log_;
-  // The record lists the kept version, which exists.
   const auto records = AppManager::loadRecords(disk_);
   ASSERT_EQ(records.size(), 1u);
   bool listed = false;
   for (const auto& backup : records[0].backupVersions) listed |= backup.backupPath == kept && backup.exists;
-  EXPECT_TRUE(listed);
+  EXPECT_TRUE(listed) << "the record lists the kept version, which exists";
   EXPECT_EQ(MigrationEntry::read(original_, AT_FDCWD)->kind, MigrationEntry::Kind::symbolicLink);
 }
 
 TEST_F(ItemOperationsTest, VersionWithoutExecutablesChangesNothing) {
   removeTreeForcefully(version_ + "/Contents/MacOS");
   const auto before = namesIn(disk_ + "/Applications");
-  const auto result = restore();
-  EXPECT_EQ(result.kind, MigrationManager::OperationResult::Kind::failed);
+  EXPECT_EQ(operate(Operation::restore).kind, MigrationManager::OperationResult::Kind::failed);
   EXPECT_NE(log_.find(localized("log.restore_incomplete")), std::string::npos) << log_;
   EXPECT_EQ(namesIn(disk_ + "/Applications"), before);
   EXPECT_EQ(AppBundleMetadata::version(target_), "2.0");
@@ -114,15 +114,12 @@ TEST_F(ItemOperationsTest, VersionWithoutExecutablesChangesNothing) {
 }
 
 TEST_F(ItemOperationsTest, FailedRestorePutsTheCurrentVersionBack) {
-  const auto before = namesIn(disk_ + "/Applications");
   // The chosen version vanishes at the last moment: moving it into place fails.
-  const auto result = restore([&] { platform::renameExclusive(version_, root_.child("moved-away.app")); });
+  const auto result = operate(Operation::restore, [&] { platform::renameExclusive(version_, root_.child("moved-away.app")); });
   EXPECT_EQ(result.kind, MigrationManager::OperationResult::Kind::failed);
   EXPECT_NE(log_.find(localized("log.restore_rollback_success")), std::string::npos) << log_;
   EXPECT_EQ(AppBundleMetadata::version(target_), "2.0");
-  auto after = namesIn(disk_ + "/Applications");
-  EXPECT_EQ(after, std::vector<std::string>{"Tool.app"}) << "no kept copy stays behind";
-  EXPECT_EQ(before.size(), 2u);
+  EXPECT_EQ(namesIn(disk_ + "/Applications"), std::vector<std::string>{"Tool.app"}) << "no kept copy stays behind";
 }
 
 TEST_F(ItemOperationsTest, UninstallLeavesARealBundleAndRemovesCopySupportFilesAndRecord) {
@@ -132,14 +129,9 @@ TEST_F(ItemOperationsTest, UninstallLeavesARealBundleAndRemovesCopySupportFilesA
   const std::string support = root_.child("home/Library/Application Support/Tool");
   writeFile(support + "/settings.json", "{}");
   app_.supportFiles = {support};
-  MigrationManager manager(queue_, apps_, {});
-  std::optional<MigrationManager::OperationResult> result;
-  manager.uninstallApp(app_, {disk_}, [&](const auto& outcome) { result = outcome; });
-  ASSERT_TRUE(queue_.runUntil([&] { return result.has_value(); }, std::chrono::seconds(30)));
-  EXPECT_EQ(result->kind, MigrationManager::OperationResult::Kind::succeeded) << manager.logText();
+  EXPECT_EQ(operate(Operation::uninstall).kind, MigrationManager::OperationResult::Kind::succeeded) << log_;
   EXPECT_EQ(AppBundleMetadata::version(original_), "3.0");
-  EXPECT_NE(manager.logText().find(formatLocalizedText(localized("log.uninstall_real_file_skip"), {original_})),
-            std::string::npos);
+  EXPECT_NE(log_.find(formatLocalizedText(localized("log.uninstall_real_file_skip"), {original_})), std::string::npos);
   EXPECT_FALSE(MigrationEntry::read(target_, AT_FDCWD));
   EXPECT_FALSE(MigrationEntry::read(support, AT_FDCWD));
   EXPECT_TRUE(MigrationEntry::read(version_, AT_FDCWD)) << "retained versions are not the item";
@@ -151,14 +143,10 @@ TEST_F(ItemOperationsTest, UninstallNeverDeletesOutsideTheDiskAndReportsItAtTheE
   const std::string outsider = root_.child("precious");
   writeFile(outsider + "/data.txt", "keep");
   app_.targetPath = outsider;
-  MigrationManager manager(queue_, apps_, {});
-  std::optional<MigrationManager::OperationResult> result;
-  manager.uninstallApp(app_, {disk_}, [&](const auto& outcome) { result = outcome; });
-  ASSERT_TRUE(queue_.runUntil([&] { return result.has_value(); }, std::chrono::seconds(30)));
-  EXPECT_EQ(result->kind, MigrationManager::OperationResult::Kind::failed);
+  EXPECT_EQ(operate(Operation::uninstall).kind, MigrationManager::OperationResult::Kind::failed);
   EXPECT_EQ(readFile(outsider + "/data.txt"), "keep");
-  EXPECT_NE(manager.logText().find(localized("log.uninstall_complete_with_errors")), std::string::npos);
-  EXPECT_NE(manager.logText().find(localized("log.uninstall_record_deleted")), std::string::npos);
+  EXPECT_NE(log_.find(localized("log.uninstall_complete_with_errors")), std::string::npos);
+  EXPECT_NE(log_.find(localized("log.uninstall_record_deleted")), std::string::npos);
 }
 
 }  // namespace

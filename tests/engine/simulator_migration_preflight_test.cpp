@@ -1,18 +1,18 @@
+// The simulator-data check: the device listing through stand-in xcrun scripts (hanging, failing,
+// lying), the system and user folders, and the real volume probe.
 #include <gtest/gtest.h>
 #include <signal.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <fstream>
 
-#include "engine/migration_issue.h"
+#include "engine/migration_test_support.h"
 #include "engine/simulator_migration_preflight.h"
 #include "fixtures/sample_tree.h"
 #include "fixtures/temporary_directory.h"
 #include "fixtures/test_volume.h"
 #include "platform/host_system.h"
 #include "platform/posix_error.h"
-#include "platform/simulator_tools.h"
 
 namespace corvane {
 namespace {
@@ -20,45 +20,30 @@ namespace {
 using namespace std::chrono_literals;
 using Preflight = SimulatorMigrationPreflight;
 
-// Runs `body` and returns the issue it throws (empty key when it throws none).
-template <typename Body>
-MigrationIssue issueOf(Body body) {
-  try {
-    body();
-  } catch (const MigrationIssue& issue) {
-    return issue;
-  }
-  return MigrationIssue("");
+// Short bounds so the hanging cases end quickly.
+constexpr platform::ProcessDeadlines kTestDeadlines{300ms, 300ms, 300ms};
+
+// A stand-in for xcrun that checks its arguments, records its process id in `name`.pid and
+// then runs `body` (print a listing, fail, hang).
+std::string fakeXcrun(const TemporaryDirectory& directory, const std::string& body, const std::string& name = "xcrun") {
+  return writeScript(directory.path(), name,
+                     "echo $$ > '" + directory.child(name + ".pid") + "'\n"
+                     "if [ \"$*\" != 'simctl list devices --json' ]; then echo \"unexpected: $*\" >&2; exit 64; fi\n" +
+                         body + "\n");
 }
 
-// A stand-in for xcrun: a shell script that checks its arguments, records its process id and
-// then does what the test asks (print a listing, fail, hang).
-class FakeListingTool {
- public:
-  explicit FakeListingTool(const std::string& body) : path_(directory_.child("xcrun")) {
-    writeFile(path_,
-              "#!/bin/sh\n"
-              "echo $$ > '" + pidFile() + "'\n"
-              "if [ \"$*\" != 'simctl list devices --json' ]; then echo \"unexpected: $*\" >&2; exit 64; fi\n" +
-                  body + "\n",
-              0755);
-  }
-  const std::string& path() const { return path_; }
-  std::string pidFile() const { return directory_.child("pid"); }
-  pid_t pid() const {
-    std::ifstream in(pidFile());
-    pid_t value = 0;
-    in >> value;
-    return value;
-  }
-  std::string child(const std::string& name) const { return directory_.child(name); }
+std::string listing(const std::string& json) { return "cat <<'JSON'\n" + json + "\nJSON"; }
 
- private:
-  TemporaryDirectory directory_;
-  std::string path_;
-};
+pid_t pidIn(const std::string& file) {
+  std::ifstream in(file);
+  pid_t value = 0;
+  in >> value;
+  return value;
+}
 
-std::string listingScript(const std::string& json) { return "cat <<'JSON'\n" + json + "\nJSON"; }
+MigrationIssue checked(const std::string& tool) {
+  return issueOf([&] { Preflight::checkDevices(tool, kTestDeadlines); });
+}
 
 const char* kAllShutdown = R"({
   "devices" : {
@@ -71,107 +56,72 @@ const char* kAllShutdown = R"({
   "extra" : 1
 })";
 
-// Short bounds so the hanging cases end quickly; the real bounds are checked separately.
-constexpr platform::ProcessDeadlines kTestDeadlines{300ms, 300ms, 300ms};
-
-// Not running: gone entirely, or a zombie waiting for a parent other than us.
-bool isStillRunning(pid_t pid) {
-  std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
-  if (!stat) return false;
-  std::string pidText, name, state;
-  stat >> pidText >> name >> state;
-  return state != "Z";
-}
-
 TEST(SimulatorDeviceCheckTest, ShutDownOrAbsentDevicesPassAndAnyOtherStateRefuses) {
-  EXPECT_NO_THROW(Preflight::checkDevices(FakeListingTool(listingScript(kAllShutdown)).path(), kTestDeadlines));
-  EXPECT_NO_THROW(Preflight::checkDevices(FakeListingTool(listingScript(R"({"devices":{}})")).path(), kTestDeadlines));
+  TemporaryDirectory directory;
+  EXPECT_EQ(checked(fakeXcrun(directory, listing(kAllShutdown))).key(), "");
+  EXPECT_EQ(checked(fakeXcrun(directory, listing(R"({"devices":{}})"))).key(), "");
   for (const std::string state : {"Booted", "Booting", "Shutting Down", "shutdown", ""}) {
-    SCOPED_TRACE(state);
-    const FakeListingTool tool(listingScript(R"({"devices":{"r1":[{"state":"Shutdown"}],"r2":[{"state":")" + state +
-                                             R"("}]}})"));
-    const auto issue = issueOf([&] { Preflight::checkDevices(tool.path(), kTestDeadlines); });
-    EXPECT_EQ(issue.key(), "error.simulator_running");
-    EXPECT_EQ(issue.detail(), "");
+    const auto issue = checked(fakeXcrun(directory, listing(R"({"devices":{"r1":[{"state":"Shutdown"}],"r2":[{"state":")" +
+                                                             state + R"("}]}})")));
+    EXPECT_EQ(issue.key(), "error.simulator_running") << state;
+    EXPECT_EQ(issue.detail(), "") << state;
+  }
+  EXPECT_NO_THROW(Preflight::checkDevices(std::nullopt, kTestDeadlines)) << "no tool means no check";
+  if (platform::hostSystem() != platform::HostSystem::macOS) {
+    EXPECT_FALSE(Preflight::defaultServices().listingTool.has_value()) << "simulators exist only on macOS";
   }
 }
 
-TEST(SimulatorDeviceCheckTest, UndecodableListingsFailWithTheDecodersDescription) {
+TEST(SimulatorDeviceCheckTest, UndecodableListingsAndFailingToolsFailTheCheck) {
   for (const std::string output : {"garbage", "", R"({"devices":[]})", R"({"runtimes":{}})", R"({"devices":{"r":[{}]}})",
                                    R"({"devices":{"r":[{"state":1}]}})", R"({"devices":{"r":{"state":"Shutdown"}}})",
                                    R"([{"devices":{}}])", R"({"devices":{"r":[{"state":"Shutdown"}]})"}) {
-    SCOPED_TRACE(output);
     const auto issue = issueOf([&] { Preflight::validateDeviceList(output); });
-    EXPECT_EQ(issue.key(), "error.simulator_check_failed");
-    EXPECT_FALSE(issue.detail().empty());
+    EXPECT_EQ(issue.key(), "error.simulator_check_failed") << output;
+    EXPECT_FALSE(issue.detail().empty()) << "the decoder's description is kept: " << output;
   }
-  const FakeListingTool tool("echo 'xcrun: error: unable to find utility \"simctl\"'");
-  EXPECT_EQ(issueOf([&] { Preflight::checkDevices(tool.path(), kTestDeadlines); }).key(), "error.simulator_check_failed");
-}
+  TemporaryDirectory directory;
+  EXPECT_EQ(checked(fakeXcrun(directory, "echo 'xcrun: error: unable to find utility \"simctl\"'")).key(),
+            "error.simulator_check_failed");
+  const auto failing = checked(fakeXcrun(directory, listing(kAllShutdown) + "\necho 'simctl broke' >&2; exit 3"));
+  EXPECT_EQ(failing.key(), "error.simulator_check_failed");
+  EXPECT_EQ(failing.detail(), "simctl exit 3");
+  EXPECT_NE(failing.localizedDescription().find("simctl exit 3"), std::string::npos);
+  EXPECT_EQ(checked(fakeXcrun(directory, "kill -9 $$")).detail(), "simctl exit 9");
+  // Output left open by another process counts as unread.
+  const auto leftOpen = checked(fakeXcrun(
+      directory, listing(kAllShutdown) + "\nsleep 1000 &\necho $! > '" + directory.child("helper") + "'\nexit 0"));
+  EXPECT_EQ(leftOpen.key(), "error.simulator_check_failed");
+  EXPECT_EQ(leftOpen.detail(), "simctl exit 0");
+  if (const pid_t helper = pidIn(directory.child("helper")); helper > 0) ::kill(helper, SIGKILL);
 
-TEST(SimulatorDeviceCheckTest, AFailingToolReportsItsExitStatus) {
-  const FakeListingTool tool(listingScript(kAllShutdown) + "\necho 'simctl broke' >&2; exit 3");
-  const auto issue = issueOf([&] { Preflight::checkDevices(tool.path(), kTestDeadlines); });
-  EXPECT_EQ(issue.key(), "error.simulator_check_failed");
-  EXPECT_EQ(issue.detail(), "simctl exit 3");
-  EXPECT_NE(issue.localizedDescription().find("simctl exit 3"), std::string::npos);
-  const FakeListingTool killed("kill -9 $$");
-  EXPECT_EQ(issueOf([&] { Preflight::checkDevices(killed.path(), kTestDeadlines); }).detail(), "simctl exit 9");
+  EXPECT_THROW(Preflight::checkDevices(directory.child("missing-xcrun"), kTestDeadlines), platform::PosixError);
 }
 
 TEST(SimulatorDeviceCheckTest, AToolThatHangsIsTerminatedThenKilledAndReaped) {
+  TemporaryDirectory directory;
   // Ignores the terminate request, so only the kill ends it.
-  const FakeListingTool stubborn("trap '' TERM\necho '{\"devices\":' \nexec sleep 1000");
-  const auto issue = issueOf([&] { Preflight::checkDevices(stubborn.path(), kTestDeadlines); });
+  const auto stubborn = fakeXcrun(directory, "trap '' TERM\necho '{\"devices\":' \nexec sleep 1000", "stubborn");
+  const auto issue = checked(stubborn);
   EXPECT_EQ(issue.key(), "error.simulator_check_failed");
   EXPECT_EQ(issue.detail(), "simctl timeout");
-  ASSERT_GT(stubborn.pid(), 0);
-  // Reaped by us: not even a zombie is left.
-  EXPECT_EQ(::kill(stubborn.pid(), 0), -1);
-  EXPECT_EQ(errno, ESRCH);
+  const pid_t pid = pidIn(stubborn + ".pid");
+  ASSERT_GT(pid, 0);
+  EXPECT_TRUE(processIsReaped(pid)) << "reaped by us: not even a zombie is left";
 
-  // A tool that starts a helper and waits for it: the helper goes down with it.
-  const FakeListingTool parent("sleep 1000 &\necho $! > '" + stubborn.child("helper") + "'\nwait");
-  EXPECT_EQ(issueOf([&] { Preflight::checkDevices(parent.path(), kTestDeadlines); }).detail(), "simctl timeout");
-  std::ifstream helperFile(stubborn.child("helper"));
-  pid_t helper = 0;
-  helperFile >> helper;
+  // A tool that starts a helper and waits for it: the helper goes down with it (it may stay a
+  // zombie of a parent other than us).
+  EXPECT_EQ(checked(fakeXcrun(directory, "sleep 1000 &\necho $! > '" + directory.child("helper") + "'\nwait")).detail(),
+            "simctl timeout");
+  const pid_t helper = pidIn(directory.child("helper"));
   ASSERT_GT(helper, 0);
-  EXPECT_FALSE(isStillRunning(helper));
+  std::ifstream stat("/proc/" + std::to_string(helper) + "/stat");
+  std::string pidText, name, state;
+  stat >> pidText >> name >> state;
+  EXPECT_TRUE(!stat || state == "Z") << "the helper still runs";
 }
 
-TEST(SimulatorDeviceCheckTest, OutputLeftOpenByAnotherProcessCountsAsUnread) {
-  const FakeListingTool tool(listingScript(kAllShutdown) + "\nsleep 1000 &\necho $! > \"$(dirname \"$0\")/helper\"\nexit 0");
-  const auto issue = issueOf([&] { Preflight::checkDevices(tool.path(), kTestDeadlines); });
-  EXPECT_EQ(issue.key(), "error.simulator_check_failed");
-  EXPECT_EQ(issue.detail(), "simctl exit 0");
-  std::ifstream helperFile(tool.child("helper"));
-  pid_t helper = 0;
-  helperFile >> helper;
-  if (helper > 0) ::kill(helper, SIGKILL);
-}
-
-TEST(SimulatorDeviceCheckTest, AToolThatCannotStartIsAPlatformErrorAndNoToolMeansNoCheck) {
-  TemporaryDirectory dir;
-  EXPECT_THROW(Preflight::checkDevices(dir.child("missing-xcrun"), kTestDeadlines), platform::PosixError);
-  writeFile(dir.child("not-executable"), "#!/bin/sh\n", 0644);
-  if (::geteuid() != 0) {
-    EXPECT_THROW(Preflight::checkDevices(dir.child("not-executable"), kTestDeadlines), platform::PosixError);
-  }
-  EXPECT_NO_THROW(Preflight::checkDevices(std::nullopt, kTestDeadlines));
-  // This system's answer: simulators exist only on macOS.
-  if (platform::hostSystem() == platform::HostSystem::macOS) {
-    EXPECT_EQ(platform::simulatorListingTool(), "/usr/bin/xcrun");
-  } else {
-    EXPECT_FALSE(platform::simulatorListingTool().has_value());
-    EXPECT_FALSE(Preflight::defaultServices().listingTool.has_value());
-  }
-  EXPECT_EQ(Preflight::kListingDeadlines.exit, 15000ms);
-  EXPECT_EQ(Preflight::kListingDeadlines.afterTerminate, 2000ms);
-  EXPECT_EQ(Preflight::kListingDeadlines.readers, 2000ms);
-}
-
-TEST(SimulatorPathCheckTest, OnlyTheSystemFolderAndWhatLiesInsideItAreRefused) {
+TEST(SimulatorPathCheckTest, TheSystemFolderIsRefusedAndTheHomesFolderIsUserData) {
   for (const std::string path : {"/Library/Developer/CoreSimulator", "/Library/Developer/CoreSimulator/",
                                  "/Library/Developer/CoreSimulator/Profiles/Runtimes",
                                  "/Library/Developer/Tools/../CoreSimulator/Devices", "//Library/./Developer/CoreSimulator"}) {
@@ -179,18 +129,15 @@ TEST(SimulatorPathCheckTest, OnlyTheSystemFolderAndWhatLiesInsideItAreRefused) {
     EXPECT_EQ(issue.key(), "error.simulator_system_directory") << path;
     EXPECT_EQ(issue.detail(), path);
   }
-  for (const std::string path : {"/Library/Developer/CoreSimulatorX", "/Library/Developer", "/Library/Developer/CoreSimulatorBackup/x",
-                                 "/Users/a/Library/Developer/CoreSimulator"}) {
+  for (const std::string path : {"/Library/Developer/CoreSimulatorX", "/Library/Developer",
+                                 "/Library/Developer/CoreSimulatorBackup/x", "/Users/a/Library/Developer/CoreSimulator"}) {
     EXPECT_NO_THROW(Preflight::validateSystemPath(path)) << path;
   }
-  // A link that leads into the system folder is judged by where it leads.
-  TemporaryDirectory dir;
-  ASSERT_EQ(::symlink("/Library/Developer/CoreSimulator/Devices", dir.child("devices").c_str()), 0);
-  EXPECT_EQ(issueOf([&] { Preflight::validateSystemPath(dir.child("devices")); }).key(), "error.simulator_system_directory");
-}
-
-TEST(SimulatorPathCheckTest, UserDataIsTheHomesSimulatorFolderAndWhatLiesInsideIt) {
+  // A link is judged by where it leads.
   TemporaryDirectory home;
+  ASSERT_EQ(::symlink("/Library/Developer/CoreSimulator/Devices", home.child("devices").c_str()), 0);
+  EXPECT_EQ(issueOf([&] { Preflight::validateSystemPath(home.child("devices")); }).key(), "error.simulator_system_directory");
+
   const std::string base = home.child("Library/Developer/CoreSimulator");
   EXPECT_TRUE(Preflight::isUserData(base, home.path()));
   EXPECT_TRUE(Preflight::isUserData(base + "/Devices/ABC", home.path()));
@@ -203,23 +150,15 @@ TEST(SimulatorPathCheckTest, UserDataIsTheHomesSimulatorFolderAndWhatLiesInsideI
   EXPECT_TRUE(Preflight::isUserData(home.child("shortcut"), home.path()));
 }
 
-// The services of a check that records what it was asked.
+// Services that answer as scripted and count what they were asked.
 struct ScriptedServices {
   Preflight::Services services;
-  int volumeQueries = 0;
-  int applicationQueries = 0;
-
+  int queries = 0;
   ScriptedServices(const std::string& home, Preflight::VolumeSupport support, std::set<std::string> running,
                    std::optional<std::string> tool) {
     services.homeDirectory = home;
-    services.volumeSupport = [this, support](const std::string&) {
-      ++volumeQueries;
-      return support;
-    };
-    services.runningApplications = [this, running] {
-      ++applicationQueries;
-      return running;
-    };
+    services.volumeSupport = [this, support](const std::string&) { return ++queries, support; };
+    services.runningApplications = [this, running] { return ++queries, running; };
     services.listingTool = std::move(tool);
     services.listingDeadlines = kTestDeadlines;
   }
@@ -231,8 +170,7 @@ TEST(SimulatorPreflightTest, ItemsOutsideSimulatorDataSkipEveryLaterCheck) {
   ScriptedServices scripted(home.path(), {false, std::nullopt}, {"com.apple.dt.Xcode"}, home.child("no-such-tool"));
   EXPECT_NO_THROW(Preflight::check(home.child("Projects"), "/media/disk/Directories/x", scripted.services));
   EXPECT_NO_THROW(Preflight::check(home.child("Library/Developer/CoreSimulatorBackup"), "/media/x", scripted.services));
-  EXPECT_EQ(scripted.volumeQueries, 0);
-  EXPECT_EQ(scripted.applicationQueries, 0);
+  EXPECT_EQ(scripted.queries, 0);
   EXPECT_EQ(issueOf([&] { Preflight::check("/Library/Developer/CoreSimulator", "/x", scripted.services); }).key(),
             "error.simulator_system_directory");
 }
@@ -240,8 +178,8 @@ TEST(SimulatorPreflightTest, ItemsOutsideSimulatorDataSkipEveryLaterCheck) {
 TEST(SimulatorPreflightTest, UserDataNeedsACapableVolumeNoSimulatorProgramsAndShutDownDevices) {
   TemporaryDirectory home;
   const std::string source = home.child("Library/Developer/CoreSimulator/Devices");
-  const FakeListingTool booted(listingScript(R"({"devices":{"r":[{"state":"Booted"}]}})"));
-  const FakeListingTool idle(listingScript(kAllShutdown));
+  const auto booted = fakeXcrun(home, listing(R"({"devices":{"r":[{"state":"Booted"}]}})"), "booted");
+  const auto idle = fakeXcrun(home, listing(kAllShutdown), "idle");
   struct Case {
     Preflight::VolumeSupport support;
     std::set<std::string> running;
@@ -249,37 +187,35 @@ TEST(SimulatorPreflightTest, UserDataNeedsACapableVolumeNoSimulatorProgramsAndSh
     std::string expectedKey;  // empty: passes
   };
   const std::vector<Case> cases = {
-      {{true, true}, {}, idle.path(), ""},
+      {{true, true}, {}, idle, ""},
       {{true, true}, {"com.example.editor"}, std::nullopt, ""},
-      {{true, std::nullopt}, {}, idle.path(), "error.simulator_filesystem"},
-      {{std::nullopt, true}, {}, idle.path(), "error.simulator_filesystem"},
-      {{false, true}, {}, idle.path(), "error.simulator_filesystem"},
-      {{true, true}, {"com.apple.dt.Xcode"}, idle.path(), "error.simulator_running"},
-      {{true, true}, {"com.apple.iphonesimulator"}, idle.path(), "error.simulator_running"},
-      {{true, true}, {}, booted.path(), "error.simulator_running"},
-      {{false, false}, {"com.apple.dt.Xcode"}, booted.path(), "error.simulator_filesystem"},
+      {{true, std::nullopt}, {}, idle, "error.simulator_filesystem"},
+      {{std::nullopt, true}, {}, idle, "error.simulator_filesystem"},
+      {{false, true}, {}, idle, "error.simulator_filesystem"},
+      {{true, true}, {"com.apple.dt.Xcode"}, idle, "error.simulator_running"},
+      {{true, true}, {"com.apple.iphonesimulator"}, idle, "error.simulator_running"},
+      {{true, true}, {}, booted, "error.simulator_running"},
+      {{false, false}, {"com.apple.dt.Xcode"}, booted, "error.simulator_filesystem"},
   };
   for (std::size_t index = 0; index < cases.size(); ++index) {
-    SCOPED_TRACE(index);
     ScriptedServices scripted(home.path(), cases[index].support, cases[index].running, cases[index].tool);
     const auto issue = issueOf([&] { Preflight::check(source, "/media/disk/Directories" + source, scripted.services); });
-    EXPECT_EQ(issue.key(), cases[index].expectedKey);
-    EXPECT_EQ(issue.detail(), "");
+    EXPECT_EQ(issue.key(), cases[index].expectedKey) << "case " << index;
+    EXPECT_EQ(issue.detail(), "") << "case " << index;
   }
 }
 
 TEST(SimulatorPreflightTest, TheRealVolumeProbeDecidesWhetherSimulatorDataMayGoThere) {
   for (const auto& [kind, expectedKey] : {std::pair{VolumeKind::ext4, std::string()},
                                           std::pair{VolumeKind::fat, std::string("error.simulator_filesystem")}}) {
-    SCOPED_TRACE(volumeKindName(kind));
     CORVANE_TEST_VOLUME(volume, kind);
     TemporaryDirectory home;
     auto services = Preflight::defaultServices();
     services.homeDirectory = home.path();
     const std::string source = home.child("Library/Developer/CoreSimulator");
     // The destination does not exist yet; its volume is that of the nearest existing folder.
-    const auto issue = issueOf([&] { Preflight::check(source, volume->child("Directories" + source), services); });
-    EXPECT_EQ(issue.key(), expectedKey);
+    EXPECT_EQ(issueOf([&] { Preflight::check(source, volume->child("Directories" + source), services); }).key(), expectedKey)
+        << volumeKindName(kind);
   }
 }
 

@@ -1,0 +1,70 @@
+#include "engine/migration_test_support.h"
+
+#include <dirent.h>
+#include <signal.h>
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <stdexcept>
+
+#include "engine/migration_integrity_verifier.h"
+#include "fixtures/sample_tree.h"
+#include "platform/file_system.h"
+
+namespace corvane {
+
+std::string writeScript(const std::string& directory, const std::string& name, const std::string& body) {
+  const std::string path = directory + "/" + name;
+  writeFile(path, "#!/bin/sh\n" + body, 0755);
+  return path;
+}
+
+bool processIsReaped(pid_t pid) { return kill(pid, 0) == -1 && errno == ESRCH; }
+
+MigrationManifest snapshotOf(const std::string& root) {
+  return MigrationIntegrityVerifier::snapshot(root, RuntimeEntries::allow, ReadableCheck::skip, RemovableCheck::skip);
+}
+
+std::map<std::string, std::string> fullManifest(const std::string& root) {
+  std::map<std::uint64_t, std::vector<std::string>> groups;
+  std::map<std::string, std::string> result;
+  for (const auto& [relative, entry] : snapshotOf(root)) {
+    const std::string path = relative.empty() ? root : root + "/" + relative;
+    struct stat status {};
+    if (lstat(path.c_str(), &status) != 0) throw std::runtime_error("lstat " + path);
+    std::string text = std::string(kindName(entry.kind)) + " mode " + std::to_string(status.st_mode) + " owner " +
+                       std::to_string(status.st_uid) + ":" + std::to_string(status.st_gid) + " size " +
+                       std::to_string(status.st_size) + " mtime " + std::to_string(status.st_mtim.tv_sec) + "." +
+                       std::to_string(status.st_mtim.tv_nsec) + " links " + std::to_string(status.st_nlink);
+    if (entry.kind == MigrationEntry::Kind::regular) text += " data " + readFile(path);
+    if (entry.link) text += " -> " + *entry.link;
+    if (entry.kind == MigrationEntry::Kind::regular || entry.kind == MigrationEntry::Kind::directory) {
+      for (const auto& name : platform::listExtendedAttributes(path)) {
+        text += " xattr " + name + "=" + platform::readExtendedAttribute(path, name);
+      }
+      text += platform::hasExtendedAccessControlList(path) ? " acl" : "";
+    }
+    if (entry.kind == MigrationEntry::Kind::regular && status.st_nlink > 1) groups[status.st_ino].push_back(relative);
+    result[relative] = text;
+  }
+  for (const auto& [inode, paths] : groups) {
+    std::string group;
+    for (const auto& path : paths) group += path + " ";
+    for (const auto& path : paths) result[path] += " group " + group;
+  }
+  return result;
+}
+
+bool hasStagingLeft(const std::string& directory) {
+  bool found = false;
+  if (DIR* dir = opendir(directory.c_str())) {
+    while (dirent* item = readdir(dir)) {
+      const std::string name = item->d_name;
+      found |= name.rfind(".corvane-", 0) == 0 || name.rfind(".corvane_", 0) == 0;
+    }
+    closedir(dir);
+  }
+  return found;
+}
+
+}  // namespace corvane
