@@ -1,11 +1,13 @@
+// What a copy plans (its workload and which links it rewrites) and does: the copier between
+// two real volumes, and the staging area that holds its work until the switch.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "engine/item_test_support.h"
 #include "engine/migration_copy_workload.h"
 #include "engine/migration_integrity_verifier.h"
-#include "engine/migration_issue.h"
 #include "engine/migration_link_plan.h"
 #include "engine/progress_file_copier.h"
 #include "fixtures/sample_tree.h"
@@ -16,10 +18,6 @@
 
 namespace corvane {
 namespace {
-
-MigrationManifest scanTree(const std::string& root) {
-  return MigrationIntegrityVerifier::snapshot(root, RuntimeEntries::allow, ReadableCheck::skip, RemovableCheck::skip);
-}
 
 platform::FileStatus statOf(const std::string& path) {
   auto status = platform::statNoFollow(AT_FDCWD, path);
@@ -43,15 +41,14 @@ class CopierTest : public ::testing::Test {
   }
 
   void copy(const std::set<std::string>& inactive = {}) {
-    manifest_ = scanTree(source_);
+    manifest_ = scanned(source_);
     staging_ = std::make_unique<MigrationStagingArea>(source_, to_->child("Applications/Sample.app"), to_->mountPoint());
     ProgressFileCopier::copy(source_, staging_->payload(), manifest_, inactive,
                              MigrationLinkPlan::relocatedTargets(source_, manifest_), *staging_,
                              [&](const MigrationCopyUpdate& update) { updates_.push_back(update); });
   }
 
-  std::unique_ptr<TestVolume> from_;
-  std::unique_ptr<TestVolume> to_;
+  std::unique_ptr<TestVolume> from_, to_;
   std::string source_;
   MigrationManifest manifest_;
   std::unique_ptr<MigrationStagingArea> staging_;
@@ -59,93 +56,67 @@ class CopierTest : public ::testing::Test {
 };
 
 TEST_F(CopierTest, CopyKeepsEveryPropertyOfEveryObjectAcrossVolumes) {
-  buildSampleTree(source_, {.fifo = true, .sparseFile = true, .extendedAttributes = true, .accessControlList = true});
+  buildSampleTree(source_, {.fifo = true, .staleSocket = true, .sparseFile = true, .extendedAttributes = true,
+                            .accessControlList = true});
   ASSERT_EQ(chown((source_ + "/Contents/Resources/deep/file7.txt").c_str(), 65534, 65534), 0);
   ASSERT_EQ(chmod((source_ + "/Contents/MacOS").c_str(), 0555), 0);  // read-only directory
   struct timespec times[2] = {{1500000000, 1}, {1600000000, 999999999}};
   ASSERT_EQ(utimensat(AT_FDCWD, (source_ + "/Contents/Resources").c_str(), times, 0), 0);
-  copy();
+  writeFile(source_ + "/big.bin", std::string(3 << 20, 'b'));
+  ASSERT_EQ(link((source_ + "/big.bin").c_str(), (source_ + "/big-again.bin").c_str()), 0);
+  const std::set<std::string> inactive{"Contents/stale.sock"};
+  copy(inactive);
   const std::string payload = staging_->payload();
 
-  auto copied = scanTree(payload);
-  ASSERT_EQ(copied.size(), manifest_.size());
-  const auto relocated = MigrationLinkPlan::relocatedTargets(source_, manifest_);
-  for (const auto& [relative, original] : manifest_) {
-    SCOPED_TRACE(relative);
-    if (relocated.count(relative)) continue;  // a new link with a new text, checked below
-    const auto& copy = copied.at(relative);
-    EXPECT_EQ(copy.kind, original.kind);
-    EXPECT_EQ(copy.mode, original.mode);
-    EXPECT_EQ(copy.size, original.size);
-    if (original.kind != MigrationEntry::Kind::directory) {
-      EXPECT_EQ(copy.modifiedSeconds, original.modifiedSeconds);
-      EXPECT_EQ(copy.modifiedNanoseconds, original.modifiedNanoseconds);
-    }
-    const auto sourceStatus = statOf(source_ + (relative.empty() ? "" : "/" + relative));
-    const auto copyStatus = statOf(payload + (relative.empty() ? "" : "/" + relative));
-    EXPECT_EQ(copyStatus.uid, sourceStatus.uid);
-    EXPECT_EQ(copyStatus.gid, sourceStatus.gid);
-    if (original.kind == MigrationEntry::Kind::regular) {
-      EXPECT_EQ(readFile(payload + "/" + relative), readFile(source_ + "/" + relative));
-    }
+  // Kinds, modes, sizes, times, bytes, hard-link groups and (planned) link texts.
+  MigrationVerificationOptions verification;
+  verification.inactiveSockets = inactive;
+  MigrationIntegrityVerifier::verify(source_, payload, manifest_, verification);
+  EXPECT_FALSE(entryAt(payload + "/Contents/stale.sock"));
+  EXPECT_EQ(*entryAt(payload + "/Contents/Resources/deep/climbs-out")->link, from_->child("home/outside.txt"));
+  for (const auto& [relative, entry] : manifest_) {
+    if (inactive.count(relative)) continue;
+    const std::string path = relative.empty() ? "" : "/" + relative;
+    EXPECT_EQ(statOf(payload + path).uid, statOf(source_ + path).uid) << relative;
+    EXPECT_EQ(statOf(payload + path).gid, statOf(source_ + path).gid) << relative;
   }
-  // Directory times are set after their children were written.
+  // Directory times are set after their children were written; holes stay holes.
   EXPECT_EQ(statOf(payload + "/Contents/Resources").modified, (platform::FileTime{1600000000, 999999999}));
-  // Hard links stay one file; links are copied as links, the climbing one gets its new target.
-  EXPECT_EQ(statOf(payload + "/Contents/hardlink.txt").inode, statOf(payload + "/Contents/Resources/deep/file3.txt").inode);
-  EXPECT_EQ(copied.at("Contents/dangling").link, "missing-target");
-  EXPECT_EQ(copied.at("Contents/Resources/inner-link").link, "deep/file1.txt");
-  EXPECT_EQ(copied.at("Contents/Resources/deep/climbs-out").link, from_->child("home/outside.txt"));
-  // Holes stay holes.
   EXPECT_LT(statOf(payload + "/Contents/sparse.bin").allocatedBytes, 1 << 20);
-  // Attributes and ACLs.
   EXPECT_EQ(platform::readExtendedAttribute(payload + "/Contents/Info.plist", "user.corvane.test"),
             std::string("value\0with nul", 14));
   EXPECT_EQ(platform::readExtendedAttribute(payload + "/Contents/Resources", "user.corvane.dir"), "directory attribute");
   EXPECT_TRUE(platform::hasExtendedAccessControlList(payload + "/Contents/Resources/deep/file2.txt"));
-  EXPECT_TRUE(S_ISFIFO(statOf(payload + "/Contents/pipe").mode));
-}
 
-TEST_F(CopierTest, ProgressNeverGoesBackAndCountsHardLinkedDataOnce) {
-  buildSampleTree(source_);
-  writeFile(source_ + "/big.bin", std::string(3 << 20, 'b'));
-  ASSERT_EQ(link((source_ + "/big.bin").c_str(), (source_ + "/big-again.bin").c_str()), 0);
-  copy();
+  // Progress never goes back and ends at the workload, hard-linked data credited once.
   ASSERT_FALSE(updates_.empty());
   for (std::size_t i = 1; i < updates_.size(); ++i) {
     EXPECT_GE(updates_[i].bytes, updates_[i - 1].bytes);
     EXPECT_GE(updates_[i].entries, updates_[i - 1].entries);
   }
-  const MigrationCopyWorkload workload(manifest_, {});
+  const MigrationCopyWorkload workload(manifest_, inactive);
   EXPECT_EQ(updates_.back().bytes, workload.bytes);
   EXPECT_EQ(updates_.back().entries, workload.entries);
-  std::int64_t largest = 0;
-  for (const auto& update : updates_) largest = std::max(largest, update.bytes);
-  EXPECT_EQ(largest, workload.bytes) << "bytes were credited beyond the data";
+
+  // A socket nobody declared inactive stops the copy; all it made goes with the staging area.
+  staging_->discardAfterRollback();
+  EXPECT_EQ(issueKeyOf([&] { copy({}); }), "migration.preflight.runtime");
+  staging_->discardAfterRollback();
+  EXPECT_FALSE(entryAt(staging_->root()));
 }
 
-TEST_F(CopierTest, InactiveSocketsAreLeftOutAndAnyOtherSocketStopsTheCopy) {
-  buildSampleTree(source_, {.staleSocket = true});
-  copy({"Contents/stale.sock"});
-  EXPECT_FALSE(platform::statNoFollow(AT_FDCWD, staging_->payload() + "/Contents/stale.sock"));
-  staging_->discardAfterRollback();
-
-  try {
-    copy({});
-    FAIL() << "a socket nobody declared inactive must stop the copy";
-  } catch (const MigrationIssue& issue) {
-    EXPECT_EQ(issue.key(), "migration.preflight.runtime");
-  }
-  // Everything the stopped copy made was recorded and goes away with the staging area.
-  staging_->discardAfterRollback();
-  EXPECT_FALSE(platform::statNoFollow(AT_FDCWD, staging_->root()));
-}
-
-TEST_F(CopierTest, NeverMergesIntoAnExistingTree) {
+TEST_F(CopierTest, ACancelledCopyIsDiscardedWholeAndNoCopyMergesIntoAnExistingTree) {
   buildSampleTree(source_);
-  manifest_ = scanTree(source_);
+  manifest_ = scanned(source_);
+  MigrationStagingArea cancelled(source_, to_->child("Sample.app"), to_->mountPoint());
+  int files = 0;
+  EXPECT_THROW(ProgressFileCopier::copy(source_, cancelled.payload(), manifest_, {}, {}, cancelled, {},
+                                        [&] { return ++files > 5; }),
+               platform::PosixError);
+  cancelled.discardAfterRollback();
+  EXPECT_FALSE(entryAt(cancelled.root()));
+
   MigrationStagingArea staging(source_, to_->child("Sample.app"), to_->mountPoint());
-  makeDirectories(staging.payload());
   writeFile(staging.payload() + "/someone-elses", "keep");
   try {
     ProgressFileCopier::copy(source_, staging.payload(), manifest_, {}, {}, staging, {});
@@ -156,53 +127,96 @@ TEST_F(CopierTest, NeverMergesIntoAnExistingTree) {
   EXPECT_EQ(readFile(staging.payload() + "/someone-elses"), "keep");
 }
 
-TEST_F(CopierTest, CancellingStopsBetweenFilesAndLeavesOnlyRecordedEntries) {
-  buildSampleTree(source_);
-  manifest_ = scanTree(source_);
-  MigrationStagingArea staging(source_, to_->child("Sample.app"), to_->mountPoint());
-  int files = 0;
-  EXPECT_THROW(ProgressFileCopier::copy(source_, staging.payload(), manifest_, {}, {}, staging, {},
-                                        [&] { return ++files > 5; }),
-               platform::PosixError);
-  staging.discardAfterRollback();
-  EXPECT_FALSE(platform::statNoFollow(AT_FDCWD, staging.root()));
-}
-
-TEST(StagingAreaTest, ReplacedStagingRootIsNeverDeleted) {
+TEST(CopyWorkloadTest, HardLinksArePaidOnceAndInactiveSocketsAreNotEntries) {
   TemporaryDirectory dir;
-  makeDirectories(dir.child("item"));
-  writeFile(dir.child("item/file"), "x");
-  MigrationStagingArea staging(dir.child("item"), dir.child("dest/item"), dir.path());
-  makeDirectories(staging.payload());
-  staging.recordCreated(staging.payload());
-  // Someone swaps in another directory of the same name holding their own data.
-  ASSERT_EQ(rename(staging.root().c_str(), dir.child("moved-away").c_str()), 0);
-  makeDirectories(staging.root());
-  writeFile(staging.root() + "/theirs", "precious");
-  try {
-    staging.discardAfterRollback();
-    FAIL();
-  } catch (const MigrationIssue& issue) {
-    EXPECT_EQ(issue.key(), "migration.safety.conflict");
-  }
-  EXPECT_EQ(readFile(staging.root() + "/theirs"), "precious");
+  const std::string root = dir.child("item");
+  writeFile(root + "/ten", "0123456789");
+  ASSERT_EQ(link((root + "/ten").c_str(), (root + "/ten-again").c_str()), 0);
+  makeStaleSocket(root + "/s.sock");
+  auto manifest = scanned(root);
+  MigrationCopyWorkload workload(manifest, {"s.sock", "not-in-manifest"});
+  EXPECT_EQ(workload.bytes, 10);
+  EXPECT_EQ(workload.totalBytes, 20);
+  EXPECT_EQ(workload.entries, 3);  // root and the two names; the socket is left out
+
+  // A damaged manifest credits no bytes for negative sizes or directories.
+  MigrationManifest odd{{"x", {}}, {"d", {}}};
+  odd["x"].size = -7;
+  odd["d"].kind = MigrationEntry::Kind::directory;
+  odd["d"].inode = 2;
+  odd["d"].size = 99;
+  MigrationCopyWorkload oddWorkload(odd, {});
+  EXPECT_EQ(oddWorkload.bytes, 0);
+  EXPECT_EQ(oddWorkload.totalBytes, 0);
+  EXPECT_EQ(oddWorkload.entries, 2);
 }
 
+// Only links whose resolution climbs out of the item are rewritten, to the absolute place they
+// reach; chains through inner links are followed (at most 40 links), cycles end without a rewrite.
+TEST(LinkPlanTest, OnlyLinksThatClimbOutOfTheItemAreRewritten) {
+  TemporaryDirectory dir;
+  const std::string home = dir.child("home"), root = home + "/item";
+  makeDirectories(root + "/a/b");
+  makeDirectories(root + "/d");
+  makeDirectories(home + "/shared");
+  writeFile(root + "/x", "inside");
+  writeFile(home + "/x", "outside");
+  std::vector<std::pair<std::string, std::string>> links = {
+      {"a/b/stays", "../../x"},                    // a/b -> a -> root: x, inside
+      {"climbs", "../x"},                          // from the root: outside
+      {"a/../sibling", "../shared"},               // written as a/../sibling == sibling: climbs out
+      {"absolute", "/etc/hostname"},               // absolute links stay as they are
+      {"a/dotdot-inside", "b/../../x"},
+      {"dots", "./././x"},
+      {"to-b", "a/b"},                             // inner relative link to a directory
+      {"through", "to-b/../../../x"},              // root/to-b -> a/b, then up three: climbs out
+      {"abs-inside", root + "/a"},                 // absolute link into the item itself
+      {"via-absolute", "abs-inside/../../x"},      // resolves through the item: root/.. -> outside
+      {"a/up-one", "../x"},                        // stays inside: root/x
+      {"via-inner-ok", "a/up-one"},                // chain that ends inside
+      {"uses-out", "climbs"},                      // points at a rewritten link: left alone
+      {"loop-a", "loop-b"},
+      {"loop-b", "loop-a"},
+      {"through-loop", "loop-a/../../x"},
+      {"via-long", "long1/../../x"},               // 41 inner links before the climb: not followed
+      {"via-short", "short1/../../x"},             // 40: followed, and it climbs out
+  };
+  for (int i = 1; i <= 41; ++i) links.push_back({"long" + std::to_string(i), i < 41 ? "long" + std::to_string(i + 1) : "d"});
+  for (int i = 1; i <= 40; ++i) links.push_back({"short" + std::to_string(i), i < 40 ? "short" + std::to_string(i + 1) : "d"});
+  for (const auto& [path, target] : links) ASSERT_EQ(symlink(target.c_str(), (root + "/" + path).c_str()), 0) << path;
+
+  EXPECT_EQ(MigrationLinkPlan::relocatedTargets(root, scanned(root)),
+            (std::map<std::string, std::string>{{"climbs", home + "/x"},
+                                                {"sibling", home + "/shared"},
+                                                {"through", home + "/x"},
+                                                {"via-absolute", home + "/x"},
+                                                {"via-short", home + "/x"}}));
+}
+
+// The staging area removes only what it recorded creating, and never a root swapped for another.
 TEST(StagingAreaTest, RemovalStopsAtAnythingItDidNotCreate) {
   TemporaryDirectory dir;
   makeDirectories(dir.child("item"));
   MigrationStagingArea staging(dir.child("item"), dir.child("item-copy"), dir.path());
-  makeDirectories(staging.payload() + "/sub");
+  EXPECT_EQ(staging.root().rfind(dir.path() + "/.corvane-transfer-", 0), 0u);
   writeFile(staging.payload() + "/sub/ours", "o");
   staging.recordCreated(staging.payload() + "/sub/ours");
   writeFile(staging.payload() + "/sub/stranger", "s");  // not recorded
-  EXPECT_THROW(staging.discardAfterRollback(), MigrationIssue);
+  EXPECT_EQ(issueKeyOf([&] { staging.discardAfterRollback(); }), "migration.safety.conflict");
   EXPECT_EQ(readFile(staging.payload() + "/sub/stranger"), "s");
   // A recorded path that became another object is a conflict the moment it is recorded again.
   writeFile(staging.payload() + "/sub/replacement", "replaced");
   ASSERT_EQ(rename((staging.payload() + "/sub/replacement").c_str(), (staging.payload() + "/sub/ours").c_str()), 0);
-  EXPECT_THROW(staging.recordCreated(staging.payload() + "/sub/ours"), MigrationIssue);
-  EXPECT_EQ(staging.root().rfind(dir.path() + "/.corvane-transfer-", 0), 0u);
+  EXPECT_EQ(issueKeyOf([&] { staging.recordCreated(staging.payload() + "/sub/ours"); }), "migration.safety.conflict");
+
+  MigrationStagingArea other(dir.child("item"), dir.child("dest/item"), dir.path());
+  makeDirectories(other.payload());
+  other.recordCreated(other.payload());
+  // Someone swaps in another directory of the same name holding their own data.
+  ASSERT_EQ(rename(other.root().c_str(), dir.child("moved-away").c_str()), 0);
+  writeFile(other.root() + "/theirs", "precious");
+  EXPECT_EQ(issueKeyOf([&] { other.discardAfterRollback(); }), "migration.safety.conflict");
+  EXPECT_EQ(readFile(other.root() + "/theirs"), "precious");
 }
 
 }  // namespace

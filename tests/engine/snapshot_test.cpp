@@ -5,8 +5,8 @@
 
 #include <set>
 
+#include "engine/item_test_support.h"
 #include "engine/migration_integrity_verifier.h"
-#include "engine/migration_issue.h"
 #include "fixtures/sample_tree.h"
 #include "fixtures/temporary_directory.h"
 #include "fixtures/test_volume.h"
@@ -20,11 +20,12 @@ MigrationManifest scan(const std::string& root, RuntimeEntries runtime = Runtime
   return MigrationIntegrityVerifier::snapshot(root, runtime, ReadableCheck::check, removable);
 }
 
-std::string issueKey(const std::function<void()>& action) {
+// The issue `action` throws, as "key: detail".
+std::string issueText(const std::function<void()>& action) {
   try {
     action();
   } catch (const MigrationIssue& issue) {
-    return issue.key();
+    return issue.key() + ": " + issue.detail();
   }
   return "";
 }
@@ -46,8 +47,7 @@ TEST(SnapshotTest, RecordsEveryObjectOnceWithoutFollowingLinks) {
   for (std::size_t i = 1; i < visited.size(); ++i) {
     auto slash = visited[i].rfind('/');
     const std::string parent = slash == std::string::npos ? "" : visited[i].substr(0, slash);
-    auto parentAt = std::find(visited.begin(), visited.end(), parent);
-    EXPECT_LT(parentAt - visited.begin(), static_cast<long>(i)) << visited[i];
+    EXPECT_LT(std::find(visited.begin(), visited.end(), parent) - visited.begin(), static_cast<long>(i)) << visited[i];
   }
 
   EXPECT_EQ(manifest.at("").kind, MigrationEntry::Kind::directory);
@@ -64,116 +64,69 @@ TEST(SnapshotTest, RecordsEveryObjectOnceWithoutFollowingLinks) {
   EXPECT_NE(manifest.at("Contents/Resources/deep/file4.txt").identity(), manifest.at("Contents/Resources/deep/file3.txt").identity());
 }
 
-TEST(SnapshotTest, RuntimeEntriesAreRefusedUnlessAllowed) {
+TEST(SnapshotTest, RuntimeEntriesVanishedRootsAndLockedFilesAreRefusedWithTheirPath) {
   TemporaryDirectory dir;
-  buildSampleTree(dir.child("a"), {.fifo = true});
-  EXPECT_EQ(issueKey([&] { scan(dir.child("a"), RuntimeEntries::refuse); }), "error.migration_special_file");
-  TemporaryDirectory other;
-  buildSampleTree(other.child("b"), {.staleSocket = true});
-  EXPECT_EQ(issueKey([&] { scan(other.child("b"), RuntimeEntries::refuse); }), "error.migration_special_file");
-  EXPECT_NO_THROW(scan(other.child("b"), RuntimeEntries::allow));
-}
+  buildSampleTree(dir.child("fifo"), {.fifo = true});
+  buildSampleTree(dir.child("socket"), {.staleSocket = true});
+  EXPECT_EQ(issueText([&] { scan(dir.child("fifo"), RuntimeEntries::refuse); }).rfind("error.migration_special_file", 0), 0u);
+  EXPECT_EQ(issueText([&] { scan(dir.child("socket"), RuntimeEntries::refuse); }).rfind("error.migration_special_file", 0), 0u);
+  EXPECT_NO_THROW(scan(dir.child("socket"), RuntimeEntries::allow));
+  EXPECT_EQ(issueText([&] { scan(dir.child("gone")); }), "error.migration_source_changed: " + dir.child("gone"));
 
-TEST(SnapshotTest, VanishedRootIsASourceChange) {
-  TemporaryDirectory dir;
   try {
-    scan(dir.child("gone"));
-    FAIL();
-  } catch (const MigrationIssue& issue) {
-    EXPECT_EQ(issue.key(), "error.migration_source_changed");
-    EXPECT_EQ(issue.detail(), dir.child("gone"));
-  }
-}
-
-TEST(SnapshotTest, ImmutableEntryFailsTheRemovableCheckWithItsPath) {
-  TemporaryDirectory dir;
-  const std::string root = dir.child("item");
-  try {
-    buildSampleTree(root, {.immutableFile = true});
+    buildSampleTree(dir.child("item"), {.immutableFile = true});
   } catch (const std::exception& unsupported) {
     GTEST_SKIP() << "this file system cannot mark files immutable: " << unsupported.what();
   }
-  try {
-    scan(root, RuntimeEntries::allow, RemovableCheck::check);
-    FAIL();
-  } catch (const MigrationIssue& issue) {
-    EXPECT_EQ(issue.key(), "migration.preflight.locked");
-    EXPECT_EQ(issue.detail(), root + "/Contents/locked.txt");
-  }
+  EXPECT_EQ(issueText([&] { scan(dir.child("item"), RuntimeEntries::allow, RemovableCheck::check); }),
+            "migration.preflight.locked: " + dir.child("item/Contents/locked.txt"));
   // Without the removable check the same tree scans, and the flag is in the manifest.
-  auto manifest = scan(root);
-  EXPECT_EQ(manifest.at("Contents/locked.txt").flags & platform::kLockedFlagsMask, platform::kSystemImmutable);
+  EXPECT_EQ(scan(dir.child("item")).at("Contents/locked.txt").flags & platform::kLockedFlagsMask, platform::kSystemImmutable);
 }
 
 TEST(SnapshotTest, ReadOnlyVolumeMakesItemsNotRemovable) {
   CORVANE_TEST_VOLUME(volume, VolumeKind::tmpfs);
   buildSampleTree(volume->child("item"));
-  ASSERT_EQ(system(("mount -o remount,ro " + volume->mountPoint()).c_str()), 0);
-  EXPECT_EQ(issueKey([&] { scan(volume->child("item"), RuntimeEntries::allow, RemovableCheck::check); }),
+  remountReadOnly(*volume);
+  EXPECT_EQ(issueKeyOf([&] { scan(volume->child("item"), RuntimeEntries::allow, RemovableCheck::check); }),
             "migration.preflight.not_removable");
   EXPECT_NO_THROW(scan(volume->child("item")));
-  ASSERT_EQ(system(("mount -o remount,rw " + volume->mountPoint()).c_str()), 0);
 }
 
-class RequireUnchangedTest : public ::testing::Test {
- protected:
-  void SetUp() override {
-    root_ = dir_.child("item");
-    writeFile(dir_.child("outside.txt"), "x");
-    buildSampleTree(root_, {.fifo = true});
-    manifest_ = scan(root_);
-  }
-  std::string changeKey(const std::function<void()>& change) {
-    change();
-    return issueKey([&] { MigrationIntegrityVerifier::requireUnchanged(root_, manifest_); });
-  }
-  TemporaryDirectory dir_;
-  std::string root_;
-  MigrationManifest manifest_;
-};
+TEST(SnapshotTest, RequireUnchangedNoticesEveryKindOfChangeAndNamesTheSource) {
+  TemporaryDirectory dir;
+  const std::string root = dir.child("item");
+  writeFile(dir.child("outside.txt"), "x");
+  buildSampleTree(root, {.fifo = true});
+  auto manifest = scan(root);
+  EXPECT_NO_THROW(MigrationIntegrityVerifier::requireUnchanged(root, manifest));
 
-TEST_F(RequireUnchangedTest, UntouchedSourcePasses) {
-  EXPECT_NO_THROW(MigrationIntegrityVerifier::requireUnchanged(root_, manifest_));
-}
-
-TEST_F(RequireUnchangedTest, EveryKindOfChangeIsNoticed) {
-  const std::string file = root_ + "/Contents/Resources/deep/file5.txt";
-  struct Change {
-    const char* what;
-    std::function<void()> apply;
-  };
-  std::vector<Change> changes = {
+  const std::string file = root + "/Contents/Resources/deep/file5.txt";
+  const std::vector<std::pair<const char*, std::function<void()>>> changes = {
       {"appended", [&] { writeFile(file, readFile(file) + "more"); }},
       {"same size, new time", [&] {
          struct timespec times[2] = {{0, UTIME_OMIT}, {12345, 678}};
          utimensat(AT_FDCWD, file.c_str(), times, 0);
        }},
       {"mode", [&] { chmod(file.c_str(), 0600); }},
-      {"added", [&] { writeFile(root_ + "/Contents/new.txt", "n"); }},
-      {"removed", [&] { unlink((root_ + "/Contents/Resources/empty.txt").c_str()); }},
+      {"added", [&] { writeFile(root + "/Contents/new.txt", "n"); }},
+      {"removed", [&] { unlink((root + "/Contents/Resources/empty.txt").c_str()); }},
       {"link retargeted", [&] {
-         unlink((root_ + "/Contents/dangling").c_str());
-         symlink("other-target", (root_ + "/Contents/dangling").c_str());
+         unlink((root + "/Contents/dangling").c_str());
+         symlink("other-target", (root + "/Contents/dangling").c_str());
        }},
       {"directory replaced", [&] {
-         rename((root_ + "/empty").c_str(), (root_ + "/empty-old").c_str());
-         mkdir((root_ + "/empty").c_str(), 0755);
+         rename((root + "/empty").c_str(), (root + "/empty-old").c_str());
+         mkdir((root + "/empty").c_str(), 0755);
        }},
   };
-  for (const auto& change : changes) {
-    SCOPED_TRACE(change.what);
-    EXPECT_EQ(changeKey(change.apply), "error.migration_source_changed");
-    manifest_ = scan(root_);  // accept the change before trying the next one
-  }
-}
-
-TEST_F(RequireUnchangedTest, ReportsTheSourcePathNotTheEntry) {
-  unlink((root_ + "/Contents/Info.plist").c_str());
-  try {
-    MigrationIntegrityVerifier::requireUnchanged(root_, manifest_);
-    FAIL();
-  } catch (const MigrationIssue& issue) {
-    EXPECT_EQ(issue.detail(), root_);
+  for (const auto& [what, change] : changes) {
+    SCOPED_TRACE(what);
+    change();
+    // The source's path is reported, not the entry's.
+    EXPECT_EQ(issueText([&] { MigrationIntegrityVerifier::requireUnchanged(root, manifest); }),
+              "error.migration_source_changed: " + root);
+    manifest = scan(root);  // accept the change before trying the next one
   }
 }
 
