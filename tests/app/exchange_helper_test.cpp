@@ -20,7 +20,7 @@ std::string id(const std::string& path) {
 
 nlohmann::json report(const CorvaneRun& run) { return nlohmann::json::parse(run.standardOutput); }
 
-TEST(ExchangeHelperTest, SwapsOnlyWhenAllThreeIdentitiesStillHold) {
+TEST(ExchangeHelperTest, SwapsOnlyWhenAllThreeIdentitiesHoldAndMakesOrRemovesOnlyLinks) {
   TemporaryDirectory dir;
   writeFile(dir.child("a"), "first");
   writeFile(dir.child("b"), "second");
@@ -37,10 +37,9 @@ TEST(ExchangeHelperTest, SwapsOnlyWhenAllThreeIdentitiesStillHold) {
   EXPECT_EQ(report(refused)["result"], "identity_changed");
   EXPECT_EQ(report(refused)["path"], dir.child("a"));
   EXPECT_EQ(readFile(dir.child("a")), "second");
-}
 
-TEST(ExchangeHelperTest, RehearsalSwapsTwiceAndFailuresAreReported) {
-  TemporaryDirectory dir;
+  // A rehearsal swaps twice; failures and bad requests are reported.
+  ASSERT_EQ(::unlink(dir.child("b").c_str()), 0);
   makeDirectories(dir.child("b"));
   ASSERT_EQ(::symlink("/somewhere", dir.child("link").c_str()), 0);
   auto rehearsed = runCorvane({"--corvane-exchange", "--rehearse", dir.child("b"), dir.child("link")});
@@ -60,6 +59,17 @@ TEST(ExchangeHelperTest, RehearsalSwapsTwiceAndFailuresAreReported) {
     EXPECT_EQ(usage.exitStatus, 64);
     EXPECT_EQ(report(usage)["result"], "usage");
   }
+
+  // File operations make and remove only links.
+  auto made = runCorvane({"--corvane-file-operation", "createSymbolicLinkAtPathWithDestinationPathError",
+                          dir.child("made"), "/target path"});
+  EXPECT_EQ(made.exitStatus, 0);
+  EXPECT_EQ(*MigrationEntry::read(dir.child("made"), AT_FDCWD)->link, "/target path");
+  makeDirectories(dir.child("directory/child"));
+  EXPECT_EQ(runCorvane({"--corvane-file-operation", "removeItemAtPathError", dir.child("directory")}).exitStatus, 66);
+  EXPECT_TRUE(MigrationEntry::read(dir.child("directory/child"), AT_FDCWD));
+  EXPECT_EQ(runCorvane({"--corvane-file-operation", "removeItemAtPathError", dir.child("made")}).exitStatus, 0);
+  EXPECT_FALSE(MigrationEntry::read(dir.child("made"), AT_FDCWD));
 }
 
 TEST(ExchangeHelperTest, AVolumeWithoutSwapIsReportedAndLeftAlone) {
@@ -71,21 +81,6 @@ TEST(ExchangeHelperTest, AVolumeWithoutSwapIsReportedAndLeftAlone) {
   EXPECT_EQ(run.exitStatus, 66);
   EXPECT_EQ(report(run)["result"], "failed");
   EXPECT_EQ(readFile(fat->child("a")), "first");
-}
-
-TEST(ExchangeHelperTest, FileOperationsMakeAndRemoveOnlyLinks) {
-  TemporaryDirectory dir;
-  auto made = runCorvane({"--corvane-file-operation", "createSymbolicLinkAtPathWithDestinationPathError",
-                          dir.child("link"), "/target path"});
-  EXPECT_EQ(made.exitStatus, 0);
-  EXPECT_EQ(*MigrationEntry::read(dir.child("link"), AT_FDCWD)->link, "/target path");
-  makeDirectories(dir.child("directory/child"));
-  auto refused = runCorvane({"--corvane-file-operation", "removeItemAtPathError", dir.child("directory")});
-  EXPECT_EQ(refused.exitStatus, 66);
-  EXPECT_TRUE(MigrationEntry::read(dir.child("directory/child"), AT_FDCWD));
-  auto removed = runCorvane({"--corvane-file-operation", "removeItemAtPathError", dir.child("link")});
-  EXPECT_EQ(removed.exitStatus, 0);
-  EXPECT_FALSE(MigrationEntry::read(dir.child("link"), AT_FDCWD));
 }
 
 }  // namespace

@@ -7,11 +7,13 @@
 #include <nlohmann/json.hpp>
 #include <thread>
 
+#include "catalogue/app_manager.h"
 #include "engine/migration_entry.h"
 #include "fixtures/corvane_binary.h"
 #include "fixtures/sample_tree.h"
 #include "fixtures/test_volume.h"
 #include "platform/process.h"
+#include "support/localization.h"
 #include "support/paths.h"
 
 namespace corvane {
@@ -40,6 +42,25 @@ class MigrateCommandTest : public ::testing::Test {
     item_ = internal_->child("home/me/Work");
     buildSampleTree(item_, {.sparseFile = true});
   }
+
+  // Starts a migration of a large item and returns once its copy is being written to staging.
+  platform::ChildProcess startLargeMigration() {
+    writeFile(item_ + "/large.bin", std::string(96 << 20, 'L'));
+    platform::ProcessRequest request;
+    request.executable = corvaneBinaryPath();
+    request.arguments = {"--lang", "en", "migrate", item_, "--to", disk_->mountPoint(), "--defer"};
+    auto child = platform::ChildProcess::spawn(request);
+    bool copying = false;
+    for (int i = 0; i < 3000 && !copying; ++i) {
+      for (const auto& staging : stagingDirectories(parent())) {
+        copying |= static_cast<bool>(MigrationEntry::read(staging + "/Work/Contents", AT_FDCWD));
+      }
+      if (!copying) std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    EXPECT_TRUE(copying) << "the copy never started";
+    return child;
+  }
+  std::string parent() const { return disk_->child("Directories" + parentPath(item_)); }
 
   std::unique_ptr<TestVolume> internal_;
   std::unique_ptr<TestVolume> disk_;
@@ -80,23 +101,9 @@ TEST_F(MigrateCommandTest, FatDestinationFailsWithTheReasonAndChangesNothing) {
 }
 
 TEST_F(MigrateCommandTest, KilledMidCopyLeavesTheSourceAndDoesNotConfuseTheNextRun) {
-  writeFile(item_ + "/large.bin", std::string(96 << 20, 'L'));
-  platform::ProcessRequest request;
-  request.executable = corvaneBinaryPath();
-  request.arguments = {"migrate", item_, "--to", disk_->mountPoint(), "--defer"};
-  auto child = platform::ChildProcess::spawn(request);
-  const std::string parent = disk_->child("Directories" + parentPath(item_));
-  // Wait until the copy has begun writing into its staging directory, then kill without warning.
-  bool copying = false;
-  for (int i = 0; i < 3000 && !copying; ++i) {
-    for (const auto& staging : stagingDirectories(parent)) {
-      copying |= static_cast<bool>(MigrationEntry::read(staging + "/Work/Contents", AT_FDCWD));
-    }
-    if (!copying) std::this_thread::sleep_for(std::chrono::milliseconds(5));
-  }
-  child.kill();
+  auto child = startLargeMigration();
+  child.kill();  // without warning
   ASSERT_TRUE(child.waitFor(std::chrono::seconds(10)));
-  ASSERT_TRUE(copying) << "the copy never started";
   EXPECT_EQ(MigrationEntry::read(item_, AT_FDCWD)->kind, MigrationEntry::Kind::directory);
   EXPECT_EQ(readFile(item_ + "/Contents/Info.plist"), "<plist>sample</plist>\n");
 
@@ -108,18 +115,7 @@ TEST_F(MigrateCommandTest, KilledMidCopyLeavesTheSourceAndDoesNotConfuseTheNextR
 }
 
 TEST_F(MigrateCommandTest, InterruptRollsBackAndSaysSo) {
-  writeFile(item_ + "/large.bin", std::string(96 << 20, 'L'));
-  platform::ProcessRequest request;
-  request.executable = corvaneBinaryPath();
-  request.arguments = {"--lang", "en", "migrate", item_, "--to", disk_->mountPoint(), "--defer"};
-  auto child = platform::ChildProcess::spawn(request);
-  const std::string parent = disk_->child("Directories" + parentPath(item_));
-  bool copying = false;
-  for (int i = 0; i < 3000 && !copying; ++i) {
-    copying = !stagingDirectories(parent).empty();
-    if (!copying) std::this_thread::sleep_for(std::chrono::milliseconds(5));
-  }
-  ASSERT_TRUE(copying);
+  auto child = startLargeMigration();
   ::kill(child.pid(), SIGINT);
   auto exit = child.waitFor(std::chrono::seconds(60));
   ASSERT_TRUE(exit);
@@ -133,7 +129,49 @@ TEST_F(MigrateCommandTest, InterruptRollsBackAndSaysSo) {
   } else {
     EXPECT_EQ(kind, MigrationEntry::Kind::symbolicLink);
   }
-  EXPECT_TRUE(stagingDirectories(parent).empty());
+  EXPECT_TRUE(stagingDirectories(parent()).empty());
+}
+
+TEST(ItemCommandsTest, BackUninstallAndRestoreFromTheCommandLine) {
+  CORVANE_TEST_VOLUME(internal, VolumeKind::tmpfs, 128 << 20);
+  CORVANE_TEST_VOLUME(external, VolumeKind::tmpfs, 128 << 20);
+  const std::string item = internal->child("home/me/Notes");
+  const std::string other = internal->child("home/me/Drafts");
+  buildSampleTree(item);
+  buildSampleTree(other);
+  auto migrated = runCorvane({"migrate", item, other, "--to", external->mountPoint()});
+  ASSERT_EQ(migrated.exitStatus, 0) << migrated.standardOutput << migrated.standardError;
+
+  // Back by path: the disk is found above the link's target.
+  auto back = runCorvane({"back", item});
+  EXPECT_EQ(back.exitStatus, 0) << back.standardOutput << back.standardError;
+  EXPECT_NE(back.standardOutput.find(localized("log.migrate_back_complete")), std::string::npos) << back.standardOutput;
+  EXPECT_EQ(MigrationEntry::read(item, AT_FDCWD)->kind, MigrationEntry::Kind::directory);
+  EXPECT_TRUE(MigrationEntry::read(item + "/Contents/Info.plist", AT_FDCWD));
+  ASSERT_EQ(AppManager::loadRecords(external->mountPoint()).size(), 1u) << "the other item's record stays";
+
+  // A second move-back finds no record.
+  auto again = runCorvane({"back", "Notes", "--disk", external->mountPoint()});
+  EXPECT_EQ(again.exitStatus, 1);
+  EXPECT_NE(again.standardError.find(localizedFormat("cli.item.not_found", "Notes")), std::string::npos) << again.standardError;
+
+  // A version that does not exist names the versions there are and changes nothing.
+  auto restore = runCorvane({"restore", "Drafts", "--version", "20000101_000000", "--disk", external->mountPoint()});
+  EXPECT_EQ(restore.exitStatus, 1);
+  EXPECT_EQ(MigrationEntry::read(other, AT_FDCWD)->kind, MigrationEntry::Kind::symbolicLink);
+
+  // Uninstall deletes only after a confirmation: none without a terminal and without --yes.
+  const std::string target = external->child("Directories" + other);
+  auto refused = runCorvane({"uninstall", "Drafts", "--disk", external->mountPoint()}, {.standardInput = "y\n"});
+  EXPECT_EQ(refused.exitStatus, 1);
+  EXPECT_NE(refused.standardError.find(localized("cli.uninstall.no_terminal")), std::string::npos) << refused.standardError;
+  EXPECT_TRUE(MigrationEntry::read(target, AT_FDCWD));
+  auto uninstalled = runCorvane({"uninstall", "Drafts", "--disk", external->mountPoint(), "--yes"});
+  EXPECT_EQ(uninstalled.exitStatus, 0) << uninstalled.standardOutput << uninstalled.standardError;
+  EXPECT_NE(uninstalled.standardOutput.find(localized("log.uninstall_complete")), std::string::npos);
+  EXPECT_FALSE(MigrationEntry::read(other, AT_FDCWD));
+  EXPECT_FALSE(MigrationEntry::read(target, AT_FDCWD));
+  EXPECT_TRUE(AppManager::loadRecords(external->mountPoint()).empty());
 }
 
 }  // namespace

@@ -1,3 +1,5 @@
+// `corvane scan` and `corvane check` as a user runs them.
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -5,10 +7,12 @@
 #include <nlohmann/json.hpp>
 
 #include "fixtures/corvane_binary.h"
+#include "fixtures/occupant_process.h"
 #include "fixtures/sample_tree.h"
 #include "fixtures/temporary_directory.h"
 #include "fixtures/test_volume.h"
 #include "platform/file_system.h"
+#include "support/localization.h"
 
 namespace corvane {
 namespace {
@@ -47,15 +51,26 @@ TEST(ScanCommandTest, WorksOnAFatVolume) {
   EXPECT_EQ(manifest["Contents/Resources/deep/file5.txt"]["size"], 5 * 37 + 1);
 }
 
-TEST(ScanCommandTest, BadItemsGiveAnErrorWithThePathAndStatusOne) {
+TEST(ScanCommandTest, MissingUnreadableAndLockedItemsGiveAnErrorWithThePathAndStatusOne) {
   TemporaryDirectory dir;
   auto missing = runCorvane({"scan", dir.child("nothing-here")});
   EXPECT_EQ(missing.exitStatus, 1);
   EXPECT_NE(missing.standardError.find(dir.child("nothing-here")), std::string::npos);
   EXPECT_TRUE(missing.standardOutput.empty());
 
+  if (geteuid() == 0) {  // as an ordinary user, a file only its owner may read
+    ASSERT_EQ(chmod(dir.path().c_str(), 0755), 0);
+    const std::string item = dir.child("Item");
+    writeFile(item + "/readable", "x", 0644);
+    writeFile(item + "/secret", "x", 0600);
+    ASSERT_EQ(chown(item.c_str(), 65534, 65534), 0);
+    ASSERT_EQ(chown((item + "/readable").c_str(), 65534, 65534), 0);
+    auto result = runCorvane({"scan", item}, {.asUser = 65534});
+    EXPECT_EQ(result.exitStatus, 1);
+    EXPECT_NE(result.standardError.find(item + "/secret"), std::string::npos) << result.standardError;
+  }
+
   const std::string locked = dir.child("Locked");
-  makeDirectories(locked);
   writeFile(locked + "/frozen", "x");
   try {
     platform::setFileFlags(locked + "/frozen", platform::kSystemImmutable);
@@ -67,19 +82,51 @@ TEST(ScanCommandTest, BadItemsGiveAnErrorWithThePathAndStatusOne) {
   EXPECT_NE(lockedResult.standardError.find(locked + "/frozen"), std::string::npos) << lockedResult.standardError;
 }
 
-TEST(ScanCommandTest, UnreadableFileIsReportedForAnOrdinaryUser) {
-  if (geteuid() != 0) GTEST_SKIP() << "switching to an ordinary user needs root";
-  TemporaryDirectory dir;
-  ASSERT_EQ(chmod(dir.path().c_str(), 0755), 0);
-  const std::string item = dir.child("Item");
-  makeDirectories(item);
-  writeFile(item + "/readable", "x", 0644);
-  writeFile(item + "/secret", "x", 0600);
-  ASSERT_EQ(chown(item.c_str(), 65534, 65534), 0);
-  ASSERT_EQ(chown((item + "/readable").c_str(), 65534, 65534), 0);
-  auto result = runCorvane({"scan", item}, {.asUser = 65534});
-  EXPECT_EQ(result.exitStatus, 1);
-  EXPECT_NE(result.standardError.find(item + "/secret"), std::string::npos) << result.standardError;
+TEST(CheckCommandTest, ReportsWhatBlocksEachItemAndRefusesMissingPathsAndLinks) {
+  TemporaryDirectory scratch;
+  const std::string served = scratch.child("Served");
+  const std::string busy = scratch.child("Busy Folder");
+  const std::string clean = scratch.child("Clean");
+  const std::string stale = scratch.child("Stale");
+  for (const auto& item : {served, busy + "/inner", clean, stale}) makeDirectories(item);
+  writeFile(clean + "/notes.txt", "notes\n");
+  writeFile(busy + "/inner/file.txt", "file\n");
+  makeStaleSocket(stale + "/old.sock");
+  auto server = OccupantProcess::listening(served, "api.sock", OccupantSocket::stream);
+  auto worker = OccupantProcess::workingIn(busy + "/inner");
+
+  auto servedRun = runCorvane({"check", served});
+  EXPECT_EQ(servedRun.exitStatus, 3) << servedRun.standardOutput << servedRun.standardError;
+  EXPECT_NE(servedRun.standardOutput.find("api.sock"), std::string::npos) << servedRun.standardOutput;
+  EXPECT_NE(servedRun.standardOutput.find(localized("cli.check.blocked")), std::string::npos);
+
+  auto busyRun = runCorvane({"check", busy});
+  EXPECT_EQ(busyRun.exitStatus, 3) << busyRun.standardOutput << busyRun.standardError;
+  EXPECT_NE(busyRun.standardOutput.find(std::to_string(worker.pid())), std::string::npos) << busyRun.standardOutput;
+  EXPECT_NE(busyRun.standardOutput.find(localized("migration.occupancy.reason_working_directory")), std::string::npos);
+
+  auto cleanRun = runCorvane({"check", clean, stale});
+  EXPECT_EQ(cleanRun.exitStatus, 0) << cleanRun.standardOutput << cleanRun.standardError;
+  EXPECT_NE(cleanRun.standardOutput.find(localizedFormat("cli.check.inactive_socket", "old.sock")), std::string::npos);
+  EXPECT_EQ(cleanRun.standardOutput.find(localized("cli.check.blocked")), std::string::npos);
+
+  auto mixed = runCorvane({"check", clean, served});
+  EXPECT_EQ(mixed.exitStatus, 3);
+
+  // Nothing was changed: the server still serves, the stale socket is still there.
+  EXPECT_EQ(runCorvane({"check", served}).exitStatus, 3);
+  EXPECT_EQ(runCorvane({"check", stale}).exitStatus, 0);
+
+  worker.stop();
+  EXPECT_EQ(runCorvane({"check", busy}).exitStatus, 0) << "idle once the worker left";
+
+  // Missing paths and links are errors.
+  auto missing = runCorvane({"check", clean, scratch.child("Gone")});
+  EXPECT_EQ(missing.exitStatus, 1);
+  EXPECT_NE(missing.standardError.find(scratch.child("Gone")), std::string::npos) << missing.standardError;
+  ASSERT_EQ(symlink(clean.c_str(), scratch.child("Link").c_str()), 0);
+  EXPECT_EQ(runCorvane({"check", scratch.child("Link")}).exitStatus, 1);
+  EXPECT_EQ(runCorvane({"check"}).exitStatus, 64);
 }
 
 }  // namespace

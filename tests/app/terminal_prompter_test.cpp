@@ -92,20 +92,5 @@ TEST(TerminalPrompterTest, PresetAnswersStopOnceThenDeferAndAuthorize) {
   EXPECT_FALSE(defer.prompter().authorize("/Applications/App.app"));
 }
 
-TEST(TerminalPrompterTest, YesAndDeferExcludeEachOther) {
-  CLI::App app;
-  auto* command = app.add_subcommand("migrate");
-  PromptOptions options;
-  addPromptOptions(command, options);
-  const char* both[] = {"corvane", "migrate", "--yes", "--defer"};
-  EXPECT_THROW(app.parse(4, both), CLI::ExcludesError);
-  PromptOptions fresh;
-  CLI::App other;
-  addPromptOptions(other.add_subcommand("migrate"), fresh);
-  const char* yes[] = {"corvane", "migrate", "--yes"};
-  other.parse(3, yes);
-  EXPECT_EQ(fresh.preset(), PresetAnswer::yes);
-}
-
 }  // namespace
 }  // namespace corvane

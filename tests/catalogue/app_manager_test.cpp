@@ -11,6 +11,7 @@
 #include "catalogue/migrated_apps_file_format.h"
 #include "fixtures/sample_tree.h"
 #include "fixtures/temporary_directory.h"
+#include "fixtures/test_volume.h"
 #include "support/localization_test_support.h"
 #include "support/main_queue.h"
 
@@ -185,7 +186,7 @@ TEST_F(AppManagerTest, OddObjectsInPlaceOfTheFileNeitherHangNorCrashTheLoader) {
   EXPECT_EQ(treeNames(disk_.child(".corvane")), std::set<std::string>{"migrated_apps.json"});
 }
 
-TEST_F(AppManagerTest, AFileInPlaceOfTheHiddenDirectoryOrAMissingDiskRootFailsWithoutCreatingAnything) {
+TEST_F(AppManagerTest, AFileInPlaceOfTheHiddenDirectoryAMissingDiskRootOrNoDiskWritesNothing) {
   writeFile(disk_.child(".corvane"), "not a directory");
   EXPECT_FALSE(manager_.saveMigratedApp(makeRecord("A", "/nowhere/A", "/nowhere/A"), disk_.path(), std::nullopt));
   EXPECT_EQ(readFile(disk_.child(".corvane")), "not a directory");
@@ -195,6 +196,10 @@ TEST_F(AppManagerTest, AFileInPlaceOfTheHiddenDirectoryOrAMissingDiskRootFailsWi
   EXPECT_TRUE(treeNames(outside_.path()).empty());
   // The in-memory list keeps both records all the same.
   EXPECT_EQ(manager_.migratedApps().size(), 2u);
+  // Without a disk only the list changes.
+  EXPECT_FALSE(manager_.saveMigratedApp(makeRecord("C", "/nowhere/C", "/nowhere/C"), std::nullopt, std::nullopt));
+  EXPECT_EQ(manager_.migratedApps().size(), 3u);
+  EXPECT_EQ(treeNames(disk_.path()), std::set<std::string>{".corvane"});
 }
 
 TEST_F(AppManagerTest, SavingTheSameOriginalPathUpdatesInPlaceKeepsTheIdentityAndAccumulatesBackups) {
@@ -225,13 +230,7 @@ TEST_F(AppManagerTest, SavingTheSameOriginalPathUpdatesInPlaceKeepsTheIdentityAn
   EXPECT_EQ(notifications, 3);
 }
 
-TEST_F(AppManagerTest, SavingWithoutADiskChangesOnlyTheList) {
-  EXPECT_FALSE(manager_.saveMigratedApp(makeRecord("A", "/nowhere/A", "/nowhere/A"), std::nullopt, std::nullopt));
-  EXPECT_EQ(manager_.migratedApps().size(), 1u);
-  EXPECT_TRUE(treeNames(disk_.path()).empty());
-}
-
-TEST_F(AppManagerTest, RemovalWritesTheFileAndReadsItBack) {
+TEST_F(AppManagerTest, RemovalWritesTheRemainingListToEveryDiskAndReadsItBack) {
   CapturedDiagnosticLog log;
   const MigratedApp keep = makeRecord("Keep", "/nowhere/Keep", disk_.child("Directories/Keep"));
   const MigratedApp drop = makeRecord("Drop", "/nowhere/Drop", disk_.child("Directories/Drop"));
@@ -244,21 +243,16 @@ TEST_F(AppManagerTest, RemovalWritesTheFileAndReadsItBack) {
   // Removing what is not there leaves the list and still rewrites the same file.
   EXPECT_TRUE(manager_.removeMigratedApp(drop, disk_.path()));
   EXPECT_EQ(manager_.migratedApps(), std::vector<MigratedApp>{keep});
-  EXPECT_FALSE(manager_.removeMigratedApp(keep, std::nullopt));
-  EXPECT_TRUE(manager_.migratedApps().empty());
-}
 
-TEST_F(AppManagerTest, RemovalFromAllDisksWritesTheSameRemainingListEverywhere) {
+  // Removal from all disks writes the same remaining list everywhere a disk is.
   TemporaryDirectory second;
-  const MigratedApp keep = makeRecord("Keep", "/nowhere/Keep", disk_.child("Directories/Keep"));
-  const MigratedApp drop = makeRecord("Drop", "/nowhere/Drop", disk_.child("Directories/Drop"));
-  manager_.saveMigratedApp(keep, disk_.path(), std::nullopt);
-  manager_.saveMigratedApp(drop, disk_.path(), std::nullopt);
-
+  ASSERT_TRUE(manager_.saveMigratedApp(drop, disk_.path(), std::nullopt));
   EXPECT_FALSE(manager_.removeMigratedAppAndSaveToAllDisks(drop, {disk_.path(), outside_.child("missing"), second.path()}));
   EXPECT_EQ(fileRecords(), std::vector<MigratedApp>{keep});
   EXPECT_EQ(MigratedAppsFileFormat::decode(readFile(recordFilePath(second.path()))), std::vector<MigratedApp>{keep});
   EXPECT_TRUE(treeNames(outside_.path()).empty());
+  EXPECT_FALSE(manager_.removeMigratedApp(keep, std::nullopt));
+  EXPECT_TRUE(manager_.migratedApps().empty());
 }
 
 TEST_F(AppManagerTest, NoDiskMeansAnEmptyListAndPublishingOutlivesNoManager) {
@@ -289,6 +283,46 @@ TEST_F(AppManagerTest, LinkTestFollowsTheRecordsTarget) {
   makeDirectories(internal_.child("Real"));
   EXPECT_FALSE(AppManager::isAppSymlink(makeRecord("Real", internal_.child("Real"), disk_.child("Directories/Docs"))));
 }
+
+// External disks are often FAT or exFAT (through FUSE here): the record file must be created,
+// replaced, read back and moved from its legacy place on each of them.
+class RecordFileVolumeTest : public ::testing::TestWithParam<VolumeKind> {};
+
+TEST_P(RecordFileVolumeTest, RecordsSurviveSaveReplaceRemoveAndReloadOnTheVolume) {
+  CORVANE_TEST_VOLUME(volume, GetParam());
+  const std::string disk = volume->mountPoint();
+  makeDirectories(volume->child("Directories/Keep"));
+  makeDirectories(volume->child("Directories/Keep_backup_20240101_120000"));
+  const MigratedApp keep = makeRecord("Keep", "/nowhere/Keep", volume->child("Directories/Keep"));
+  const MigratedApp drop = makeRecord("Drop", "/nowhere/Drop", volume->child("Directories/Drop"));
+  writeFile(volume->child("migrated_apps.json"), MigratedAppsFileFormat::encode({keep, drop}));
+
+  MainQueue queue;
+  AppManager manager(queue);
+  manager.loadMigratedApps(disk);
+  queue.runPending();
+  ASSERT_EQ(manager.migratedApps().size(), 2u);
+  EXPECT_EQ(manager.migratedApps()[0].backupVersions.size(), 1u);  // adopted beside the target
+  EXPECT_TRUE(treeNames(disk).count(".corvane/migrated_apps.json"));
+  EXPECT_FALSE(treeNames(disk).count("migrated_apps.json"));
+
+  EXPECT_TRUE(manager.removeMigratedApp(drop, disk));
+  EXPECT_TRUE(manager.saveMigratedApp(keep, disk, std::nullopt));  // replaces the existing file
+  manager.loadMigratedApps(disk);
+  queue.runPending();
+  ASSERT_EQ(manager.migratedApps().size(), 1u);
+  EXPECT_EQ(manager.migratedApps()[0].id, keep.id);
+  // Only the record file is left in the hidden directory: no temporary files.
+  std::set<std::string> hidden;
+  for (const auto& name : treeNames(disk))
+    if (name.rfind(".corvane/", 0) == 0) hidden.insert(name);
+  EXPECT_EQ(hidden, std::set<std::string>{".corvane/migrated_apps.json"});
+}
+
+INSTANTIATE_TEST_SUITE_P(Volumes, RecordFileVolumeTest,
+                         ::testing::Values(VolumeKind::ext4, VolumeKind::xfs, VolumeKind::tmpfs, VolumeKind::fat,
+                                           VolumeKind::exfat),
+                         [](const auto& info) { return std::string(volumeKindName(info.param)); });
 
 }  // namespace
 }  // namespace corvane

@@ -9,7 +9,6 @@
 #include "catalogue/catalogue_test_support.h"
 #include "fixtures/sample_tree.h"
 #include "fixtures/temporary_directory.h"
-#include "support/main_queue.h"
 #include "support/paths.h"
 #include "support/uuid.h"
 
@@ -85,29 +84,6 @@ TEST_F(DiskScanTest, RebuildsOneRecordPerMigratedBundleAndFolder) {
 
   EXPECT_EQ(AppBundleMetadata::version(foo.targetPath), "1.2.3");
   EXPECT_EQ(AppBundleMetadata::version(byOriginal.at("/Applications/Bar.app").targetPath), "4.5");
-}
-
-TEST_F(DiskScanTest, LoadingTheScannedDiskHidesTheFolderThatWasMovedBack) {
-  const std::string projects = home_.child("Projects");
-  makeDirectories(mirrored(projects));
-  writeFile(mirrored(projects) + "/a", "a");
-  ASSERT_EQ(::symlink(mirrored(projects).c_str(), projects.c_str()), 0);
-  makeDirectories(home_.child("Music"));
-  makeDirectories(mirrored(home_.child("Music")));
-  writeFile(mirrored(home_.child("Music")) + "/b", "b");
-
-  MainQueue queue;
-  AppManager manager(queue);
-  manager.loadMigratedApps(disk_.path());
-  queue.runPending();
-  // The scan produced both, but it ran as the last fallback and is not filtered; the next save
-  // writes the list, and the following load filters the folder that is real again.
-  ASSERT_EQ(manager.migratedApps().size(), 2u);
-  ASSERT_TRUE(manager.saveMigratedApp(manager.migratedApps()[0], disk_.path(), std::nullopt));
-  manager.loadMigratedApps(disk_.path());
-  queue.runPending();
-  ASSERT_EQ(manager.migratedApps().size(), 1u);
-  EXPECT_EQ(manager.migratedApps()[0].originalPath, projects);
 }
 
 TEST(AppBundleMetadataTest, ReadsTheShortVersionFromEitherFormAndNothingElse) {

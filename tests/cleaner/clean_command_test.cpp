@@ -24,19 +24,16 @@ class CleanCommandTest : public ::testing::Test {
   TemporaryDirectory home;
 
   void SetUp() override {
-    makeDirectories(home.child(".cache/app/blobs"));
     writeSizedFile(home.child(".cache/app/blobs/one"), 120'000);
-    makeDirectories(home.child(".cache/go-build/ab"));
     writeSizedFile(home.child(".cache/go-build/ab/obj"), 60'000);
+  }
+  std::vector<std::pair<std::string, std::string>> environment() const {
+    return {{"HOME", home.path()}, {"LANG", "C"}, {"LC_ALL", "C"}, {"XDG_CONFIG_HOME", home.child(".config")}};
   }
   CorvaneRun clean(std::vector<std::string> arguments, std::optional<unsigned> user = {}) {
     arguments.insert(arguments.begin(), "clean");
-    CorvaneRunOptions options;
-    options.asUser = user;
-    options.environment = {{"HOME", home.path()}, {"LANG", "C"}, {"LC_ALL", "C"},
-                           {"XDG_CONFIG_HOME", home.child(".config")}};
-    options.standardInput = "y\n";  // a pipe, not a terminal: it must never count as an answer
-    return runCorvane(arguments, options);
+    // A pipe, not a terminal: its "y" must never count as an answer.
+    return runCorvane(arguments, {.asUser = user, .environment = environment(), .standardInput = "y\n"});
   }
   static const nlohmann::json* itemWithId(const nlohmann::json& report, const std::string& id) {
     for (const auto& item : report["items"]) {
@@ -50,7 +47,7 @@ class CleanCommandTest : public ::testing::Test {
   }
 };
 
-TEST_F(CleanCommandTest, ListingShowsItemsByCategoryWithSizeRiskAndSelectionAndRemovesNothing) {
+TEST_F(CleanCommandTest, ListingDryRunAndRefusalsRemoveNothing) {
   const auto text = clean({});
   ASSERT_EQ(text.exitStatus, 0) << text.standardError;
   const auto& out = text.standardOutput;
@@ -76,25 +73,21 @@ TEST_F(CleanCommandTest, ListingShowsItemsByCategoryWithSizeRiskAndSelectionAndR
   EXPECT_EQ((*goBuild)["isSelected"], false);
   EXPECT_EQ((*goBuild)["riskLevel"], "warning");
   EXPECT_GE((*cache)["sizeBytes"].get<std::int64_t>(), 120'000);
-  expectNothingRemoved();
-}
 
-TEST_F(CleanCommandTest, DryRunShowsWhatWouldGoAndKeepsIt) {
-  const auto text = clean({"--all-safe", "--dry-run"});
-  ASSERT_EQ(text.exitStatus, 0) << text.standardError;
-  EXPECT_NE(text.standardOutput.find(home.child(".cache")), std::string::npos) << text.standardOutput;
-  EXPECT_EQ(text.standardOutput.find("go-build"), std::string::npos) << "not selected, not listed";
-  const auto json = clean({"--select", "go_build", "--dry-run", "--json"});
-  ASSERT_EQ(json.exitStatus, 0) << json.standardError;
-  const auto report = nlohmann::json::parse(json.standardOutput);
-  EXPECT_EQ(report["dryRun"], true);
-  EXPECT_EQ((*itemWithId(report, "go_build"))["isSelected"], true);
-  EXPECT_EQ((*itemWithId(report, "user_cache"))["isSelected"], false);
-  EXPECT_EQ(report["totalCleanedSize"], 0);
-  expectNothingRemoved();
-}
+  // A dry run shows what would go and keeps it.
+  const auto dryText = clean({"--all-safe", "--dry-run"});
+  ASSERT_EQ(dryText.exitStatus, 0) << dryText.standardError;
+  EXPECT_NE(dryText.standardOutput.find(home.child(".cache")), std::string::npos) << dryText.standardOutput;
+  EXPECT_EQ(dryText.standardOutput.find("go-build"), std::string::npos) << "not selected, not listed";
+  const auto dryJson = clean({"--select", "go_build", "--dry-run", "--json"});
+  ASSERT_EQ(dryJson.exitStatus, 0) << dryJson.standardError;
+  const auto dryReport = nlohmann::json::parse(dryJson.standardOutput);
+  EXPECT_EQ(dryReport["dryRun"], true);
+  EXPECT_EQ((*itemWithId(dryReport, "go_build"))["isSelected"], true);
+  EXPECT_EQ((*itemWithId(dryReport, "user_cache"))["isSelected"], false);
+  EXPECT_EQ(dryReport["totalCleanedSize"], 0);
 
-TEST_F(CleanCommandTest, WithoutATerminalOrYesItRefusesAndUnknownIdsAreUsageErrors) {
+  // Without a terminal or --yes it refuses; unknown ids are usage errors.
   const auto refused = clean({"--all-safe"});
   EXPECT_EQ(refused.exitStatus, 64);
   EXPECT_NE(refused.standardError.find("--yes"), std::string::npos) << refused.standardError;
@@ -131,12 +124,9 @@ TEST_F(CleanCommandTest, OnATerminalItAsksAndOnlyYesCleans) {
     platform::ProcessRequest request;
     request.executable = "/usr/bin/script";
     request.arguments = {"-qec", shellQuote(corvaneBinaryPath()) + " clean --all-safe", "/dev/null"};
-    auto environment = platform::currentEnvironment();
-    environment["HOME"] = home.path();
-    environment["LANG"] = "C";
-    environment["LC_ALL"] = "C";
-    environment["XDG_CONFIG_HOME"] = home.child(".config");
-    request.environment = environment;
+    auto variables = platform::currentEnvironment();
+    for (const auto& [name, value] : environment()) variables[name] = value;
+    request.environment = variables;
     request.standardInput = answer + "\n";
     return platform::runProcess(request);
   };
@@ -155,7 +145,6 @@ TEST_F(CleanCommandTest, OnATerminalItAsksAndOnlyYesCleans) {
 TEST_F(CleanCommandTest, AnItemThatCannotBeCleanedCompletelyFailsTheRun) {
   if (::geteuid() != 0) GTEST_SKIP() << "needs root to run the command as an unprivileged user (nobody)";
   ::chmod(home.path().c_str(), 0755);
-  makeDirectories(home.child(".cache/app/closed"));
   writeFile(home.child(".cache/app/closed/secret"), "s");
   cleaner_test::giveToNobody(home.path());
   ::chmod(home.child(".cache/app/closed").c_str(), 0);

@@ -2,7 +2,6 @@
 
 #include <dirent.h>
 #include <ftw.h>
-#include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <grp.h>
@@ -14,6 +13,7 @@
 #include <sstream>
 #include <stdexcept>
 
+#include "fixtures/sample_tree.h"
 #include "platform/process.h"
 #include "support/shell_quote.h"
 
@@ -23,9 +23,7 @@ void writeSizedFile(const std::string& path, std::size_t bytes) {
   std::mt19937_64 generator(std::hash<std::string>{}(path));
   std::string data(bytes, '\0');
   for (auto& byte : data) byte = static_cast<char>(generator());
-  std::ofstream out(path, std::ios::binary | std::ios::trunc);
-  out.write(data.data(), static_cast<std::streamsize>(data.size()));
-  if (!out) throw std::runtime_error("cannot write " + path);
+  writeFile(path, data);
 }
 
 std::int64_t duBytesBelow(const std::string& path) {
@@ -97,7 +95,6 @@ std::vector<std::string> fakeDockerCalls(const std::string& directory) {
   for (std::string line; std::getline(in, line);) calls.push_back(line);
   return calls;
 }
-
 
 std::optional<std::string> runAsNobody(const std::function<std::string()>& work) {
   if (::geteuid() != 0) return std::nullopt;

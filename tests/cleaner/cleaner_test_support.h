@@ -11,7 +11,7 @@
 
 namespace corvane::cleaner_test {
 
-// A file of `bytes` pseudo-random bytes (so no file system can compress or share them).
+// A file of `bytes` pseudo-random bytes (no file system can compress or share them); parents are made.
 void writeSizedFile(const std::string& path, std::size_t bytes);
 // What `du -s --block-size=1` reports for `path` minus the blocks of `path` itself: the space
 // the cleaner should find below a root.
@@ -40,10 +40,6 @@ struct FakeDockerAnswer {
 };
 std::string writeFakeDocker(const std::string& directory, const std::map<std::string, FakeDockerAnswer>& answers);
 std::vector<std::string> fakeDockerCalls(const std::string& directory);
-
-}  // namespace corvane::cleaner_test
-
-namespace corvane::cleaner_test {
 
 // Runs `work` in a child process under the "nobody" account (uid and gid 65534) and returns what
 // it wrote; absent when not root. The child must only compute and write, nothing threaded.

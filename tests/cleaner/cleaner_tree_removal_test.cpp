@@ -22,8 +22,6 @@ using cleaner_test::writeSizedFile;
 // folder outside, a hard link whose other name is outside, a FIFO, and nested folders.
 struct CacheWithEscapes {
   explicit CacheWithEscapes(const std::string& base) : root(base + "/cache"), outside(base + "/outside") {
-    makeDirectories(root + "/nested/deeper");
-    makeDirectories(outside + "/folder");
     writeFile(outside + "/precious", "keep me");
     writeFile(outside + "/folder/inside", "keep me too");
     writeFile(outside + "/shared", "one inode, two names");
@@ -44,7 +42,7 @@ struct CacheWithEscapes {
   std::string outside;
 };
 
-TEST(CleanerTreeRemovalTest, EmptyingInPlaceKeepsTheFolderAndNeverReachesThroughLinks) {
+TEST(CleanerTreeRemovalTest, EachCleaningModeKeepsWhatItShouldAndNeverReachesThroughLinks) {
   TemporaryDirectory home;
   CacheWithEscapes cache(home.path());
   struct stat before {};
@@ -57,10 +55,8 @@ TEST(CleanerTreeRemovalTest, EmptyingInPlaceKeepsTheFolderAndNeverReachesThrough
   ::stat(cache.root.c_str(), &after);
   EXPECT_EQ(after.st_ino, before.st_ino) << "the folder itself stays";
   cache.expectOutsideUntouched();
-}
 
-TEST(CleanerTreeRemovalTest, RemovedFoldersComeBackEmptyWithTheirModeOnlyWhenAskedTo) {
-  TemporaryDirectory home;
+  // Removed folders come back empty, with their mode, only when asked to.
   CacheWithEscapes caches(home.child("Caches"));
   ::chmod(caches.root.c_str(), 0700);
   CacheWithEscapes logs(home.child("Logs"));
@@ -113,8 +109,6 @@ TEST(CleanerTreeRemovalTest, ALinkedRootPointingAtAFolderAboveItIsRefused) {
 TEST(CleanerTreeRemovalTest, ExcludedNamesAtTheTopStayAndMissingRootsAreNoFailure) {
   TemporaryDirectory home;
   const std::string root = home.child(".cache");
-  makeDirectories(root + "/pip/http");
-  makeDirectories(root + "/fontconfig");
   writeFile(root + "/pip/http/wheel", "pip's");
   writeFile(root + "/fontconfig/cache", "fonts");
   const auto failure = CleanerTreeRemoval().deleteDirectories({root, home.child("absent")}, PathCleaning::emptyInPlace,
@@ -140,7 +134,6 @@ TEST(CleanerTreeRemovalTest, WhatCannotBeRemovedIsReportedWhileEverythingElseGoe
   if (::geteuid() != 0) GTEST_SKIP() << "needs root to set the immutable flag";
   TemporaryDirectory home;
   const std::string root = home.child("Logs");
-  makeDirectories(root + "/app/old");
   writeFile(root + "/app/old/locked.log", "locked");
   writeFile(root + "/app/fresh.log", "fresh");
   writeFile(root + "/other.log", "other");
@@ -166,7 +159,6 @@ TEST(CleanerTreeRemovalTest, UnreadableFoldersFailTheItemAndTheirSiblingsStillGo
   TemporaryDirectory home;
   ::chmod(home.path().c_str(), 0755);
   const std::string root = home.child("cache");
-  makeDirectories(root + "/closed");
   writeFile(root + "/closed/secret", "s");
   writeFile(root + "/open", "o");
   cleaner_test::giveToNobody(root);
@@ -205,7 +197,6 @@ TEST(CleanerTreeRemovalTest, AnotherVolumeMountedInsideIsLeftAlone) {
 TEST(CleanerTreeRemovalTest, AFolderSwappedForALinkAfterListingIsNotEntered) {
   TemporaryDirectory home;
   makeDirectories(home.child("root/sub"));
-  makeDirectories(home.child("victim"));
   makeDirectories(home.child("impostor"));  // made while "sub" exists, so it cannot reuse its inode
   writeFile(home.child("victim/file"), "keep");
   DirectoryChain chain(openDirectory(home.child("root"), FollowFinalLink::refuse), home.child("root"));

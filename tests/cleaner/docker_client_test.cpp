@@ -4,8 +4,8 @@
 
 #include "cleaner/cleaner_test_support.h"
 #include "cleaner/docker_client.h"
+#include "fixtures/sample_tree.h"
 #include "fixtures/temporary_directory.h"
-#include "platform/file_access.h"
 #include "platform/process.h"
 
 namespace corvane {
@@ -14,36 +14,26 @@ namespace {
 using cleaner_test::FakeDockerAnswer;
 
 TEST(DockerSizeTest, DecimalUnitsCaseSensitiveSuffixesAndJunkAsZero) {
-  EXPECT_EQ(parseDockerSize("1.5GB"), 1'500'000'000);
-  EXPECT_EQ(parseDockerSize("  742MB \n"), 742'000'000);
-  EXPECT_EQ(parseDockerSize("2TB"), 2'000'000'000'000);
-  EXPECT_EQ(parseDockerSize("3KB"), 3'000);
-  EXPECT_EQ(parseDockerSize("17B"), 17);
-  EXPECT_EQ(parseDockerSize("0.5B"), 0) << "fractions of a byte are cut off";
-  // What Docker prints for small sizes is "kB": only the "B" suffix matches and "512k" is no
-  // number, so the size counts as nothing.
-  EXPECT_EQ(parseDockerSize("512kB"), 0);
-  EXPECT_EQ(parseDockerSize("0B"), 0);
-  EXPECT_EQ(parseDockerSize(""), 0);
-  EXPECT_EQ(parseDockerSize("   "), 0);
-  EXPECT_EQ(parseDockerSize("GB"), 0);
-  EXPECT_EQ(parseDockerSize("12"), 0) << "no unit";
-  EXPECT_EQ(parseDockerSize("1.5 GB"), 0) << "a blank inside is not part of a number";
-  EXPECT_EQ(parseDockerSize("1.5gb"), 0);
-  EXPECT_EQ(parseDockerSize("-3MB"), 0);
-  EXPECT_EQ(parseDockerSize("1e300TB"), 0) << "out of range";
-  EXPECT_EQ(parseDockerSize("10000000TB"), 0) << "past 2^63 bytes";
-  EXPECT_EQ(parseDockerSize("9000000TB"), 9'000'000'000'000'000'000);
-  EXPECT_EQ(parseDockerSize("9000000GB"), 9'000'000'000'000'000);
-  EXPECT_EQ(parseDockerSize("nanGB"), 0);
+  const std::pair<const char*, std::int64_t> cases[] = {
+      {"1.5GB", 1'500'000'000}, {"  742MB \n", 742'000'000}, {"2TB", 2'000'000'000'000}, {"3KB", 3'000}, {"17B", 17},
+      {"0.5B", 0},  // fractions of a byte are cut off
+      // Docker prints "kB" for small sizes: only "B" matches, and "512k" is no number.
+      {"512kB", 0}, {"0B", 0}, {"", 0}, {"   ", 0}, {"GB", 0}, {"12", 0}, {"1.5 GB", 0}, {"1.5gb", 0}, {"-3MB", 0},
+      {"1e300TB", 0}, {"10000000TB", 0} /* past 2^63 bytes */, {"9000000TB", 9'000'000'000'000'000'000},
+      {"9000000GB", 9'000'000'000'000'000}, {"nanGB", 0}};
+  for (const auto& [text, bytes] : cases) EXPECT_EQ(parseDockerSize(text), bytes) << '"' << text << '"';
 }
 
-TEST(DockerClientTest, CandidatesFollowTheSystemAndPathWithoutDuplicates) {
-  const auto mac = dockerClientCandidates(platform::HostSystem::macOS, "/somewhere/bin");
-  EXPECT_EQ(mac, (std::vector<std::string>{"/usr/local/bin/docker", "/opt/homebrew/bin/docker", "/usr/bin/docker"}));
-  const auto onLinux = dockerClientCandidates(platform::HostSystem::linuxDesktop, "/opt/x/bin/:relative:/usr/bin::/snap/bin");
-  EXPECT_EQ(onLinux, (std::vector<std::string>{"/usr/local/bin/docker", "/usr/bin/docker", "/opt/x/bin/docker",
-                                             "/snap/bin/docker"}));
+TEST(DockerClientTest, CandidatesFollowTheSystemAndPathAndNoClientMeansNoItem) {
+  EXPECT_EQ(dockerClientCandidates(platform::HostSystem::macOS, "/somewhere/bin"),
+            (std::vector<std::string>{"/usr/local/bin/docker", "/opt/homebrew/bin/docker", "/usr/bin/docker"}));
+  EXPECT_EQ(dockerClientCandidates(platform::HostSystem::linuxDesktop, "/opt/x/bin/:relative:/usr/bin::/snap/bin"),
+            (std::vector<std::string>{"/usr/local/bin/docker", "/usr/bin/docker", "/opt/x/bin/docker",
+                                      "/snap/bin/docker"}));
+  DockerClient client({"/nonexistent/docker"}, DockerDeadlines{});
+  EXPECT_FALSE(client.locate().has_value());
+  EXPECT_FALSE(client.getDockerReclaimableSpace().has_value());
+  EXPECT_FALSE(client.executeCommand("docker", {"system", "prune", "-a", "-f"}));
 }
 
 class FakeDockerTest : public ::testing::Test {
@@ -73,10 +63,7 @@ TEST_F(FakeDockerTest, ReclaimableSpaceLeavesOutImagesOfRunningContainersAndAdds
       {"system|df|--format|{{.Type}}\t{{.Reclaimable}}",
        {"Images\t1.502GB (91%)\nContainers\t0B (0%)\nLocal Volumes\t3GB (100%)\nBuild Cache\t250MB (100%)\n"}},
   });
-  const auto space = client.getDockerReclaimableSpace();
-  ASSERT_TRUE(space.has_value());
-  EXPECT_EQ(*space, 1'500'000'000 + 2'000'000 + 250'000'000);
-
+  EXPECT_EQ(client.getDockerReclaimableSpace(), 1'500'000'000 + 2'000'000 + 250'000'000);
   const auto calls = cleaner_test::fakeDockerCalls(directory.path());
   ASSERT_EQ(calls.size(), 5u) << "ps, two inspects, images, system df";
   EXPECT_EQ(calls.front(), "ps|--format|{{.Image}}");
@@ -85,10 +72,8 @@ TEST_F(FakeDockerTest, ReclaimableSpaceLeavesOutImagesOfRunningContainersAndAdds
 }
 
 TEST_F(FakeDockerTest, NoDaemonHidesTheItemAndPruneFailuresAreReported) {
-  auto client = clientWith({
-      {"ps|--format|{{.Image}}", {"Cannot connect to the Docker daemon", 1}},
-      {"system|prune|-a|-f", {"", 1}},
-  });
+  auto client = clientWith({{"ps|--format|{{.Image}}", {"Cannot connect to the Docker daemon", 1}},
+                            {"system|prune|-a|-f", {"", 1}}});
   EXPECT_FALSE(client.getDockerReclaimableSpace().has_value());
   EXPECT_EQ(cleaner_test::fakeDockerCalls(directory.path()).size(), 1u) << "nothing is asked after ps failed";
   EXPECT_FALSE(client.executeCommand("docker", {"system", "prune", "-a", "-f"}));
@@ -96,25 +81,10 @@ TEST_F(FakeDockerTest, NoDaemonHidesTheItemAndPruneFailuresAreReported) {
 }
 
 TEST_F(FakeDockerTest, AClientThatHangsIsStoppedAtItsDeadline) {
-  const std::string fake = directory.child("docker");
-  cleaner_test::writeFakeDocker(directory.path(), {});
-  // Replace the script with one that never answers.
-  {
-    std::FILE* file = std::fopen(fake.c_str(), "w");
-    std::fputs("#!/bin/sh\nexec sleep 600\n", file);
-    std::fclose(file);
-  }
+  writeFile(directory.child("docker"), "#!/bin/sh\nexec sleep 600\n", 0755);
   DockerDeadlines deadlines;
   deadlines.query = {std::chrono::milliseconds(200), std::chrono::milliseconds(200), std::chrono::milliseconds(200)};
-  DockerClient client({fake}, deadlines);
-  EXPECT_FALSE(client.getDockerReclaimableSpace().has_value());
-}
-
-TEST(DockerClientTest, NoClientMeansNoItemAndNoCommand) {
-  DockerClient client({"/nonexistent/docker"}, DockerDeadlines{});
-  EXPECT_FALSE(client.locate().has_value());
-  EXPECT_FALSE(client.getDockerReclaimableSpace().has_value());
-  EXPECT_FALSE(client.executeCommand("docker", {"system", "prune", "-a", "-f"}));
+  EXPECT_FALSE(DockerClient({directory.child("docker")}, deadlines).getDockerReclaimableSpace().has_value());
 }
 
 TEST(DockerClientTest, TheRealClientWithoutADaemonHidesTheItem) {

@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <filesystem>
 #include <functional>
 
 #include "fixtures/sample_tree.h"
@@ -11,6 +12,7 @@
 #include "fixtures/test_volume.h"
 #include "platform/file_system.h"
 #include "platform/posix_error.h"
+#include "platform/volume.h"
 
 namespace corvane::platform {
 namespace {
@@ -24,7 +26,7 @@ int errnoOf(const std::function<void()>& action) {
   return 0;
 }
 
-TEST(FileSystemTest, ExclusiveRenameNeverReplaces) {
+TEST(FileSystemTest, ExclusiveRenameNeverReplacesAndStatTellsAbsenceFromFailure) {
   TemporaryDirectory dir;
   writeFile(dir.child("a"), "a");
   writeFile(dir.child("b"), "b");
@@ -32,27 +34,9 @@ TEST(FileSystemTest, ExclusiveRenameNeverReplaces) {
   EXPECT_EQ(readFile(dir.child("b")), "b");
   renameExclusive(dir.child("a"), dir.child("c"));
   EXPECT_EQ(readFile(dir.child("c")), "a");
-}
-
-TEST(FileSystemTest, ExchangeSwapsADirectoryAndALinkAtomically) {
-  CORVANE_TEST_VOLUME(volume, VolumeKind::ext4);
-  makeDirectories(volume->child("item"));
-  writeFile(volume->child("item/file"), "data");
-  ASSERT_EQ(symlink("/elsewhere", volume->child("link").c_str()), 0);
-  exchangePaths(volume->child("item"), volume->child("link"));
-  EXPECT_EQ(readLinkText(AT_FDCWD, volume->child("item")), "/elsewhere");
-  EXPECT_EQ(readFile(volume->child("link/file")), "data");
-  EXPECT_EQ(errnoOf([&] { exchangePaths(volume->child("item"), volume->child("missing")); }), ENOENT);
-}
-
-TEST(FileSystemTest, FatVolumeCannotExchangeAndSaysSo) {
-  CORVANE_TEST_VOLUME(volume, VolumeKind::fat);
-  makeDirectories(volume->child("a"));
-  makeDirectories(volume->child("b"));
-  writeFile(volume->child("a/marker"), "a");
-  const int error = errnoOf([&] { exchangePaths(volume->child("a"), volume->child("b")); });
-  EXPECT_TRUE(isExchangeUnsupported(error)) << "errno " << error;
-  EXPECT_EQ(readFile(volume->child("a/marker")), "a");
+  // Stat reports absence, but not other failures.
+  EXPECT_FALSE(statNoFollow(AT_FDCWD, dir.child("missing")));
+  EXPECT_EQ(errnoOf([&] { statNoFollow(AT_FDCWD, dir.child("c/child")); }), ENOTDIR);
 }
 
 TEST(FileSystemTest, ImmutableAndAppendOnlyFlagsReadAsTheirPortableBits) {
@@ -99,11 +83,36 @@ TEST(FileSystemTest, AccessControlListsAreCopiedOnlyWhenTheyGoBeyondTheMode) {
   EXPECT_EQ(listExtendedAttributes(dir.child("target")), listExtendedAttributes(withAcl));
 }
 
-TEST(FileSystemTest, StatReportsAbsenceButNotOtherFailures) {
-  TemporaryDirectory dir;
-  EXPECT_FALSE(statNoFollow(AT_FDCWD, dir.child("missing")));
-  writeFile(dir.child("file"), "x");
-  EXPECT_EQ(errnoOf([&] { statNoFollow(AT_FDCWD, dir.child("file/child")); }), ENOTDIR);
+struct CapabilityCase {
+  VolumeKind kind;
+  bool symbolicLinks;
+  bool permissions;
+};
+
+class VolumeCapabilityTest : public ::testing::TestWithParam<CapabilityCase> {};
+
+TEST_P(VolumeCapabilityTest, ProbeTellsWhatTheVolumeCanHoldAndLeavesNothingBehind) {
+  CORVANE_TEST_VOLUME(volume, GetParam().kind);
+  auto capabilities = volumeCapabilities(volume->mountPoint());
+  EXPECT_EQ(capabilities.symbolicLinks, GetParam().symbolicLinks);
+  EXPECT_EQ(capabilities.accessPermissions, GetParam().permissions);
+  EXPECT_GT(availableCapacity(volume->mountPoint()), 0);
+  for (const auto& entry : std::filesystem::directory_iterator(volume->mountPoint())) {
+    EXPECT_NE(entry.path().filename().string().rfind(".corvane-capabilities-", 0), 0u) << "the probe's folder stays";
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(Volumes, VolumeCapabilityTest,
+                         ::testing::Values(CapabilityCase{VolumeKind::ext4, true, true},
+                                           CapabilityCase{VolumeKind::xfs, true, true},
+                                           CapabilityCase{VolumeKind::btrfs, true, true},
+                                           CapabilityCase{VolumeKind::tmpfs, true, true},
+                                           CapabilityCase{VolumeKind::fat, false, false},
+                                           CapabilityCase{VolumeKind::exfat, false, false}),
+                         [](const auto& info) { return std::string(volumeKindName(info.param.kind)); });
+
+TEST(VolumeCapabilityTest, MissingDirectoryIsAnErrorWithItsPath) {
+  EXPECT_EQ(errnoOf([] { volumeCapabilities("/nonexistent/corvane"); }), ENOENT);
 }
 
 }  // namespace

@@ -7,6 +7,7 @@
 #include "fixtures/temporary_directory.h"
 #include "platform/posix_error.h"
 #include "platform/process.h"
+#include "support/shell_quote.h"
 
 namespace corvane::platform {
 namespace {
@@ -22,30 +23,24 @@ ProcessRequest shell(const std::string& script) {
 
 bool processExists(pid_t pid) { return ::kill(pid, 0) == 0; }
 
-TEST(ProcessTest, CollectsExitStatusOutputAndErrorSeparately) {
+TEST(ProcessTest, RunsTheRequestAsGivenAndCollectsStatusOutputAndErrorSeparately) {
   auto result = runProcess(shell("printf 'out\\0put'; echo err >&2; exit 7"));
   EXPECT_EQ(result.exit.exitCode, 7);
   EXPECT_FALSE(result.timedOut);
   EXPECT_EQ(result.standardOutput, std::string("out\0put", 7));
   EXPECT_EQ(result.standardError, "err\n");
-}
 
-TEST(ProcessTest, PassesArgumentsVerbatimWithoutAShell) {
-  ProcessRequest request;
-  request.executable = "printf";  // looked up in PATH
-  request.arguments = {"%s|", "a b", "$HOME", "it's", "*", ""};
-  auto result = runProcess(request);
-  EXPECT_TRUE(result.exit.succeeded());
-  EXPECT_EQ(result.standardOutput, "a b|$HOME|it's|*||");
-}
+  ProcessRequest verbatim;
+  verbatim.executable = "printf";  // looked up in PATH; no shell in between
+  verbatim.arguments = {"%s|", "a b", "$HOME", "it's", "*", ""};
+  EXPECT_EQ(runProcess(verbatim).standardOutput, "a b|$HOME|it's|*||");
 
-TEST(ProcessTest, EnvironmentWorkingDirectoryAndInputAreTheRequestsOwn) {
   TemporaryDirectory dir;
   ProcessRequest request = shell("pwd; echo \"[$ONLY][$HOME]\"; cat");
   request.environment = std::map<std::string, std::string>{{"ONLY", "this"}, {"PATH", "/usr/bin:/bin"}};
   request.workingDirectory = dir.path();
   request.standardInput = std::string(200000, 'i');  // more than a pipe holds at once
-  auto result = runProcess(request);
+  result = runProcess(request);
   ASSERT_TRUE(result.exit.succeeded()) << result.standardError;
   EXPECT_EQ(result.standardOutput, dir.path() + "\n[this][]\n" + std::string(200000, 'i'));
 }
@@ -125,6 +120,17 @@ TEST(ProcessTest, MissingExecutableIsAnErrorNamingIt) {
 
 TEST(ProcessTest, ExecutablePathNamesThisProgram) {
   EXPECT_EQ(currentExecutablePath().substr(currentExecutablePath().rfind('/') + 1), "corvane_tests");
+}
+
+TEST(ShellQuoteTest, AnyTextSurvivesTheShellUnchanged) {
+  for (const std::string text : {"plain", "with space", "it's", "''", "\"double\"", "back\\slash", "line\nbreak",
+                                 "$(touch /tmp/pwned)", "`id`", "*?[a]", "中文 名字.app", "-n", "", "tab\there",
+                                 "semi;colon&amp|pipe"}) {
+    auto result = runProcess(shell("printf '%s' " + shellQuote(text)));
+    EXPECT_TRUE(result.exit.succeeded()) << text;
+    EXPECT_EQ(result.standardOutput, text);
+  }
+  EXPECT_EQ(shellQuote("it's"), "'it'\\''s'");
 }
 
 }  // namespace

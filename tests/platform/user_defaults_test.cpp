@@ -22,7 +22,7 @@ std::vector<std::string> directoryNames(const std::string& path) {
   return names;
 }
 
-TEST(UserDefaultsTest, WritesCreateThePrivateDirectoryAndKeepOtherKeys) {
+TEST(UserDefaultsTest, WritesCreateThePrivateDirectoryKeepOtherKeysAndFollowALinkedFile) {
   TemporarySettings settings;
   EXPECT_FALSE(platform::readUserDefault("AppLanguage"));
   platform::writeUserDefault("AppLanguage", "zh-Hant");
@@ -44,6 +44,17 @@ TEST(UserDefaultsTest, WritesCreateThePrivateDirectoryAndKeepOtherKeys) {
   EXPECT_EQ(directoryNames(settings.configHome() + "/corvane"), std::vector<std::string>{"settings.json"});
   // A value of another type is no string setting.
   EXPECT_FALSE(platform::readUserDefault("windowFrame"));
+
+  // A linked settings file stays a link.
+  TemporaryDirectory dotfiles;
+  writeFile(dotfiles.child("corvane.json"), R"({"keep": "me"})");
+  ASSERT_EQ(::unlink(settings.settingsFile().c_str()), 0);
+  ASSERT_EQ(::symlink(dotfiles.child("corvane.json").c_str(), settings.settingsFile().c_str()), 0);
+  platform::writeUserDefault("AppLanguage", "zh-Hant");
+  EXPECT_TRUE(std::filesystem::is_symlink(settings.settingsFile()));
+  const auto linked = nlohmann::json::parse(readFile(dotfiles.child("corvane.json")));
+  EXPECT_EQ(linked["AppLanguage"], "zh-Hant");
+  EXPECT_EQ(linked["keep"], "me");
 }
 
 TEST(UserDefaultsTest, DamagedSettingsAreReportedAndKeptAsideOnTheNextWrite) {
@@ -76,19 +87,6 @@ TEST(UserDefaultsTest, LocationFollowsXdgAndFallsBackToHome) {
   }
   TemporarySettings settings;
   EXPECT_EQ(platform::userDefaultsLocation(), settings.settingsFile());
-}
-
-TEST(UserDefaultsTest, ALinkedSettingsFileStaysALink) {
-  TemporarySettings settings;
-  TemporaryDirectory dotfiles;
-  makeDirectories(settings.configHome() + "/corvane");
-  writeFile(dotfiles.child("corvane.json"), R"({"keep": "me"})");
-  ASSERT_EQ(::symlink(dotfiles.child("corvane.json").c_str(), settings.settingsFile().c_str()), 0);
-  platform::writeUserDefault("AppLanguage", "zh-Hant");
-  EXPECT_TRUE(std::filesystem::is_symlink(settings.settingsFile()));
-  const auto written = nlohmann::json::parse(readFile(dotfiles.child("corvane.json")));
-  EXPECT_EQ(written["AppLanguage"], "zh-Hant");
-  EXPECT_EQ(written["keep"], "me");
 }
 
 TEST(UserDefaultsTest, SettingsThatCannotBeStoredFailWithThePath) {

@@ -53,7 +53,6 @@ TEST_F(LocalizationManagerTest, FirstStartFollowsTheSystemAndSavesThatChoice) {
   EXPECT_EQ(savedRawValue(), "system");
   EXPECT_EQ(log.count("📱 首次启动，设置为跟随系统"), 1);
   EXPECT_EQ(log.count("🌍 跟随系统，检测到系统语言: zh-Hant"), 1);
-  EXPECT_EQ(log.count("🧪 测试读取 'app.title': Corvane"), 1);
 }
 
 TEST_F(LocalizationManagerTest, SavedLanguageWinsAndUnknownValuesCountAsFirstStart) {
@@ -96,28 +95,6 @@ TEST_F(LocalizationManagerTest, MissingTextsFallBackToEnglishThenToTheKey) {
   ASSERT_TRUE(manager.setCurrentLanguage(Language::en));
   EXPECT_EQ(manager.localized("missing.everywhere"), "missing.everywhere");
   EXPECT_EQ(log.count("❌ 未能找到本地化字符串: missing.everywhere"), 2);
-}
-
-TEST_F(LocalizationManagerTest, EachTableIsLoadedOnceAndReusedFromTheCache) {
-  saveLanguage("zh-Hans");
-  CapturedDiagnosticLog log;
-  LocalizationManager manager(configuration());
-  EXPECT_EQ(manager.localized("greeting"), "你好");
-  EXPECT_EQ(manager.localized("only.english"), "Only in English");  // loads English for the fallback
-  ASSERT_TRUE(manager.setCurrentLanguage(Language::en));
-  EXPECT_EQ(manager.localized("greeting"), "Hello");
-  // Had the table been read again, the changed file would show.
-  writeStringsTable(resources_, "zh-Hans", "\"greeting\" = \"changed on disk\";\n");
-  ASSERT_TRUE(manager.setCurrentLanguage(Language::zhHans));
-  EXPECT_EQ(manager.localized("greeting"), "你好");
-  ASSERT_TRUE(manager.setCurrentLanguage(Language::en));
-  ASSERT_TRUE(manager.setCurrentLanguage(Language::zhHans));
-
-  EXPECT_EQ(log.count("🔍 尝试加载语言包: " + resources_ + "/zh-Hans.lproj"), 1);
-  EXPECT_EQ(log.count("🔍 尝试加载语言包: " + resources_ + "/en.lproj"), 0);  // came in through the fallback
-  EXPECT_EQ(log.count("✅ 使用缓存的语言包: zh-Hans"), 2);
-  EXPECT_EQ(log.count("✅ 使用缓存的语言包: en"), 2);
-  EXPECT_EQ(log.count("🔄 切换语言到: "), 5);
 }
 
 TEST_F(LocalizationManagerTest, BrokenOrAbsentTablesFallBackWithoutFailing) {
@@ -179,9 +156,17 @@ TEST_F(LocalizationManagerTest, SwitchingNotifiesObserversAndOnlySavedChoicesPer
   // A new manager (the next run) starts with what was saved.
   LocalizationManager nextRun(configuration());
   EXPECT_EQ(nextRun.currentLanguage(), Language::en);
+
+  // A language that cannot be saved still switches.
+  TemporaryDirectory dir;
+  writeFile(dir.child("file"), "x");
+  ScopedEnvironment unwritable("XDG_CONFIG_HOME", dir.child("file"));
+  EXPECT_FALSE(nextRun.setCurrentLanguage(Language::zhHant));
+  EXPECT_EQ(nextRun.currentLanguage(), Language::zhHant);
+  EXPECT_EQ(nextRun.localized("greeting"), "您好");
 }
 
-TEST_F(LocalizationManagerTest, ObserversMayUnsubscribeWhileBeingNotified) {
+TEST_F(LocalizationManagerTest, ObserversMayUnsubscribeWhileBeingNotifiedOrAfterTheManagerIsGone) {
   LocalizationManager manager(configuration());
   LocalizationManager::Subscription first;
   LocalizationManager::Subscription second;
@@ -202,26 +187,13 @@ TEST_F(LocalizationManagerTest, ObserversMayUnsubscribeWhileBeingNotified) {
   EXPECT_EQ(firstCalls + secondCalls, 1);
   manager.useLanguageForThisRun(Language::en);
   EXPECT_EQ(firstCalls + secondCalls, 1);
-}
-
-TEST_F(LocalizationManagerTest, ASubscriptionMayOutliveItsManager) {
-  LocalizationManager::Subscription subscription;
+  // A subscription may outlive its manager.
+  LocalizationManager::Subscription outliving;
   {
-    LocalizationManager manager(configuration());
-    subscription = manager.observe([](Language) {});
+    LocalizationManager shortLived(configuration());
+    outliving = shortLived.observe([](Language) {});
   }
-  subscription.reset();
-  SUCCEED();
-}
-
-TEST_F(LocalizationManagerTest, ALanguageThatCannotBeSavedStillSwitches) {
-  LocalizationManager manager(configuration());
-  TemporaryDirectory dir;
-  writeFile(dir.child("file"), "x");
-  ScopedEnvironment unwritable("XDG_CONFIG_HOME", dir.child("file"));
-  EXPECT_FALSE(manager.setCurrentLanguage(Language::zhHant));
-  EXPECT_EQ(manager.currentLanguage(), Language::zhHant);
-  EXPECT_EQ(manager.localized("greeting"), "您好");
+  outliving.reset();
 }
 
 TEST_F(LocalizationManagerTest, LookupsFromWorkerThreadsSeeWholeLanguages) {

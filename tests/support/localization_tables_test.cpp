@@ -3,10 +3,10 @@
 #include <fmt/args.h>
 #include <gtest/gtest.h>
 
-#include <filesystem>
-#include <map>
 #include <algorithm>
 #include <cctype>
+#include <filesystem>
+#include <map>
 #include <set>
 
 #include "fixtures/sample_tree.h"
@@ -21,96 +21,38 @@ const char* const kLanguages[] = {"en", "zh-Hans", "zh-Hant"};
 const char* const kKeyTakingCalls[] = {"localizedWithDetail", "localizedFormat", "localized", "MigrationIssue"};
 
 // Literals with these prefixes are keys wherever they appear (tables of definitions, maps).
-const char* const kKeyPrefixes[] = {"app",         "log",       "migration",   "error", "progress", "disk",
-                                    "disk_authorization", "ghost_files", "disk_rename", "cleaner", "cli",
-                                    "language",    "fstab",     "settings"};
+const char* const kKeyPrefixes[] = {"app",     "log",       "migration", "error",    "progress",           "disk",
+                                    "cleaner", "cli",       "language",  "fstab",    "disk_authorization", "settings",
+                                    "ghost_files", "disk_rename"};
+
+bool isWordCharacter(char c) { return std::isalnum(static_cast<unsigned char>(c)) || c == '_'; }
 
 // A known prefix, a dot, then letters, digits, "_", "." or "-", ending in a letter or digit.
 bool looksLikeKey(const std::string& text) {
   const auto dot = text.find('.');
-  if (dot == std::string::npos || dot + 1 >= text.size()) return false;
-  const std::string prefix = text.substr(0, dot);
-  if (std::find(std::begin(kKeyPrefixes), std::end(kKeyPrefixes), prefix) == std::end(kKeyPrefixes)) return false;
-  for (std::size_t i = dot + 1; i < text.size(); ++i) {
-    const char c = text[i];
-    if (!(std::isalnum(static_cast<unsigned char>(c)) || c == '_' || c == '.' || c == '-')) return false;
+  if (dot == std::string::npos || dot + 1 >= text.size() ||
+      std::find(std::begin(kKeyPrefixes), std::end(kKeyPrefixes), text.substr(0, dot)) == std::end(kKeyPrefixes)) {
+    return false;
   }
-  return std::isalnum(static_cast<unsigned char>(text.back())) != 0;
+  return std::all_of(text.begin() + static_cast<long>(dot) + 1, text.end(),
+                     [](char c) { return isWordCharacter(c) || c == '.' || c == '-'; }) &&
+         std::isalnum(static_cast<unsigned char>(text.back()));
 }
 
-struct Literal {
-  std::string text;
-  std::size_t offset = 0;  // of the opening quote
-  std::size_t end = 0;     // just past the closing quote
-};
-
-// The string literals of a C++ source, comments and character literals skipped. Raw string
-// literals are skipped too: they hold scripts and JSON, not keys.
-std::vector<Literal> stringLiterals(const std::string& source) {
-  std::vector<Literal> literals;
-  std::size_t i = 0;
-  while (i < source.size()) {
-    const char c = source[i];
-    if (c == '/' && i + 1 < source.size() && source[i + 1] == '/') {
-      i = source.find('\n', i);
-      if (i == std::string::npos) break;
-    } else if (c == '/' && i + 1 < source.size() && source[i + 1] == '*') {
-      i = source.find("*/", i + 2);
-      if (i == std::string::npos) break;
-      i += 2;
-    } else if (c == 'R' && i + 1 < source.size() && source[i + 1] == '"' &&
-               (i == 0 || !(std::isalnum(static_cast<unsigned char>(source[i - 1])) || source[i - 1] == '_'))) {
-      const auto open = source.find('(', i);
-      const std::string delimiter = ")" + source.substr(i + 2, open - i - 2) + "\"";
-      i = source.find(delimiter, open);
-      if (i == std::string::npos) break;
-      i += delimiter.size();
-    } else if (c == '\'') {
-      ++i;
-      while (i < source.size() && source[i] != '\'') i += source[i] == '\\' ? 2 : 1;
-      ++i;
-    } else if (c == '"') {
-      Literal literal{"", i};
-      ++i;
-      while (i < source.size() && source[i] != '"') {
-        if (source[i] == '\\' && i + 1 < source.size()) {
-          literal.text.push_back(source[i]);
-          ++i;
-        }
-        literal.text.push_back(source[i]);
-        ++i;
-      }
-      ++i;
-      literal.end = i;
-      literals.push_back(std::move(literal));
-    } else {
-      ++i;
-    }
-  }
-  return literals;
-}
-
-enum class KeyUse { none, key, prefix };
-
-// Whether a literal is the key argument of a lookup: the whole key, or the fixed start of a key
-// completed at run time ("migration.occupancy.reason_" + name).
-KeyUse keyUse(const std::string& source, const Literal& literal) {
-  std::size_t i = literal.offset;
+// Whether the literal opening at `open` is the first argument of a key-taking call: 0 no, 1 the
+// whole key, 2 the fixed start of a key completed at run time ("reason_" + name).
+int keyUse(const std::string& source, std::size_t open, std::size_t end) {
+  std::size_t i = open;
   while (i > 0 && std::isspace(static_cast<unsigned char>(source[i - 1]))) --i;
-  if (i == 0 || source[i - 1] != '(') return KeyUse::none;
-  --i;
+  if (i == 0 || source[--i] != '(') return 0;
   while (i > 0 && std::isspace(static_cast<unsigned char>(source[i - 1]))) --i;
   for (const std::string call : kKeyTakingCalls) {
-    if (i >= call.size() && source.compare(i - call.size(), call.size(), call) == 0) {
-      const std::size_t start = i - call.size();
-      if (start > 0 && (std::isalnum(static_cast<unsigned char>(source[start - 1])) || source[start - 1] == '_'))
-        return KeyUse::none;
-      std::size_t after = literal.end;
-      while (after < source.size() && std::isspace(static_cast<unsigned char>(source[after]))) ++after;
-      return after < source.size() && source[after] == '+' ? KeyUse::prefix : KeyUse::key;
-    }
+    if (i < call.size() || source.compare(i - call.size(), call.size(), call) != 0) continue;
+    if (i > call.size() && isWordCharacter(source[i - call.size() - 1])) return 0;
+    while (end < source.size() && std::isspace(static_cast<unsigned char>(source[end]))) ++end;
+    return end < source.size() && source[end] == '+' ? 2 : 1;
   }
-  return KeyUse::none;
+  return 0;
 }
 
 struct SourceKeys {
@@ -118,16 +60,44 @@ struct SourceKeys {
   std::map<std::string, std::string> prefixes;  // start of keys completed at run time → file
 };
 
-SourceKeys keysIn(const std::string& source, const std::string& file, SourceKeys found = {}) {
-  for (const auto& literal : stringLiterals(source)) {
-    const KeyUse use = keyUse(source, literal);
-    if (use == KeyUse::prefix) {
-      found.prefixes.emplace(literal.text, file);
-    } else if (use == KeyUse::key || looksLikeKey(literal.text)) {
-      found.keys.emplace(literal.text, file);
+// Collects the keys among a C++ source's string literals. Comments and character literals are
+// skipped, and so are raw string literals: they hold scripts and JSON, not keys.
+void collectKeys(const std::string& source, const std::string& file, SourceKeys& found) {
+  std::size_t i = 0;
+  while (i < source.size()) {
+    const char c = source[i];
+    const char next = i + 1 < source.size() ? source[i + 1] : '\0';
+    if (c == '/' && next == '/') {
+      i = source.find('\n', i);
+    } else if (c == '/' && next == '*') {
+      i = source.find("*/", i + 2);
+      if (i != std::string::npos) i += 2;
+    } else if (c == 'R' && next == '"' && (i == 0 || !isWordCharacter(source[i - 1]))) {
+      const auto open = source.find('(', i);
+      const std::string delimiter = ")" + source.substr(i + 2, open - i - 2) + "\"";
+      i = source.find(delimiter, open);
+      if (i != std::string::npos) i += delimiter.size();
+    } else if (c == '\'') {
+      for (++i; i < source.size() && source[i] != '\''; i += source[i] == '\\' ? 2 : 1) {
+      }
+      ++i;
+    } else if (c == '"') {
+      const std::size_t open = i;
+      std::string text;
+      for (++i; i < source.size() && source[i] != '"'; ++i) {
+        if (source[i] == '\\' && i + 1 < source.size()) text.push_back(source[i++]);
+        text.push_back(source[i]);
+      }
+      const int use = keyUse(source, open, ++i);
+      if (use == 2) {
+        found.prefixes.emplace(text, file);
+      } else if (use == 1 || looksLikeKey(text)) {
+        found.keys.emplace(text, file);
+      }
+    } else {
+      ++i;
     }
   }
-  return found;
 }
 
 // Every key the sources use, with the first file that uses it.
@@ -137,15 +107,14 @@ SourceKeys keysUsedInSources() {
   for (const auto& entry : std::filesystem::recursive_directory_iterator(root)) {
     const auto extension = entry.path().extension();
     if (!entry.is_regular_file() || (extension != ".cpp" && extension != ".h" && extension != ".mm")) continue;
-    found = keysIn(readFile(entry.path()), std::filesystem::relative(entry.path(), root).string(), std::move(found));
+    collectKeys(readFile(entry.path()), std::filesystem::relative(entry.path(), root).string(), found);
   }
   return found;
 }
 
 StringsTable shippedTable(const std::string& language) {
-  const std::string path =
-      std::string(CORVANE_TEST_SOURCE_DIR) + "/resources/" + language + ".lproj/Localizable.strings";
-  return StringsTable::parse(readFile(path));
+  return StringsTable::parse(
+      readFile(std::string(CORVANE_TEST_SOURCE_DIR) + "/resources/" + language + ".lproj/Localizable.strings"));
 }
 
 // The numbers of the {N} placeholders in a text.
@@ -157,12 +126,6 @@ std::set<int> placeholders(const std::string& text) {
     if (end > open + 1 && end < text.size() && text[end] == '}') found.insert(std::stoi(text.substr(open + 1, end - open - 1)));
   }
   return found;
-}
-
-std::string describe(const std::set<int>& numbers) {
-  std::string text;
-  for (const int n : numbers) text += "{" + std::to_string(n) + "}";
-  return text.empty() ? "none" : text;
 }
 
 TEST(LocalizationTablesTest, TheExtractorFindsKeysWhereverCodeUsesThem) {
@@ -178,7 +141,8 @@ TEST(LocalizationTablesTest, TheExtractorFindsKeysWhereverCodeUsesThem) {
     auto f = localized("migration.occupancy.reason_" + name);
     auto g = R"(localized("inside.a.raw.string"))";
   )CPP";
-  const auto found = keysIn(source, "example.cpp");
+  SourceKeys found;
+  collectKeys(source, "example.cpp", found);
   std::set<std::string> keys;
   for (const auto& [key, file] : found.keys) keys.insert(key);
   EXPECT_EQ(keys, (std::set<std::string>{"cli.scan.title", "any.prefix.counts", "error.migration_source_changed",
@@ -199,9 +163,10 @@ TEST(LocalizationTablesTest, EveryKeyUsedInTheSourcesHasATextInEveryLanguage) {
     }
     // A key completed at run time can't be checked whole; at least its family must exist.
     for (const auto& [prefix, file] : used.prefixes) {
-      const bool any = std::any_of(table.entries().begin(), table.entries().end(),
-                                   [&](const auto& entry) { return entry.key.rfind(prefix, 0) == 0; });
-      if (!any) missing += "\n  " + prefix + "…  (keys completed at run time in " + file + ")";
+      if (std::none_of(table.entries().begin(), table.entries().end(),
+                       [&](const auto& entry) { return entry.key.rfind(prefix, 0) == 0; })) {
+        missing += "\n  " + prefix + "…  (keys completed at run time in " + file + ")";
+      }
     }
     EXPECT_TRUE(missing.empty()) << language << " lacks texts for:" << missing;
   }
@@ -210,8 +175,8 @@ TEST(LocalizationTablesTest, EveryKeyUsedInTheSourcesHasATextInEveryLanguage) {
 TEST(LocalizationTablesTest, TablesHaveNoRepeatedKeysAndTheSameKeysInEveryLanguage) {
   std::map<std::string, std::set<std::string>> keysByLanguage;
   for (const char* language : kLanguages) {
-    const auto table = shippedTable(language);
     std::map<std::string, std::size_t> firstLine;
+    const auto table = shippedTable(language);
     for (const auto& entry : table.entries()) {
       const auto [at, inserted] = firstLine.emplace(entry.key, entry.line);
       EXPECT_TRUE(inserted) << language << ": \"" << entry.key << "\" appears on lines " << at->second << " and "
@@ -236,10 +201,10 @@ TEST(LocalizationTablesTest, PlaceholdersAgreeAcrossLanguagesAndFormat) {
     for (const auto& entry : table.entries()) {
       const auto reference = english.text(entry.key);
       if (!reference) continue;  // reported by the key comparison
-      EXPECT_EQ(describe(placeholders(entry.text)), describe(placeholders(std::string(*reference))))
+      const auto numbers = placeholders(entry.text);
+      EXPECT_EQ(numbers, placeholders(std::string(*reference)))
           << language << ": \"" << entry.key << "\" = \"" << entry.text << "\"";
       // Each text must format with as many arguments as its highest placeholder asks for.
-      const auto numbers = placeholders(entry.text);
       fmt::dynamic_format_arg_store<fmt::format_context> arguments;
       const int count = numbers.empty() ? 0 : *numbers.rbegin() + 1;
       for (int n = 0; n < count; ++n) arguments.push_back(std::string("<") + std::to_string(n) + ">");

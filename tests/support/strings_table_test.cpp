@@ -8,7 +8,7 @@
 namespace corvane {
 namespace {
 
-TEST(StringsTableTest, ReadsEscapesCommentsAndUtf8) {
+TEST(StringsTableTest, ReadsEscapesCommentsAndUtf8AndEmptyTables) {
   const auto table = StringsTable::parse(
       "\xEF\xBB\xBF/* A header comment with \"quotes\" and = signs; */\n"
       "// a line comment \"not.a.key\" = \"no\";\n"
@@ -30,6 +30,8 @@ TEST(StringsTableTest, ReadsEscapesCommentsAndUtf8) {
   EXPECT_EQ(table.text("multi"), "line\n  spanning");
   EXPECT_FALSE(table.text("not.a.key"));
   EXPECT_EQ(table.size(), 8u);
+  EXPECT_EQ(StringsTable::parse("").size(), 0u);
+  EXPECT_EQ(StringsTable::parse("  /* nothing */ \n // here\n").size(), 0u);
 }
 
 TEST(StringsTableTest, RepeatedKeysKeepTheLastTextAndStayVisible) {
@@ -38,11 +40,6 @@ TEST(StringsTableTest, RepeatedKeysKeepTheLastTextAndStayVisible) {
   ASSERT_EQ(table.entries().size(), 3u);
   EXPECT_EQ(table.entries()[2].line, 3u);
   EXPECT_EQ(table.size(), 2u);
-}
-
-TEST(StringsTableTest, EmptyAndCommentOnlyTablesAreValid) {
-  EXPECT_EQ(StringsTable::parse("").size(), 0u);
-  EXPECT_EQ(StringsTable::parse("  /* nothing */ \n // here\n").size(), 0u);
 }
 
 TEST(StringsTableTest, MalformedTablesAreRefusedWithTheLine) {
