@@ -44,16 +44,6 @@ std::string issueKeyOf(const std::function<void()>& action) {
   return "";
 }
 
-platform::AdministratorResult ShellAdministratorRunner::run(const std::string& shellCommand) {
-  commands.push_back(shellCommand);
-  if (beforeRun) beforeRun(shellCommand);
-  platform::ProcessRequest request;
-  request.executable = "/bin/sh";
-  request.arguments = {"-c", shellCommand};
-  auto result = platform::runProcess(request);
-  return platform::interpretShellLauncherResult(result.exit, result.standardOutput + result.standardError);
-}
-
 void copyTree(const std::string& from, const std::string& to) { run("/bin/cp", {"-a", "--", from, to}); }
 
 void remountReadOnly(const TestVolume& volume) { run("mount", {"-o", "remount,ro", volume.mountPoint()}); }

@@ -1,5 +1,5 @@
-// Helpers for the engine tests of one item: scans, entries and issue keys, a stand-in for the
-// administrator dialog that runs the exact command text, and a tree copy made by the system's cp.
+// Helpers for the engine tests of one item: scans, entries and issue keys, a tree copied by the
+// system's cp, and a volume made read-only.
 #pragma once
 
 #include <functional>
@@ -9,7 +9,6 @@
 
 #include "engine/migration_entry.h"
 #include "engine/migration_issue.h"
-#include "platform/administrator_runner.h"
 
 namespace corvane {
 
@@ -22,16 +21,6 @@ std::vector<std::string> namesIn(const std::string& directory);
 std::optional<MigrationEntry> entryAt(const std::string& path);
 // The key of the MigrationIssue `action` throws, "" when it throws none.
 std::string issueKeyOf(const std::function<void()>& action);
-
-// Runs each command with /bin/sh -c, as pkexec would after a granted dialog, and keeps every
-// command text. `beforeRun` lets a test change the world between writing a command and its run.
-class ShellAdministratorRunner final : public platform::AdministratorRunner {
- public:
-  platform::AdministratorResult run(const std::string& shellCommand) override;
-
-  std::vector<std::string> commands;
-  std::function<void(const std::string& command)> beforeRun;
-};
 
 // cp -a: hard links, links, modes, times and extended attributes kept.
 void copyTree(const std::string& from, const std::string& to);

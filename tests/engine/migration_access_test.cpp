@@ -1,6 +1,8 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <algorithm>
+
 #include "engine/item_test_support.h"
 #include "engine/migration_access.h"
 #include "engine/migration_link_plan.h"
@@ -9,11 +11,31 @@
 #include "fixtures/temporary_directory.h"
 #include "fixtures/test_volume.h"
 #include "platform/file_system.h"
+#include "platform/process.h"
 
 namespace corvane {
 namespace {
 
 using Kind = MigrationEntry::Kind;
+
+// Runs each command with /bin/sh -c, as pkexec would after a granted dialog, and keeps every
+// text; `beforeRun` changes the world between writing a command and its run. A dismissed dialog
+// answers as the launcher does when cancelled.
+struct ShellAdministratorRunner final : platform::AdministratorRunner {
+  platform::AdministratorResult run(const std::string& command) override {
+    commands.push_back(command);
+    if (dismissed) return platform::interpretShellLauncherResult({126, 0}, "");
+    if (beforeRun) beforeRun(command);
+    platform::ProcessRequest request;
+    request.executable = "/bin/sh";
+    request.arguments = {"-c", command};
+    auto result = platform::runProcess(request);
+    return platform::interpretShellLauncherResult(result.exit, result.standardOutput + result.standardError);
+  }
+  std::vector<std::string> commands;
+  std::function<void(const std::string& command)> beforeRun;
+  bool dismissed = false;
+};
 
 // An item on an internal volume, its copy on an external one, and the means to go through the
 // administrator path as root: a permission reference on a read-only volume (so the item counts
@@ -56,13 +78,11 @@ class AccessFixture : public ::testing::Test {
     return std::any_of(runner_->commands.begin(), runner_->commands.end(),
                        [&](const std::string& command) { return command.find(part) != std::string::npos; });
   }
-
-  std::vector<std::string> leftovers() const {
-    std::vector<std::string> found;
-    for (const auto& name : namesIn(internal_->child("Applications"))) {
-      if (name.find(".corvane") != std::string::npos) found.push_back(name);
-    }
-    return found;
+  // A probe directory or anything else of ours left beside the item.
+  bool leftovers() const {
+    const auto names = namesIn(internal_->child("Applications"));
+    return std::any_of(names.begin(), names.end(),
+                       [](const std::string& name) { return name.find(".corvane") != std::string::npos; });
   }
 
   std::unique_ptr<TestVolume> internal_, external_, readOnly_;
@@ -73,7 +93,7 @@ class AccessFixture : public ::testing::Test {
 };
 
 // The user's own path is exercised by the transfer tests; here every step runs as a command.
-TEST_F(AccessFixture, ThroughTheAdministratorTheItemGoesAndComesBack) {
+TEST_F(AccessFixture, ThroughTheAdministratorTheItemGoesAndComesBackUnlessSomethingChanged) {
   useAdministrator();
   // Every character a shell or a script literal could trip over.
   makeItem("It's \"odd\" \\ back\nslash 中文 space.app");
@@ -81,7 +101,7 @@ TEST_F(AccessFixture, ThroughTheAdministratorTheItemGoesAndComesBack) {
     MigrationAccess access = this->access();
     EXPECT_TRUE(access.usesAdministrator());
     access.prepare();
-    EXPECT_TRUE(leftovers().empty()) << "the rehearsal removes its probe directory";
+    EXPECT_FALSE(leftovers()) << "the rehearsal removes its probe directory";
     const std::string backup = access.install(target_, {});
     EXPECT_EQ(entryAt(backup)->identity(), manifest_.at("").identity());
     ASSERT_EQ(entryAt(source_)->kind, Kind::symbolicLink);
@@ -91,21 +111,34 @@ TEST_F(AccessFixture, ThroughTheAdministratorTheItemGoesAndComesBack) {
                          [&](const std::string& path) { checked.push_back(path); });
     EXPECT_EQ(checked.size(), manifest_.size());
     EXPECT_FALSE(entryAt(backup));
-    EXPECT_TRUE(leftovers().empty());
-    EXPECT_EQ(readFile(source_ + "/Contents/Info.plist"), "<plist>sample</plist>\n");
+    EXPECT_FALSE(leftovers());
     EXPECT_EQ(runner_->commands.front().rfind("set -e; /bin/mkdir -m 700 ", 0), 0u);
     EXPECT_TRUE(ranCommandContaining("--corvane-exchange --rehearse"));
     EXPECT_TRUE(ranCommandContaining("--corvane-file-operation createSymbolicLinkAtPathWithDestinationPathError"));
     EXPECT_TRUE(ranCommandContaining("--corvane-exchange --checked"));
     EXPECT_EQ(runner_->commands.back().rfind("/bin/rmdir ", 0), 0u);
   }
-  // The way back: a verified copy staged beside the original path takes the link's place.
+  // The way back: a verified copy staged beside the original path takes the link's place, but
+  // never a copy that changed, a link that was replaced or a real object.
   const std::string staging = internal_->child("Applications/.corvane-transfer-test");
   const std::string dataSource = staging + "/" + source_.substr(source_.rfind('/') + 1);
   makeDirectories(staging);
   copyTree(target_, dataSource);
   const MigrationEntry copy = *entryAt(dataSource);
   const MigrationManifest externalManifest = scanned(target_);
+  {
+    MigrationAccess stale(source_, std::nullopt, permissionReference_, configuration());
+    ASSERT_EQ(::chmod(dataSource.c_str(), 0700), 0);
+    EXPECT_EQ(issueKeyOf([&] { stale.restore(copy, dataSource, {}); }), "error.migration_copy_mismatch");
+    ASSERT_EQ(::chmod(dataSource.c_str(), copy.mode), 0);
+    ASSERT_EQ(::symlink(target_.c_str(), (source_ + ".new").c_str()), 0);
+    ASSERT_EQ(::rename((source_ + ".new").c_str(), source_.c_str()), 0);
+    EXPECT_EQ(issueKeyOf([&] { stale.restore(copy, dataSource, {}); }), "error.migration_restore_conflict")
+        << "a new link with the same text is not the link that was left";
+    EXPECT_EQ(entryAt(dataSource)->kind, Kind::directory);
+    MigrationAccess atARealFile(internal_->child("outside.txt"), std::nullopt, std::nullopt, configuration());
+    EXPECT_EQ(issueKeyOf([&] { atARealFile.restore(copy, dataSource, {}); }), "migration.preflight.restore_not_link");
+  }
   MigrationAccess back(source_, std::nullopt, permissionReference_, configuration());
   bool hookRan = false;
   back.restore(copy, dataSource, [&] { hookRan = true; });
@@ -117,36 +150,11 @@ TEST_F(AccessFixture, ThroughTheAdministratorTheItemGoesAndComesBack) {
   EXPECT_EQ(readFile(source_ + "/Contents/Info.plist"), "<plist>sample</plist>\n");
 }
 
-TEST_F(AccessFixture, RestoreRefusesALinkOrCopyThatChanged) {
-  makeItem("Item.app");
-  access().install(target_, {});
-  const std::string dataSource = internal_->child("Applications/.corvane-transfer-test");
-  copyTree(target_, dataSource);
-  const MigrationEntry copy = *entryAt(dataSource);
-
-  MigrationAccess back(source_, std::nullopt, std::nullopt, configuration());
-  writeFile(dataSource + "/added-later", "x");
-  // A directory's entry does not move with its children, but its own change does.
-  ASSERT_EQ(::chmod(dataSource.c_str(), 0700), 0);
-  EXPECT_EQ(issueKeyOf([&] { back.restore(copy, dataSource, {}); }), "error.migration_copy_mismatch");
-  ASSERT_EQ(::chmod(dataSource.c_str(), copy.mode), 0);
-
-  // The link replaced by another link with the same text is not the link that was left.
-  ASSERT_EQ(::symlink(target_.c_str(), (source_ + ".new").c_str()), 0);
-  ASSERT_EQ(::rename((source_ + ".new").c_str(), source_.c_str()), 0);
-  EXPECT_EQ(issueKeyOf([&] { back.restore(copy, dataSource, {}); }), "error.migration_restore_conflict");
-  EXPECT_EQ(entryAt(dataSource)->kind, Kind::directory);
-  EXPECT_EQ(entryAt(source_)->kind, Kind::symbolicLink);
-
-  MigrationAccess atARealFile(internal_->child("outside.txt"), std::nullopt, std::nullopt, configuration());
-  EXPECT_EQ(issueKeyOf([&] { atARealFile.restore(copy, dataSource, {}); }), "migration.preflight.restore_not_link");
-}
-
 TEST_F(AccessFixture, LockedReplacedOrMovedItemsAreNeverTouched) {
   makeItem("Item.app");
   platform::setFileFlags(source_, platform::kSystemImmutable);
   EXPECT_EQ(issueKeyOf([&] { access().prepare(); }), "migration.preflight.locked");
-  EXPECT_TRUE(leftovers().empty()) << "a locked item fails the rehearsal before any probe exists";
+  EXPECT_FALSE(leftovers()) << "a locked item fails the rehearsal before any probe exists";
   platform::setFileFlags(source_, 0);
 
   MigrationEntry other = manifest_.at("");
@@ -179,15 +187,15 @@ TEST_F(AccessFixture, LockedReplacedOrMovedItemsAreNeverTouched) {
 // swap: any of the three replaced after the command was written stops it with nothing moved.
 TEST_F(AccessFixture, ThePrivilegedExchangeChecksEachIdentityInsideTheHelper) {
   useAdministrator();
-  const std::string parent = internal_->child("Applications");
   for (const std::string which : {"parent", "link"}) {
     SCOPED_TRACE(which);
+    const std::string parent = internal_->child(which);
     makeDirectories(parent + "/Item");
     ASSERT_EQ(::symlink("/target", (parent + "/Item.link").c_str()), 0);
     const std::string command = configuration().commands->exchangeCommand(parent + "/Item", parent + "/Item.link",
                                                                           ExchangeCheck::checked);
     if (which == "parent") {
-      ASSERT_EQ(::rename(parent.c_str(), internal_->child("Moved").c_str()), 0);
+      ASSERT_EQ(::rename(parent.c_str(), (parent + "-moved").c_str()), 0);
       makeDirectories(parent + "/Item");
       ASSERT_EQ(::symlink("/target", (parent + "/Item.link").c_str()), 0);
     } else {
@@ -198,9 +206,6 @@ TEST_F(AccessFixture, ThePrivilegedExchangeChecksEachIdentityInsideTheHelper) {
               "migration.preflight.authorization_failed");
     EXPECT_EQ(entryAt(parent + "/Item")->kind, Kind::directory) << "nothing was swapped";
     EXPECT_EQ(entryAt(parent + "/Item.link")->kind, Kind::symbolicLink);
-    removeTreeForcefully(parent);
-    removeTreeForcefully(internal_->child("Moved"));
-    makeDirectories(parent);
   }
 
   // Through install(): the item replaced just before the command runs.
@@ -213,27 +218,20 @@ TEST_F(AccessFixture, ThePrivilegedExchangeChecksEachIdentityInsideTheHelper) {
   };
   EXPECT_EQ(issueKeyOf([&] { access.install(target_, {}); }), "migration.preflight.authorization_failed");
   EXPECT_EQ(readFile(source_ + "/impostor"), "x");
-  EXPECT_EQ(namesIn(parent), (std::vector<std::string>{"Item.app", "Item.app-moved"})) << "the new link was removed";
+  EXPECT_EQ(namesIn(internal_->child("Applications")), (std::vector<std::string>{"Item.app", "Item.app-moved"}))
+      << "the new link was removed";
 }
-
-// A dialog the user dismissed answers as the launcher does when it was cancelled.
-struct DismissedDialog final : platform::AdministratorRunner {
-  platform::AdministratorResult run(const std::string&) override {
-    return platform::interpretShellLauncherResult({126, 0}, "");
-  }
-};
 
 TEST_F(AccessFixture, ADismissedDialogDefersAndAFailingCommandIsAnAuthorizationFailure) {
   useAdministrator();
   makeItem("Item.app");
-  auto configuration = this->configuration();
-  configuration.administrator = std::make_shared<DismissedDialog>();
-  MigrationAccess access(source_, manifest_.at(""), permissionReference_, configuration);
+  runner_->dismissed = true;
+  MigrationAccess access = this->access();
   EXPECT_EQ(issueKeyOf([&] { access.prepare(); }), "migration.preflight.deferred");
   EXPECT_EQ(issueKeyOf([&] { access.install(target_, {}); }), "migration.preflight.deferred");
   EXPECT_EQ(entryAt(source_)->kind, Kind::directory);
-  EXPECT_TRUE(leftovers().empty());
-
+  EXPECT_FALSE(leftovers());
+  runner_->dismissed = false;
   EXPECT_EQ(issueKeyOf([&] { MigrationAccess::runAdministrator("echo refused >&2; exit 3", *runner_); }),
             "migration.preflight.authorization_failed");
   EXPECT_NO_THROW(MigrationAccess::runAdministrator("true", *runner_));
@@ -269,23 +267,16 @@ TEST_F(AccessFixture, TheCleanUpRemovesNothingUnlessTheWholeTreeIsAsRecorded) {
 
 // FAT can hold neither the link nor the swap: the rehearsal fails in both forms and, either
 // way, leaves no probe directory behind.
-TEST(MigrationAccessRehearsalTest, AVolumeThatCannotSwitchFailsTheRehearsalCleanly) {
+TEST_F(AccessFixture, AVolumeThatCannotSwitchFailsTheRehearsalCleanly) {
   CORVANE_TEST_VOLUME(fat, VolumeKind::fat);
-  CORVANE_TEST_VOLUME(readOnly, VolumeKind::tmpfs);
-  writeFile(readOnly->child("reference"), "");
-  remountReadOnly(*readOnly);
+  useAdministrator();
   writeFile(fat->child("Item/data.txt"), "data");
-
-  const MigrationAccess::Configuration configuration{
-      std::make_shared<ShellAdministratorRunner>(),
-      MigrationPrivilegedCommands(platform::PrivilegedCommandStyle::corvaneHelper, corvaneBinaryPath()), {}};
-  MigrationAccess direct(fat->child("Item"), std::nullopt, std::nullopt, configuration);
+  MigrationAccess direct(fat->child("Item"), std::nullopt, std::nullopt, configuration());
   EXPECT_FALSE(direct.usesAdministrator());
   EXPECT_THROW(direct.prepare(), std::exception);
-  MigrationAccess administrator(fat->child("Item"), std::nullopt, readOnly->child("reference"), configuration);
+  MigrationAccess administrator(fat->child("Item"), std::nullopt, permissionReference_, configuration());
   EXPECT_TRUE(administrator.usesAdministrator());
   EXPECT_EQ(issueKeyOf([&] { administrator.prepare(); }), "migration.preflight.authorization_failed");
-
   EXPECT_EQ(namesIn(fat->mountPoint()), std::vector<std::string>{"Item"});
   EXPECT_EQ(readFile(fat->child("Item/data.txt")), "data");
 }
