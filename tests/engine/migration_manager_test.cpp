@@ -1,6 +1,7 @@
-// The manager on two real ext4 volumes: batches (how many transfers at once, skipping what is
-// done, refusing protected places), moving an item back (the round trip, conflicts at either
-// end, a filling internal disk) and who may start a move-back when.
+// One item's transfer and the manager's operations on two real ext4 volumes: transfers that
+// keep the original, meet a changing source, a filling or unfit destination; batches; moving
+// an item back (the round trip, conflicts at either end, a filling internal disk) and who may
+// start a move-back when.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
@@ -12,12 +13,15 @@
 
 #include "catalogue/app_manager.h"
 #include "catalogue/migrated_apps_file.h"
+#include "engine/migration_copy_workload.h"
 #include "engine/migration_manager.h"
 #include "engine/migration_socket_probe.h"
 #include "engine/migration_test_support.h"
+#include "engine/migration_transfer.h"
 #include "fixtures/corvane_binary.h"
 #include "fixtures/sample_tree.h"
 #include "fixtures/test_volume.h"
+#include "platform/posix_error.h"
 #include "platform/volume.h"
 #include "support/localization.h"
 #include "support/paths.h"
@@ -36,10 +40,13 @@ class MigrateBackTest : public ::testing::Test {
       GTEST_SKIP() << "needs two ext4 volumes: " << unavailable.what();
     }
     item_ = internal_->child("home/me/Project");
-    buildSampleTree(item_, {.fifo = true, .sparseFile = true, .extendedAttributes = true, .accessControlList = true});
+    buildSampleTree(item_, {.fifo = true, .staleSocket = true, .sparseFile = true, .extendedAttributes = true,
+                            .accessControlList = true});
     writeFile(internal_->child("home/me/outside.txt"), "outside");
     chown((item_ + "/Contents/Info.plist").c_str(), 1234, 5678);
     disk_ = external_->mountPoint();
+    destination_ = disk_ + "/Directories" + item_;
+    before_ = fullManifest(item_);
   }
 
   MigrationManager::Hooks hooks() {
@@ -65,6 +72,47 @@ class MigrateBackTest : public ::testing::Test {
     if (records.size() != 1) throw std::runtime_error("the migration left no record");
     return records.front();
   }
+
+  // Transfers the item straight to `destination_`, outside the manager.
+  MigrationTransfer::Result transfer(RetainOriginal retain = RetainOriginal::no) {
+    MigrationTransfer::Configuration configuration;
+    configuration.prompter = &prompter_;
+    configuration.services = hooks().services;
+    configuration.checkUsage = hooks().checkUsage;
+    configuration.makeAccess = [](const std::string& path) { return std::make_unique<MigrationAccess>(path); };
+    MigrationItemProgress item;
+    item.name = "item";
+    MigrationProgressTracker tracker({item});
+    makeDirectories(parentPath(destination_));
+    auto result = MigrationTransfer(configuration)
+                      .transfer(item_, destination_, MigrationTransfer::Placement::migrate, tracker, "item", retain, {},
+                                [&](const std::string& key, const std::vector<std::string>&) { log_ += key + "\n"; });
+    lastProgress_ = tracker.current().front();
+    return result;
+  }
+
+  // The key (or errno) of the cause of a transfer's failure; empty when it succeeded.
+  std::string transferFailure() {
+    try {
+      transfer();
+    } catch (const MigrationTransfer::Failure& failure) {
+      try {
+        failure.rethrowCause();
+      } catch (const MigrationIssue& issue) {
+        return issue.key();
+      } catch (const platform::PosixError& error) {
+        return "errno " + std::to_string(error.errnoValue());
+      }
+    }
+    return "";
+  }
+
+  void expectSourceUntouched() {
+    EXPECT_EQ(fullManifest(item_), before_) << "the source changed";
+    EXPECT_FALSE(hasStagingLeft(parentPath(destination_)));
+    EXPECT_FALSE(MigrationEntry::read(destination_, AT_FDCWD));
+  }
+
   MigrationManager::OperationResult moveBack(const MigratedApp& app) {
     MigrationManager manager(queue_, apps_, hooks());
     std::optional<MigrationManager::OperationResult> result;
@@ -74,22 +122,10 @@ class MigrateBackTest : public ::testing::Test {
     return result.value_or(MigrationManager::OperationResult{});
   }
 
-  void expectStillMigrated(const MigratedApp& app, const std::map<std::string, std::string>& externalBefore) {
-    auto link = MigrationEntry::read(item_, AT_FDCWD);
-    ASSERT_TRUE(link);
-    EXPECT_EQ(link->kind, MigrationEntry::Kind::symbolicLink);
-    EXPECT_EQ(link->link, app.targetPath);
-    EXPECT_EQ(fullManifest(app.targetPath), externalBefore);
-    const auto records = AppManager::loadRecords(disk_);
-    ASSERT_EQ(records.size(), 1u);
-    EXPECT_EQ(records.front().id, app.id);
-    EXPECT_FALSE(hasStagingLeft(parentPath(item_)));
-  }
-
-  std::unique_ptr<TestVolume> internal_;
-  std::unique_ptr<TestVolume> external_;
-  std::string item_;
-  std::string disk_;
+  std::unique_ptr<TestVolume> internal_, external_;
+  std::string item_, disk_, destination_;
+  std::map<std::string, std::string> before_;
+  MigrationItemProgress lastProgress_;
   MainQueue queue_;
   AppManager apps_{queue_};
   DeferringPrompter prompter_;
@@ -112,6 +148,7 @@ TEST_F(MigrateBackTest, RoundTripRestoresEverythingButInodesAndChangeTimes) {
   EXPECT_EQ(resolvingSymlinksInPath(item_ + "/" + climbing), resolvingSymlinksInPath(internal_->child("home/me/outside.txt")));
   before.erase(climbing);
   after.erase(climbing);
+  before.erase("Contents/stale.sock");  // left out on the way there
   EXPECT_EQ(after, before);
 
   EXPECT_FALSE(MigrationEntry::read(app.targetPath, AT_FDCWD)) << "the external copy is removed";
@@ -136,7 +173,7 @@ TEST_F(MigrateBackTest, RealFolderAtTheOriginalPathIsNeverReplaced) {
   auto result = moveBack(app);
   EXPECT_EQ(result.kind, MigrationManager::OperationResult::Kind::failed);
   EXPECT_NE(result.message.find(localized("migration.preflight.restore_wrong_target")), std::string::npos) << result.message;
-  EXPECT_EQ(MigrationEntry::read(item_, AT_FDCWD)->link, elsewhere);
+  EXPECT_EQ(MigrationEntry::read(item_, AT_FDCWD).value().link, elsewhere);
   EXPECT_EQ(fullManifest(app.targetPath), external);
 
   // Then the user's own folder.
@@ -171,7 +208,12 @@ TEST_F(MigrateBackTest, InternalDiskFillingUpDuringTheCopyLeavesTheItemMigrated)
   EXPECT_EQ(result.kind, MigrationManager::OperationResult::Kind::failed) << log_;
   EXPECT_NE(log_.find(formatLocalizedText(localized("log.migrate_back_failed_detailed"), {result.message})),
             std::string::npos);
-  expectStillMigrated(app, external);
+  // Still migrated: the link, the copy and the record as they were, nothing staged.
+  EXPECT_EQ(MigrationEntry::read(item_, AT_FDCWD).value().link, app.targetPath);
+  EXPECT_EQ(fullManifest(app.targetPath), external);
+  ASSERT_EQ(AppManager::loadRecords(disk_).size(), 1u);
+  EXPECT_EQ(AppManager::loadRecords(disk_).front().id, app.id);
+  EXPECT_FALSE(hasStagingLeft(parentPath(item_)));
 }
 
 TEST_F(MigrateBackTest, AdmissionRefusesDuringABatchTwiceForOneItemAndDuringAnUpdate) {
@@ -228,6 +270,97 @@ TEST_F(MigrateBackTest, AdmissionRefusesDuringABatchTwiceForOneItemAndDuringAnUp
 }
 
 using MigrationManagerTest = MigrateBackTest;
+using TransferTest = MigrateBackTest;
+
+TEST_F(TransferTest, KeepingTheOriginalLeavesItBesideTheLinkAndStaleSocketsOutOfTheCopy) {
+  const auto result = transfer(RetainOriginal::yes);
+  ASSERT_TRUE(result.retainedSource && result.retainedPath);
+  EXPECT_EQ(result.retentionReason, "migration.transfer.source_retained");
+  EXPECT_EQ(fullManifest(*result.retainedPath), before_);
+  EXPECT_EQ(MigrationEntry::read(item_, AT_FDCWD).value().link, destination_);
+  EXPECT_FALSE(hasStagingLeft(parentPath(destination_)));
+  EXPECT_FALSE(MigrationEntry::read(destination_ + "/Contents/stale.sock", AT_FDCWD));
+  EXPECT_NE(log_.find("migration.preflight.omitted"), std::string::npos) << log_;
+  EXPECT_NE(log_.find("log.symlink_success"), std::string::npos) << log_;
+  EXPECT_EQ(lastProgress_.phase, MigrationItemProgress::Phase::done);
+  EXPECT_EQ(lastProgress_.copiedBytes, lastProgress_.totalBytes);
+  EXPECT_GT(lastProgress_.totalBytes, 0);
+}
+
+TEST_F(TransferTest, SourceChangedOrGrowingAfterTheScanRollsBackWithTheSourceIntact) {
+  // Each change happens after the scan; the state right after it is what must survive.
+  duringCheck_ = [&](const std::string&, const MigrationManifest&) {
+    unlink((item_ + "/Contents/Info.plist").c_str());
+    before_ = fullManifest(item_);
+  };
+  EXPECT_EQ(transferFailure(), "error.migration_source_changed");
+  expectSourceUntouched();
+  EXPECT_NE(log_.find("migration.safety.rolled_back"), std::string::npos) << log_;
+
+  const std::string file = item_ + "/Contents/Resources/deep/file4.txt";
+  duringCheck_ = [&](const std::string&, const MigrationManifest&) {
+    writeFile(file, readFile(file) + "appended");
+    before_ = fullManifest(item_);
+  };
+  EXPECT_EQ(transferFailure(), "error.migration_source_changed");
+  expectSourceUntouched();
+}
+
+TEST_F(TransferTest, DestinationFillingUpDuringTheCopyRollsBack) {
+  // tmpfs keeps no blocks in reserve, so what the space check sees is all there is.
+  auto small = TestVolume::create(VolumeKind::tmpfs, 64 << 20);
+  writeFile(item_ + "/big.bin", std::string(24 << 20, 'x'));
+  // A hole counts in the space check but takes nothing on the medium: it would leave room.
+  unlink((item_ + "/Contents/sparse.bin").c_str());
+  before_ = fullManifest(item_);
+  destination_ = small->child("Project");
+  // The data's size, rounded up to one page, stays free: the space check counts bytes and
+  // passes, but every small file takes a whole page, so the copy runs out part of the way.
+  duringCheck_ = [&](const std::string&, const MigrationManifest& manifest) {
+    const std::int64_t page = sysconf(_SC_PAGESIZE);
+    const std::int64_t room = (MigrationCopyWorkload(manifest, {}).bytes + page - 1) / page * page;
+    const std::int64_t free = platform::availableCapacity(small->mountPoint());
+    ASSERT_GT(free, room);
+    const int fd = open(small->child("filler").c_str(), O_WRONLY | O_CREAT, 0600);
+    ASSERT_GE(fd, 0);
+    ASSERT_EQ(posix_fallocate(fd, 0, free - room), 0);
+    close(fd);
+    ASSERT_GE(platform::availableCapacity(small->mountPoint()), MigrationCopyWorkload(manifest, {}).bytes);
+  };
+  EXPECT_EQ(transferFailure(), "errno " + std::to_string(ENOSPC));
+  expectSourceUntouched();
+  EXPECT_FALSE(hasStagingLeft(small->mountPoint()));
+  EXPECT_NE(log_.find("migration.safety.rolled_back"), std::string::npos) << log_;
+}
+
+TEST_F(TransferTest, RefusalsBeforeCopyingLeaveEverythingAsItWas) {
+  duringCheck_ = [](const std::string& source, const MigrationManifest&) {
+    throw MigrationIssue("migration.preflight.deferred", source);
+  };
+  EXPECT_EQ(transferFailure(), "migration.preflight.deferred") << "a live blocker defers";
+  expectSourceUntouched();
+  duringCheck_ = nullptr;
+
+  makeDirectories(destination_);
+  EXPECT_EQ(transferFailure(), "migration.preflight.target_exists");
+  rmdir(destination_.c_str());
+  destination_ = item_ + "/inside";
+  EXPECT_EQ(transferFailure(), "error.migration_overlapping_paths");
+  EXPECT_EQ(fullManifest(item_), before_) << "the source changed";
+
+  auto fat = TestVolume::create(VolumeKind::fat);
+  destination_ = fat->child("Project");
+  EXPECT_EQ(transferFailure(), "migration.preflight.filesystem");
+  expectSourceUntouched();
+
+  auto small = TestVolume::create(VolumeKind::ext4, 8 << 20);
+  writeFile(item_ + "/big.bin", std::string(16 << 20, 'x'));
+  before_ = fullManifest(item_);
+  destination_ = small->child("Project");
+  EXPECT_EQ(transferFailure(), "migration.preflight.space");
+  expectSourceUntouched();
+}
+
 
 TEST_F(MigrationManagerTest, SixItemsNeverRunMoreThanFourTransfersAtOnce) {
   std::vector<std::string> items;
@@ -251,7 +384,7 @@ TEST_F(MigrationManagerTest, SixItemsNeverRunMoreThanFourTransfersAtOnce) {
   EXPECT_GE(peak.load(), 2) << "items did not run side by side at all";
   EXPECT_EQ(manager.activeMigrationProgress().succeeded, 6);
   for (const auto& item : items) {
-    EXPECT_EQ(MigrationEntry::read(item, AT_FDCWD)->kind, MigrationEntry::Kind::symbolicLink);
+    EXPECT_EQ(MigrationEntry::read(item, AT_FDCWD).value().kind, MigrationEntry::Kind::symbolicLink);
   }
   EXPECT_EQ(AppManager::loadRecords(disk_).size(), 6u) << "every success is recorded on the disk";
   EXPECT_NE(manager.logText().find(localized("log.separator_line")), std::string::npos);

@@ -100,7 +100,7 @@ TEST_F(ItemOperationsTest, RestoringPutsTheVersionInPlaceAndKeepsTheCurrentOne) 
   bool listed = false;
   for (const auto& backup : records[0].backupVersions) listed |= backup.backupPath == kept && backup.exists;
   EXPECT_TRUE(listed) << "the record lists the kept version, which exists";
-  EXPECT_EQ(MigrationEntry::read(original_, AT_FDCWD)->kind, MigrationEntry::Kind::symbolicLink);
+  EXPECT_EQ(MigrationEntry::read(original_, AT_FDCWD).value().kind, MigrationEntry::Kind::symbolicLink);
 }
 
 TEST_F(ItemOperationsTest, VersionWithoutExecutablesChangesNothing) {
