@@ -18,7 +18,7 @@ namespace {
 
 using platform::AdministratorOutcome;
 
-TEST(AppleScriptTest, TheScriptAndItsEscapingKeepTheMeaningOfAnyCommand) {
+TEST(AppleScriptTest, TheScriptKeepsTheMeaningOfAnyCommandAndItsAnswerIsReadStrictly) {
   EXPECT_EQ(administratorAppleScript("/bin/rmdir '/a b'"),
             "try\n    do shell script \"/bin/rmdir '/a b'\" with administrator privileges\n    return \"0\"\n"
             "on error message number errorNumber\n    return errorNumber as string\nend try");
@@ -33,9 +33,8 @@ TEST(AppleScriptTest, TheScriptAndItsEscapingKeepTheMeaningOfAnyCommand) {
     unescaped.push_back(next == 0 ? escaped[i] : next == 'n' ? '\n' : next == 'r' ? '\r' : next);
   }
   EXPECT_EQ(unescaped, command);
-}
 
-TEST(AppleScriptTest, LauncherResultsAreReadStrictly) {
+  // What the launchers answer is read strictly: anything unexpected is a failure.
   auto exited = [](int code) { return platform::ProcessExit{code, 0}; };
   EXPECT_EQ(platform::interpretAppleScriptResult(exited(0), " 0\n").outcome, AdministratorOutcome::succeeded);
   EXPECT_EQ(platform::interpretAppleScriptResult(exited(1), "0").outcome, AdministratorOutcome::failed);

@@ -122,31 +122,27 @@ TEST(MigrationSourceSwitchTest, PromotionNeverOverwrites) {
 }
 
 TEST(MigrationFileSafetyTest, OnlyTheInstalledLinkMayBeReplacedOnTheWayBack) {
-  CORVANE_TEST_VOLUME(external, VolumeKind::ext4);
-  CORVANE_TEST_VOLUME(otherDisk, VolumeKind::tmpfs);
   TemporaryDirectory dir;
-  makeDirectories(external->child("Item"));
-  makeDirectories(otherDisk->child("Item"));
-  ASSERT_EQ(::symlink(external->child("Item").c_str(), dir.child("Item").c_str()), 0);
-  auto keyFor = [&](const std::string& at, const std::string& target) {
-    return issueKeyOf([&] { MigrationFileSafety::requireRestoreLink(dir.child(at), target); });
+  const std::string copy = dir.child("disk/Item");
+  makeDirectories(copy);
+  makeDirectories(dir.child("other/Item"));
+  ASSERT_EQ(::symlink(copy.c_str(), dir.child("Item").c_str()), 0);
+  auto keyFor = [&](const std::string& at, const std::string& target, std::optional<MigrationEntry> expected = {}) {
+    return issueKeyOf([&] { MigrationFileSafety::requireRestoreLink(dir.child(at), target, expected); });
   };
-
-  const MigrationEntry link = MigrationFileSafety::requireRestoreLink(dir.child("Item"), external->child("Item"));
-  EXPECT_EQ(*link.link, external->child("Item"));
+  const MigrationEntry link = MigrationFileSafety::requireRestoreLink(dir.child("Item"), copy);
+  EXPECT_EQ(*link.link, copy);
   // Through another link to the same place is the same place.
-  ASSERT_EQ(::symlink(external->mountPoint().c_str(), dir.child("disk").c_str()), 0);
-  EXPECT_NO_THROW(MigrationFileSafety::requireRestoreLink(dir.child("Item"), dir.child("disk/Item"), link));
-  EXPECT_EQ(keyFor("Item", otherDisk->child("Item")), "migration.preflight.restore_wrong_target");
+  ASSERT_EQ(::symlink(dir.child("disk").c_str(), dir.child("alias").c_str()), 0);
+  EXPECT_EQ(keyFor("Item", dir.child("alias/Item"), link), "");
+  EXPECT_EQ(keyFor("Item", dir.child("other/Item")), "migration.preflight.restore_wrong_target");
   makeDirectories(dir.child("Real"));
-  EXPECT_EQ(keyFor("Real", external->child("Item")), "migration.preflight.restore_not_link");
-  EXPECT_EQ(keyFor("Gone", external->child("Item")), "migration.preflight.restore_not_link");
-
+  EXPECT_EQ(keyFor("Real", copy), "migration.preflight.restore_not_link");
+  EXPECT_EQ(keyFor("Gone", copy), "migration.preflight.restore_not_link");
   // The same text in a new link is not the link that was installed.
-  ASSERT_EQ(::symlink(external->child("Item").c_str(), dir.child("Item.new").c_str()), 0);
+  ASSERT_EQ(::symlink(copy.c_str(), dir.child("Item.new").c_str()), 0);
   ASSERT_EQ(::rename(dir.child("Item.new").c_str(), dir.child("Item").c_str()), 0);
-  EXPECT_EQ(issueKeyOf([&] { MigrationFileSafety::requireRestoreLink(dir.child("Item"), external->child("Item"), link); }),
-            "error.migration_restore_conflict");
+  EXPECT_EQ(keyFor("Item", copy, link), "error.migration_restore_conflict");
 }
 
 }  // namespace
