@@ -69,9 +69,12 @@ class AccessFixture : public ::testing::Test {
   }
 
   MigrationAccess::Configuration configuration() const {
-    return {runner_, MigrationPrivilegedCommands(platform::PrivilegedCommandStyle::corvaneHelper, corvaneBinaryPath()), {}};
+    return {runner_, MigrationPrivilegedCommands(platform::PrivilegedCommandStyle::corvaneHelper, corvaneBinaryPath()),
+            {}};
   }
-  MigrationAccess access() const { return MigrationAccess(source_, manifest_.at(""), permissionReference_, configuration()); }
+  MigrationAccess access() const {
+    return MigrationAccess(source_, manifest_.at(""), permissionReference_, configuration());
+  }
 
   // A probe directory or anything else of ours left beside the item.
   bool leftovers() const {

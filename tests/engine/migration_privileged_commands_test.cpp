@@ -56,27 +56,28 @@ TEST(JavaScriptLiteralTest, WritesTheJsonEncodingWithEscapedSlashes) {
 
 TEST(PrivilegedCommandsTest, TheCheckedScriptChecksThreeIdentitiesAndSwapsOnce) {
   TemporaryDirectory dir;
-  makeDirectories(dir.child("Item"));
-  ASSERT_EQ(::symlink("/x", dir.child("Item.link").c_str()), 0);
-  std::string expected = "ObjC.import('Foundation'); ObjC.bindFunction('renamex_np',['int',['char *','char *','unsigned int']]);";
-  for (const std::string& path : {dir.path(), dir.child("Item"), dir.child("Item.link")}) {
+  const std::string item = dir.child("Item"), link = dir.child("Item.link");
+  makeDirectories(item);
+  ASSERT_EQ(::symlink("/x", link.c_str()), 0);
+  std::string expected =
+      "ObjC.import('Foundation'); ObjC.bindFunction('renamex_np',['int',['char *','char *','unsigned int']]);";
+  for (const std::string& path : {dir.path(), item, link}) {
     const auto entry = *entryAt(path);
     expected += "var a=$.NSFileManager.defaultManager.attributesOfItemAtPathError(" + javaScriptLiteral(path) +
                 ",null);if(!a || a.objectForKey($.NSFileSystemFileNumber).stringValue.js!==" +
                 javaScriptLiteral(std::to_string(entry.inode)) + " || a.objectForKey($.NSFileSystemNumber).stringValue.js!==" +
                 javaScriptLiteral(std::to_string(entry.device)) + "){throw Error('identity changed');}";
   }
-  const std::string swap = "if($.renamex_np(" + javaScriptLiteral(dir.child("Item")) + "," +
-                           javaScriptLiteral(dir.child("Item.link")) + ",2)!==0){throw Error('atomic exchange failed');}";
-  EXPECT_EQ(MigrationPrivilegedCommands::exchangeScript(dir.child("Item"), dir.child("Item.link"), ExchangeCheck::checked),
-            expected + swap);
+  const std::string swap = "if($.renamex_np(" + javaScriptLiteral(item) + "," + javaScriptLiteral(link) +
+                           ",2)!==0){throw Error('atomic exchange failed');}";
+  EXPECT_EQ(MigrationPrivilegedCommands::exchangeScript(item, link, ExchangeCheck::checked), expected + swap);
   // The rehearsal swaps there and back without checks.
-  EXPECT_EQ(MigrationPrivilegedCommands::exchangeScript(dir.child("Item"), dir.child("Item.link"), ExchangeCheck::rehearsal),
+  EXPECT_EQ(MigrationPrivilegedCommands::exchangeScript(item, link, ExchangeCheck::rehearsal),
             expected.substr(0, expected.find("var a=")) + swap + swap);
 
   // The checked form is written from what exists now; a missing object is the error of its path.
   try {
-    MigrationPrivilegedCommands::exchangeScript(dir.child("Item"), dir.child("absent"), ExchangeCheck::checked);
+    MigrationPrivilegedCommands::exchangeScript(item, dir.child("absent"), ExchangeCheck::checked);
     FAIL() << "no error for a missing path";
   } catch (const platform::PosixError& error) {
     EXPECT_EQ(error.errnoValue(), ENOENT);

@@ -68,7 +68,9 @@ TEST(MigrationSourceSwitchTest, AnyRefusalBeforeTheSwapLeavesOnlyTheSource) {
     MigrationSourceSwitch::exchange(first, target);  // across directories: refused as without the swap
   };
   auto wrongLink = direct();
-  wrongLink.create = [](const std::string& link, const std::string&) { ASSERT_EQ(::symlink("/elsewhere", link.c_str()), 0); };
+  wrongLink.create = [](const std::string& link, const std::string&) {
+    ASSERT_EQ(::symlink("/elsewhere", link.c_str()), 0);
+  };
   const std::function<void()> refusingHook = [] { throw MigrationIssue("migration.preflight.runtime"); };
   EXPECT_EQ(issueKeyOf([&] { MigrationSourceSwitch::install(source, target, {}, failingSwap); }),
             "migration.preflight.atomic_unsupported");
@@ -97,7 +99,8 @@ TEST(MigrationSourceSwitchTest, AnOriginalReplacedBeforeTheExchangeIsSwappedBack
     ASSERT_EQ(::rename(source.c_str(), volume->child("moved-away").c_str()), 0);
     writeFile(source + "/data.txt", "impostor");
   };
-  EXPECT_EQ(issueKeyOf([&] { MigrationSourceSwitch::install(source, volume->child("external/Item"), replace, direct()); }),
+  const std::string target = volume->child("external/Item");
+  EXPECT_EQ(issueKeyOf([&] { MigrationSourceSwitch::install(source, target, replace, direct()); }),
             "error.migration_copy_mismatch");
   EXPECT_EQ(entryAt(source)->kind, Kind::directory);
   EXPECT_EQ(readFile(source + "/data.txt"), "impostor") << "the path holds again what it held";

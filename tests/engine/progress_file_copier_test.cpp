@@ -187,8 +187,11 @@ TEST(LinkPlanTest, OnlyLinksThatClimbOutOfTheItemAreRewritten) {
       {"via-long", "long1/../../x"},               // 41 inner links before the climb: not followed
       {"via-short", "short1/../../x"},             // 40: followed, and it climbs out
   };
-  for (int i = 1; i <= 41; ++i) links.push_back({"long" + std::to_string(i), i < 41 ? "long" + std::to_string(i + 1) : "d"});
-  for (int i = 1; i <= 40; ++i) links.push_back({"short" + std::to_string(i), i < 40 ? "short" + std::to_string(i + 1) : "d"});
+  for (const auto& [name, length] : {std::pair<std::string, int>{"long", 41}, {"short", 40}}) {
+    for (int i = 1; i <= length; ++i) {
+      links.push_back({name + std::to_string(i), i < length ? name + std::to_string(i + 1) : "d"});
+    }
+  }
   for (const auto& [path, target] : links) ASSERT_EQ(symlink(target.c_str(), (root + "/" + path).c_str()), 0) << path;
 
   EXPECT_EQ(MigrationLinkPlan::relocatedTargets(root, scanned(root)),
