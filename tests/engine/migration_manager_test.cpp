@@ -7,8 +7,6 @@
 #include <unistd.h>
 
 #include <atomic>
-#include <condition_variable>
-#include <mutex>
 #include <thread>
 
 #include "catalogue/app_manager.h"
@@ -63,7 +61,6 @@ class MigrateBackTest : public ::testing::Test {
     ASSERT_TRUE(manager.migrateApps(items, disk_));
     ASSERT_TRUE(queue_.runUntil([&] { return !manager.isMigrating(); }, std::chrono::minutes(2)));
   }
-
   // Migrates the item and returns its record.
   MigratedApp migrate() {
     MigrationManager manager(queue_, apps_, hooks());
@@ -72,7 +69,6 @@ class MigrateBackTest : public ::testing::Test {
     if (records.size() != 1) throw std::runtime_error("the migration left no record");
     return records.front();
   }
-
   // Transfers the item straight to `destination_`, outside the manager.
   MigrationTransfer::Result transfer(RetainOriginal retain = RetainOriginal::no) {
     MigrationTransfer::Configuration configuration;
@@ -90,7 +86,6 @@ class MigrateBackTest : public ::testing::Test {
     lastProgress_ = tracker.current().front();
     return result;
   }
-
   // The key (or errno) of the cause of a transfer's failure; empty when it succeeded.
   std::string transferFailure() {
     try {
@@ -175,7 +170,6 @@ TEST_F(MigrateBackTest, RealFolderAtTheOriginalPathIsNeverReplaced) {
   EXPECT_NE(result.message.find(localized("migration.preflight.restore_wrong_target")), std::string::npos) << result.message;
   EXPECT_EQ(MigrationEntry::read(item_, AT_FDCWD).value().link, elsewhere);
   EXPECT_EQ(fullManifest(app.targetPath), external);
-
   // Then the user's own folder.
   ASSERT_EQ(unlink(item_.c_str()), 0);
   writeFile(item_ + "/mine.txt", "the user's own");
@@ -227,25 +221,17 @@ TEST_F(MigrateBackTest, AdmissionRefusesDuringABatchTwiceForOneItemAndDuringAnUp
     queue_.runUntil([] { return false; }, std::chrono::milliseconds(50));
     EXPECT_NE(manager.logText().find(localized("log.migrate_back_blocked_by_update")), std::string::npos);
   }
-
   // The same item twice: the first move-back waits inside its open-file check.
-  std::mutex mutex;
-  std::condition_variable changed;
-  bool inside = false;
-  bool release = false;
+  std::atomic<bool> inside{false}, released{false};
   duringCheck_ = [&](const std::string&, const MigrationManifest&) {
-    std::unique_lock lock(mutex);
     inside = true;
-    changed.notify_all();
-    changed.wait(lock, [&] { return release; });
+    inside.notify_all();
+    released.wait(false);
   };
   MigrationManager manager(queue_, apps_, hooks());
   std::optional<MigrationManager::OperationResult> first;
   ASSERT_TRUE(manager.migrateBackToMainDisk(app, disk_, [&](const auto& outcome) { first = outcome; }));
-  {
-    std::unique_lock lock(mutex);
-    changed.wait(lock, [&] { return inside; });
-  }
+  inside.wait(false);
   EXPECT_EQ(manager.migratingBackItems().count(item_), 1u);
   EXPECT_FALSE(manager.migrateBackToMainDisk(app, disk_));
   // Nor may a forward batch take the item that is on its way back.
@@ -255,11 +241,8 @@ TEST_F(MigrateBackTest, AdmissionRefusesDuringABatchTwiceForOneItemAndDuringAnUp
   const std::string other = internal_->child("home/me/Other");
   buildSampleTree(other);
   ASSERT_TRUE(manager.migrateApps({other}, disk_));
-  {
-    std::lock_guard lock(mutex);
-    release = true;
-    changed.notify_all();
-  }
+  released = true;
+  released.notify_all();
   EXPECT_FALSE(manager.migrateBackToMainDisk(app, disk_));
   ASSERT_TRUE(queue_.runUntil([&] { return first.has_value() && !manager.isMigrating(); }, std::chrono::minutes(2)));
   EXPECT_EQ(first->kind, MigrationManager::OperationResult::Kind::succeeded) << manager.logText();

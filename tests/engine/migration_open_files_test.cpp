@@ -93,7 +93,6 @@ TEST(MigrationOpenFilesTest, ParsesFieldOutputAndKeepsOnlyTheItemsFiles) {
   ASSERT_EQ(references.size(), 9u);
   EXPECT_EQ(references[3].name, "/Items/App.app/Contents/odd name\n.txt");
   EXPECT_EQ(references[5].command, "back\\up \x01tool");
-
   // Records the live listers never produce above.
   const std::vector<std::tuple<const char*, const char*, const char*, Reason>> unusual = {
       {"rtd", " ", "DIR", Reason::working_directory}, {"DEL", " ", "REG", Reason::runtime},
@@ -105,20 +104,16 @@ TEST(MigrationOpenFilesTest, ParsesFieldOutputAndKeepsOnlyTheItemsFiles) {
   }
 }
 
-TEST(MigrationOpenFilesTest, ListerTextEscapingRoundTripsEveryByte) {
-  // Every byte but the caret: lsof prints a control character as ^X and a real "^X" the same
-  // way, so that one pair cannot come back (names are only shown, never used to find files).
+TEST(MigrationOpenFilesTest, ListerTextEscapingRoundTripsEveryByteButTheCaret) {
+  // lsof prints a control character as ^X and a real "^X" the same way, so that one pair cannot
+  // come back (names are only shown, never used to find files).
   std::string all;
-  for (int byte = 1; byte < 256; ++byte) {
-    if (byte != '^') all += static_cast<char>(byte);
-  }
+  for (int byte = 1; byte < 256; ++byte) all += byte == '^' ? std::string() : std::string(1, static_cast<char>(byte));
   const std::string escaped = platform::escapeListerText(all);
-  EXPECT_EQ(escaped.find('\n'), std::string::npos);
-  EXPECT_EQ(escaped.find('\0'), std::string::npos);
+  EXPECT_EQ(escaped.find_first_of(std::string("\n\0", 2)), std::string::npos);
   EXPECT_EQ(platform::unescapeListerText(escaped), all);
   EXPECT_EQ(platform::escapeListerText("a\\b\x7f\xc3\xbc\x1b"), "a\\\\b\\x7f\\xc3\\xbc^[");
-  EXPECT_EQ(platform::unescapeListerText("^A^^x"), "\x01\x1e" "x");
-  EXPECT_EQ(platform::unescapeListerText("\\q \\x4"), "\\q \\x4") << "text lsof never writes stays as printed";
+  EXPECT_EQ(platform::unescapeListerText("^A^^x \\q \\x4"), "\x01\x1e" "x \\q \\x4") << "text lsof never writes stays as printed";
 }
 
 MigrationOpenFiles::Inspect answering(int status, std::string output, std::string error = "") {
@@ -224,7 +219,6 @@ TEST(MigrationOpenFilesTest, LsofRunsInTheCLocaleOutsideAnyItemAndWithinBounds) 
   EXPECT_EQ(readFile(record), "-nP\n+c\n0\n-F0pcfatDin\nLC_ALL=C\nPWD=/\n");
 
   EXPECT_THROW(MigrationOpenFiles::inspectWithLsof("/nonexistent/lsof"), platform::PosixError);
-
   // A lister that hangs and ignores the terminate request is killed, and the state is unknown.
   const std::string pidFile = directory.child("pid");
   const auto hanging = writeScript(directory.path(), "hanging", "trap '' TERM\necho $$ > '" + pidFile + "'\nwhile :; do sleep 1; done\n");

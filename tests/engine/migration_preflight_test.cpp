@@ -57,7 +57,6 @@ TEST(MigrationSocketProbeTest, TellsListeningStaleDatagramMissingAndNonSocketsAp
   EXPECT_EQ(probed(directory.child("plain.sock")), State::unknown);
   server.stop();
   EXPECT_EQ(probed(directory.child("live.sock")), State::inactive) << "once the server is gone its socket is stale";
-
   // Paths longer than an address can hold are probed from inside their folder.
   std::string deep = directory.path();
   while (deep.size() < 190) deep += "/" + std::string(std::min<std::size_t>(60, 190 - deep.size()), 'd');
@@ -67,7 +66,6 @@ TEST(MigrationSocketProbeTest, TellsListeningStaleDatagramMissingAndNonSocketsAp
   EXPECT_EQ(probed(deep + "/live.sock"), State::active);
   deepServer.stop();
   EXPECT_EQ(probed(deep + "/live.sock"), State::inactive);
-
   // A file name that no macOS address can hold is refused, even where Linux could bind it.
   const std::string longName(104, 'n');
   auto longServer = OccupantProcess::listening(directory.path(), longName, OccupantSocket::stream);
@@ -114,7 +112,6 @@ TEST(MigrationSocketProbeTest, StandInProbesAreBelievedOnlyWhenTheyAnswerWellAnd
   EXPECT_EQ(stateFrom("echo '{\"state\":\"asleep\"}'\n"), State::unknown);
   EXPECT_EQ(stateFrom("echo '{\"entry\":{}}'\n"), State::unknown);
   EXPECT_EQ(stateFrom("exit 0\n"), State::unknown);
-
   // Answers "inactive" only when the arguments, directory and environment are as promised.
   setenv("DYLD_INSERT_LIBRARIES", "/tmp/inject.dylib", 1);
   setenv("XCInjectBundle", "/tmp/bundle", 1);
@@ -128,7 +125,6 @@ TEST(MigrationSocketProbeTest, StandInProbesAreBelievedOnlyWhenTheyAnswerWellAnd
   unsetenv("XCInjectBundle");
   unsetenv("CORVANE_KEPT");
   EXPECT_EQ(state, State::inactive);
-
   // A child that hangs is ended, reaped, and counts as unknown.
   const std::string pidFile = directory.child("pid");
   EXPECT_EQ(stateFrom("echo $$ > '" + pidFile + "'\nexec sleep 60\n"), State::unknown);
@@ -250,7 +246,6 @@ TEST(MigrationPreflightTest, PlanLoopDefersRetriesAndStopsOnAFifoThatStaysBusyAn
   EXPECT_EQ(issueOf([&] { MigrationPreflight::plan(item, {}, deferring, testServices()); }).key(),
             "migration.preflight.deferred");
   EXPECT_EQ(MigrationPreflight::scan(item, {}), before) << "later leaves the item untouched";
-
   // The user quits the server (its socket file stays behind) and says retry.
   ScriptedPrompter retrying({Choice::retry}, [&] { server.reset(); });
   int visited = 0;
@@ -261,7 +256,6 @@ TEST(MigrationPreflightTest, PlanLoopDefersRetriesAndStopsOnAFifoThatStaysBusyAn
   EXPECT_TRUE(plan.approvedSockets.empty());
   EXPECT_EQ(plan.manifest.size(), 4u);
   EXPECT_EQ(visited, 8) << "two scans of four entries";
-
   // The last check before the switch passes, unless a server started on the socket since the plan.
   const auto probe = testServices().probe;
   EXPECT_NO_THROW(MigrationPreflight::requireRuntimeIdle(item, plan.manifest, plan.inactiveSockets, probe));
@@ -273,7 +267,6 @@ TEST(MigrationPreflightTest, PlanLoopDefersRetriesAndStopsOnAFifoThatStaysBusyAn
   auto unknownProbe = [](const std::string&) { return MigrationSocketProbe::Observation{}; };
   EXPECT_THROW(MigrationPreflight::requireRuntimeIdle(item, plan.manifest, {}, unknownProbe), MigrationIssue);
   server->stop();  // killed: its socket file stays behind, stale
-
   // A FIFO still in use after the answer ends the plan.
   auto reader = OccupantProcess::readingFifo(item + "/idle.fifo");
   ScriptedPrompter busy({Choice::retry});
@@ -309,7 +302,6 @@ TEST(MigrationPreflightTest, StoppingTheGitMonitorIsBelievedOnlyOnceItsSocketIsG
                                                 "/usr/bin/git --git-dir=. fsmonitor--daemon status @" + gitDirectory}));
   EXPECT_FALSE(plan.manifest.contains(".git/fsmonitor--daemon.ipc"));
   EXPECT_TRUE(stopping.alerts.empty());
-
   // The real git cannot stop a monitor here and says so: the item fails after an alert.
   daemon = std::make_unique<OccupantProcess>(
       OccupantProcess::listening(gitDirectory, "fsmonitor--daemon.ipc", OccupantSocket::stream));
@@ -319,7 +311,6 @@ TEST(MigrationPreflightTest, StoppingTheGitMonitorIsBelievedOnlyOnceItsSocketIsG
   EXPECT_EQ(issue.detail(), item);
   EXPECT_EQ(failing.alerts, (std::vector<std::pair<std::string, std::string>>{
                                 {localized("migration.preflight.title"), localized("migration.preflight.stop_retry_message")}}));
-
   // A stop that reports success while the daemon keeps its socket, or still watches, is not believed.
   const std::vector<MigrationRuntimeBlocker> blockers = {
       {"migration.preflight.git_service", ".git/fsmonitor--daemon.ipc", {}, gitDirectory}};

@@ -103,7 +103,7 @@ TEST_F(ItemOperationsTest, RestoringPutsTheVersionInPlaceAndKeepsTheCurrentOne) 
   EXPECT_EQ(MigrationEntry::read(original_, AT_FDCWD).value().kind, MigrationEntry::Kind::symbolicLink);
 }
 
-TEST_F(ItemOperationsTest, VersionWithoutExecutablesChangesNothing) {
+TEST_F(ItemOperationsTest, VersionWithoutExecutablesChangesNothingAndAFailedRestorePutsTheCurrentOneBack) {
   removeTreeForcefully(version_ + "/Contents/MacOS");
   const auto before = namesIn(disk_ + "/Applications");
   EXPECT_EQ(operate(Operation::restore).kind, MigrationManager::OperationResult::Kind::failed);
@@ -111,10 +111,9 @@ TEST_F(ItemOperationsTest, VersionWithoutExecutablesChangesNothing) {
   EXPECT_EQ(namesIn(disk_ + "/Applications"), before);
   EXPECT_EQ(AppBundleMetadata::version(target_), "2.0");
   EXPECT_EQ(AppManager::loadRecords(disk_).at(0), app_);
-}
-
-TEST_F(ItemOperationsTest, FailedRestorePutsTheCurrentVersionBack) {
-  // The chosen version vanishes at the last moment: moving it into place fails.
+  // A failed restore puts the current version back: the chosen version vanishes at the last
+  // moment, so moving it into place fails.
+  makeBundle(version_, "1.0");
   const auto result = operate(Operation::restore, [&] { platform::renameExclusive(version_, root_.child("moved-away.app")); });
   EXPECT_EQ(result.kind, MigrationManager::OperationResult::Kind::failed);
   EXPECT_NE(log_.find(localized("log.restore_rollback_success")), std::string::npos) << log_;

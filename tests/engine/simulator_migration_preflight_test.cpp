@@ -92,13 +92,11 @@ TEST(SimulatorDeviceCheckTest, UndecodableListingsAndFailingOrHangingToolsFailTh
   if (const pid_t helper = pidIn(directory.child("helper")); helper > 0) ::kill(helper, SIGKILL);
 
   EXPECT_THROW(Preflight::checkDevices(directory.child("missing-xcrun"), kTestDeadlines), platform::PosixError);
-
   // A tool that hangs and ignores the terminate request, so only the kill ends it.
   const auto stubborn = fakeXcrun(directory, "trap '' TERM\necho '{\"devices\":' \nexec sleep 1000", "stubborn");
   EXPECT_EQ(checked(stubborn).detail(), "simctl timeout");
   ASSERT_GT(pidIn(stubborn + ".pid"), 0);
   EXPECT_TRUE(processIsReaped(pidIn(stubborn + ".pid"))) << "reaped by us: not even a zombie is left";
-
   // A tool that starts a helper and waits for it: the helper goes down with it (it may stay a
   // zombie of a parent other than us).
   EXPECT_EQ(checked(fakeXcrun(directory, "sleep 1000 &\necho $! > '" + directory.child("waiter") + "'\nwait")).detail(),
