@@ -184,9 +184,10 @@ TEST_F(AccessFixture, LockedReplacedOrMovedItemsAreNeverTouched) {
   EXPECT_EQ(entryAt(source_)->kind, Kind::directory);
 }
 
-// The privileged exchange re-reads the directory, the item and the link immediately before the
-// swap: any of the three replaced after the command was written stops it with nothing moved.
-TEST_F(AccessFixture, ThePrivilegedExchangeChecksEachIdentityInsideTheHelper) {
+// Through the administrator nothing moves unless a command runs as written: the privileged
+// exchange re-reads the directory, the item and the link immediately before the swap, and any of
+// the three replaced after the command was written stops it.
+TEST_F(AccessFixture, AdministratorCommandsMoveNothingUnlessTheyRunAsWritten) {
   useAdministrator();
   for (const std::string which : {"parent", "link"}) {
     SCOPED_TRACE(which);
@@ -209,9 +210,20 @@ TEST_F(AccessFixture, ThePrivilegedExchangeChecksEachIdentityInsideTheHelper) {
     EXPECT_EQ(entryAt(parent + "/Item.link")->kind, Kind::symbolicLink);
   }
 
-  // Through install(): the item replaced just before the command runs.
+  // A dismissed dialog defers; a command that fails is an authorization failure.
   makeItem("Item.app");
   MigrationAccess access = this->access();
+  runner_->dismissed = true;
+  EXPECT_EQ(issueKeyOf([&] { access.prepare(); }), "migration.preflight.deferred");
+  EXPECT_EQ(issueKeyOf([&] { access.install(target_, {}); }), "migration.preflight.deferred");
+  EXPECT_EQ(entryAt(source_)->kind, Kind::directory);
+  EXPECT_FALSE(leftovers());
+  runner_->dismissed = false;
+  EXPECT_EQ(issueKeyOf([&] { MigrationAccess::runAdministrator("echo refused >&2; exit 3", *runner_); }),
+            "migration.preflight.authorization_failed");
+  EXPECT_NO_THROW(MigrationAccess::runAdministrator("true", *runner_));
+
+  // Through install(): the item replaced just before the checked command runs.
   runner_->beforeRun = [&](const std::string& command) {
     if (command.find("--checked") == std::string::npos) return;
     ASSERT_EQ(::rename(source_.c_str(), (source_ + "-moved").c_str()), 0);
@@ -221,21 +233,6 @@ TEST_F(AccessFixture, ThePrivilegedExchangeChecksEachIdentityInsideTheHelper) {
   EXPECT_EQ(readFile(source_ + "/impostor"), "x");
   EXPECT_EQ(namesIn(internal_->child("Applications")), (std::vector<std::string>{"Item.app", "Item.app-moved"}))
       << "the new link was removed";
-}
-
-TEST_F(AccessFixture, ADismissedDialogDefersAndAFailingCommandIsAnAuthorizationFailure) {
-  useAdministrator();
-  makeItem("Item.app");
-  runner_->dismissed = true;
-  MigrationAccess access = this->access();
-  EXPECT_EQ(issueKeyOf([&] { access.prepare(); }), "migration.preflight.deferred");
-  EXPECT_EQ(issueKeyOf([&] { access.install(target_, {}); }), "migration.preflight.deferred");
-  EXPECT_EQ(entryAt(source_)->kind, Kind::directory);
-  EXPECT_FALSE(leftovers());
-  runner_->dismissed = false;
-  EXPECT_EQ(issueKeyOf([&] { MigrationAccess::runAdministrator("echo refused >&2; exit 3", *runner_); }),
-            "migration.preflight.authorization_failed");
-  EXPECT_NO_THROW(MigrationAccess::runAdministrator("true", *runner_));
 }
 
 TEST_F(AccessFixture, TheCleanUpRemovesNothingUnlessTheWholeTreeIsAsRecorded) {

@@ -58,7 +58,8 @@ TEST(MigrationSourceSwitchTest, AFileSystemThatCannotSwapLeavesEverythingInPlace
 
 // A swap that fails, a hook that refuses at the last moment, a link that is not what was asked
 // for, or a target that is not a directory: the source stays and nothing new is left beside it.
-TEST(MigrationSourceSwitchTest, AnyRefusalBeforeTheSwapLeavesOnlyTheSource) {
+// Nor does a promotion ever overwrite.
+TEST(MigrationSourceSwitchTest, AnyRefusalBeforeTheSwapLeavesOnlyTheSourceAndPromotionNeverOverwrites) {
   TemporaryDirectory dir;
   writeFile(dir.child("Item/data.txt"), "data");
   makeDirectories(dir.child("copy/Item"));
@@ -87,6 +88,19 @@ TEST(MigrationSourceSwitchTest, AnyRefusalBeforeTheSwapLeavesOnlyTheSource) {
   }
   EXPECT_EQ(namesIn(dir.path()), (std::vector<std::string>{"Item", "copy"}));
   EXPECT_EQ(readFile(dir.child("Item/data.txt")), "data");
+
+  // A staged copy is promoted only to a free name.
+  writeFile(dir.child("staging/payload/data"), "copy");
+  ASSERT_EQ(::symlink("/nowhere", dir.child("dangling").c_str()), 0);
+  for (const char* taken : {"Item", "dangling"}) {
+    EXPECT_EQ(issueKeyOf([&] { MigrationSourceSwitch::promote(dir.child("staging/payload"), dir.child(taken)); }),
+              "migration.preflight.target_exists")
+        << taken;
+  }
+  EXPECT_EQ(readFile(dir.child("Item/data.txt")), "data");
+  MigrationSourceSwitch::promote(dir.child("staging/payload"), dir.child("final"));
+  EXPECT_EQ(readFile(dir.child("final/data")), "copy");
+  EXPECT_FALSE(entryAt(dir.child("staging/payload")));
 }
 
 TEST(MigrationSourceSwitchTest, AnOriginalReplacedBeforeTheExchangeIsSwappedBack) {
@@ -106,22 +120,6 @@ TEST(MigrationSourceSwitchTest, AnOriginalReplacedBeforeTheExchangeIsSwappedBack
   EXPECT_EQ(readFile(source + "/data.txt"), "impostor") << "the path holds again what it held";
   EXPECT_EQ(namesIn(volume->mountPoint()), (std::vector<std::string>{"Item", "external", "moved-away"}))
       << "no temporary name and no link left";
-}
-
-TEST(MigrationSourceSwitchTest, PromotionNeverOverwrites) {
-  TemporaryDirectory dir;
-  writeFile(dir.child("staging/payload/data"), "copy");
-  makeDirectories(dir.child("occupied"));
-  ASSERT_EQ(::symlink("/nowhere", dir.child("dangling").c_str()), 0);
-  for (const char* taken : {"occupied", "dangling"}) {
-    EXPECT_EQ(issueKeyOf([&] { MigrationSourceSwitch::promote(dir.child("staging/payload"), dir.child(taken)); }),
-              "migration.preflight.target_exists")
-        << taken;
-  }
-  EXPECT_EQ(readFile(dir.child("staging/payload/data")), "copy");
-  MigrationSourceSwitch::promote(dir.child("staging/payload"), dir.child("final"));
-  EXPECT_EQ(readFile(dir.child("final/data")), "copy");
-  EXPECT_FALSE(entryAt(dir.child("staging/payload")));
 }
 
 TEST(MigrationFileSafetyTest, OnlyTheInstalledLinkMayBeReplacedOnTheWayBack) {

@@ -30,7 +30,7 @@ std::string issueText(const std::function<void()>& action) {
   return "";
 }
 
-TEST(SnapshotTest, RecordsEveryObjectOnceWithoutFollowingLinks) {
+TEST(SnapshotTest, RecordsEveryObjectOnceWithoutFollowingLinksAndNoticesEveryChange) {
   TemporaryDirectory dir;
   const std::string root = dir.child("Sample.app");
   writeFile(dir.child("outside.txt"), "outside\n");
@@ -59,6 +59,28 @@ TEST(SnapshotTest, RecordsEveryObjectOnceWithoutFollowingLinks) {
   // Hard links appear once per path, with one identity.
   EXPECT_EQ(manifest.at("Contents/hardlink.txt").identity(), manifest.at("Contents/Resources/deep/file3.txt").identity());
   EXPECT_NE(manifest.at("Contents/Resources/deep/file4.txt").identity(), manifest.at("Contents/Resources/deep/file3.txt").identity());
+
+  // A later scan notices every kind of change, and reports the source's path, not the entry's.
+  EXPECT_NO_THROW(MigrationIntegrityVerifier::requireUnchanged(root, manifest));
+  const std::string file = root + "/Contents/Resources/deep/file5.txt", link = root + "/Contents/dangling",
+                    empty = root + "/empty";
+  struct timespec times[2] = {{0, UTIME_OMIT}, {12345, 678}};
+  const std::vector<std::pair<const char*, std::function<void()>>> changes = {
+      {"appended", [&] { writeFile(file, readFile(file) + "more"); }},
+      {"same size, new time", [&] { utimensat(AT_FDCWD, file.c_str(), times, 0); }},
+      {"mode", [&] { chmod(file.c_str(), 0600); }},
+      {"added", [&] { writeFile(root + "/Contents/new.txt", "n"); }},
+      {"removed", [&] { unlink((root + "/Contents/Resources/empty.txt").c_str()); }},
+      {"link retargeted", [&] { unlink(link.c_str()); symlink("other-target", link.c_str()); }},
+      {"directory replaced", [&] { rename(empty.c_str(), (empty + "-old").c_str()); mkdir(empty.c_str(), 0755); }},
+  };
+  for (const auto& [what, change] : changes) {
+    SCOPED_TRACE(what);
+    change();
+    EXPECT_EQ(issueText([&] { MigrationIntegrityVerifier::requireUnchanged(root, manifest); }),
+              "error.migration_source_changed: " + root);
+    manifest = scan(root);  // accept the change before trying the next one
+  }
 }
 
 TEST(SnapshotTest, RuntimeEntriesVanishedRootsAndLockedOrReadOnlyItemsAreRefused) {
@@ -86,36 +108,6 @@ TEST(SnapshotTest, RuntimeEntriesVanishedRootsAndLockedOrReadOnlyItemsAreRefused
   EXPECT_EQ(issueKeyOf([&] { scan(volume->child("item"), RuntimeEntries::allow, RemovableCheck::check); }),
             "migration.preflight.not_removable");
   EXPECT_NO_THROW(scan(volume->child("item")));
-}
-
-TEST(SnapshotTest, RequireUnchangedNoticesEveryKindOfChangeAndNamesTheSource) {
-  TemporaryDirectory dir;
-  const std::string root = dir.child("item");
-  writeFile(dir.child("outside.txt"), "x");
-  buildSampleTree(root, {.fifo = true});
-  auto manifest = scan(root);
-  EXPECT_NO_THROW(MigrationIntegrityVerifier::requireUnchanged(root, manifest));
-
-  const std::string file = root + "/Contents/Resources/deep/file5.txt", link = root + "/Contents/dangling",
-                    empty = root + "/empty";
-  struct timespec times[2] = {{0, UTIME_OMIT}, {12345, 678}};
-  const std::vector<std::pair<const char*, std::function<void()>>> changes = {
-      {"appended", [&] { writeFile(file, readFile(file) + "more"); }},
-      {"same size, new time", [&] { utimensat(AT_FDCWD, file.c_str(), times, 0); }},
-      {"mode", [&] { chmod(file.c_str(), 0600); }},
-      {"added", [&] { writeFile(root + "/Contents/new.txt", "n"); }},
-      {"removed", [&] { unlink((root + "/Contents/Resources/empty.txt").c_str()); }},
-      {"link retargeted", [&] { unlink(link.c_str()); symlink("other-target", link.c_str()); }},
-      {"directory replaced", [&] { rename(empty.c_str(), (empty + "-old").c_str()); mkdir(empty.c_str(), 0755); }},
-  };
-  for (const auto& [what, change] : changes) {
-    SCOPED_TRACE(what);
-    change();
-    // The source's path is reported, not the entry's.
-    EXPECT_EQ(issueText([&] { MigrationIntegrityVerifier::requireUnchanged(root, manifest); }),
-              "error.migration_source_changed: " + root);
-    manifest = scan(root);  // accept the change before trying the next one
-  }
 }
 
 }  // namespace
