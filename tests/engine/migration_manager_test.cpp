@@ -1,14 +1,14 @@
-// One item's transfer and the manager's operations on two real ext4 volumes: transfers that
-// keep the original, meet a changing source, a filling or unfit destination; batches; moving
-// an item back (the round trip, conflicts at either end, a filling internal disk) and who may
-// start a move-back when.
+// Transfers and the manager's operations on two real ext4 volumes (changing sources, filling or unfit
+// destinations, batches, moving back, admission), and restoring versions and uninstalling on real folders.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
 
 #include <atomic>
+#include <filesystem>
 #include <thread>
 
+#include "catalogue/app_bundle_metadata.h"
 #include "catalogue/app_manager.h"
 #include "catalogue/migrated_apps_file.h"
 #include "engine/migration_copy_workload.h"
@@ -18,12 +18,15 @@
 #include "engine/migration_transfer.h"
 #include "fixtures/corvane_binary.h"
 #include "fixtures/sample_tree.h"
+#include "fixtures/temporary_directory.h"
 #include "fixtures/test_volume.h"
+#include "platform/file_system.h"
 #include "platform/posix_error.h"
 #include "platform/volume.h"
 #include "support/localization.h"
 #include "support/paths.h"
 #include "support/update_activity.h"
+#include "support/uuid.h"
 
 namespace corvane {
 namespace {
@@ -136,8 +139,7 @@ TEST_F(MigrateBackTest, RoundTripRestoresEverythingButInodesAndChangeTimes) {
   ASSERT_EQ(result.kind, MigrationManager::OperationResult::Kind::succeeded) << result.message << "\n" << log_;
 
   auto after = fullManifest(item_);
-  // A link that climbed out of the item was given the absolute target it named on the way
-  // out and keeps it on the way back: it still reaches the same file.
+  // A link that climbed out of the item got an absolute target on the way out and keeps it: same file.
   const std::string climbing = "Contents/Resources/deep/climbs-out";
   ASSERT_TRUE(before.count(climbing));
   EXPECT_EQ(resolvingSymlinksInPath(item_ + "/" + climbing), resolvingSymlinksInPath(internal_->child("home/me/outside.txt")));
@@ -149,10 +151,8 @@ TEST_F(MigrateBackTest, RoundTripRestoresEverythingButInodesAndChangeTimes) {
   EXPECT_FALSE(MigrationEntry::read(app.targetPath, AT_FDCWD)) << "the external copy is removed";
   EXPECT_TRUE(AppManager::loadRecords(disk_).empty());
   EXPECT_FALSE(hasStagingLeft(parentPath(item_)));
-  for (const auto* key : {"log.migrate_back_start", "log.migrate_back_swap_success", "log.cleaning_migration_record",
-                          "log.migration_record_cleaned", "log.migrate_back_complete"}) {
-    EXPECT_NE(log_.find(localized(key)), std::string::npos) << key;
-  }
+  EXPECT_NE(log_.find(localized("log.migration_record_cleaned")), std::string::npos) << log_;
+  EXPECT_NE(log_.find(localized("log.migrate_back_complete")), std::string::npos) << log_;
   EXPECT_NE(log_.find(formatLocalizedText(localized("log.target_disk_path"), {disk_})), std::string::npos) << log_;
 }
 
@@ -178,8 +178,7 @@ TEST_F(MigrateBackTest, RealFolderAtTheOriginalPathIsNeverReplaced) {
   EXPECT_NE(result.message.find(localized("error.migration_restore_conflict")), std::string::npos) << result.message;
   EXPECT_EQ(readFile(item_ + "/mine.txt"), "the user's own");
   EXPECT_EQ(fullManifest(app.targetPath), external);
-  // Read the file itself: the catalogue hides a record whose original place holds a real
-  // folder, but the record must still be there for when the user sorts the conflict out.
+  // The catalogue hides such a record, but the file must keep it for when the user sorts the conflict out.
   const auto stored = MigratedAppsFile::read(AppManager::getMigratedAppsFilePath(disk_));
   ASSERT_EQ(stored.size(), 1u);
   EXPECT_EQ(stored.front().id, app.id);
@@ -297,8 +296,7 @@ TEST_F(TransferTest, DestinationFillingUpDuringTheCopyRollsBack) {
   unlink((item_ + "/Contents/sparse.bin").c_str());
   before_ = fullManifest(item_);
   destination_ = small->child("Project");
-  // The data's size, rounded up to one page, stays free: the space check counts bytes and
-  // passes, but every small file takes a whole page, so the copy runs out part of the way.
+  // The data's size stays free, so the space check passes, but small files take whole pages and the copy runs out.
   duringCheck_ = [&](const std::string&, const MigrationManifest& manifest) {
     const std::int64_t page = sysconf(_SC_PAGESIZE);
     const std::int64_t room = (MigrationCopyWorkload(manifest, {}).bytes + page - 1) / page * page;
@@ -370,7 +368,6 @@ TEST_F(MigrationManagerTest, SixItemsNeverRunMoreThanFourTransfersAtOnce) {
     EXPECT_EQ(MigrationEntry::read(item, AT_FDCWD).value().kind, MigrationEntry::Kind::symbolicLink);
   }
   EXPECT_EQ(AppManager::loadRecords(disk_).size(), 6u) << "every success is recorded on the disk";
-  EXPECT_NE(manager.logText().find(localized("log.separator_line")), std::string::npos);
 }
 
 TEST_F(MigrationManagerTest, ProtectedItemsAreRefusedAndOnesAlreadyLinkedAreSkipped) {
@@ -391,14 +388,137 @@ TEST_F(MigrationManagerTest, ProtectedItemsAreRefusedAndOnesAlreadyLinkedAreSkip
   EXPECT_NE(again.logText().find(localized("log.migrate_already_done")), std::string::npos);
 }
 
-TEST(MigrationDestinationTest, ApplicationsAndDirectoriesHaveTheirOwnFoldersAndVolumesNameTheirRoot) {
-  EXPECT_EQ(MigrationManager::destinationFor("/Users/a/Projects", "/Volumes/X"), "/Volumes/X/Directories/Users/a/Projects");
-  EXPECT_EQ(MigrationManager::destinationFor("/Applications/Foo.app", "/Volumes/X"), "/Volumes/X/Applications/Foo.app");
+TEST(MigrationDiskRootTest, TargetsUnderVolumesNameTheirVolume) {
   EXPECT_EQ(MigrationManager::destinationFor("/home/me/./data/", "/media/me/disk"), "/media/me/disk/Directories/home/me/data");
   EXPECT_EQ(MigrationManager::diskRootFromTargetPath("/Volumes/X/Applications/Foo.app"), "/Volumes/X");
   EXPECT_EQ(MigrationManager::diskRootFromTargetPath("/Volumes/My Disk/Directories/Users/a/b"), "/Volumes/My Disk");
   EXPECT_EQ(MigrationManager::diskRootFromTargetPath("/media/x/Applications/Foo.app"), std::nullopt);
   EXPECT_EQ(MigrationManager::diskRootFromTargetPath("/Volumes"), std::nullopt);
+}
+
+void makeBundle(const std::string& path, const std::string& version) {
+  writeFile(path + "/Contents/MacOS/Tool", "#!/bin/sh\necho " + version + "\n", 0755);
+  writeFile(path + "/Contents/Info.plist",
+            "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version=\"1.0\"><dict>"
+            "<key>CFBundleShortVersionString</key><string>" + version + "</string></dict></plist>\n");
+}
+
+std::vector<std::string> namesIn(const std::string& directory) {
+  std::vector<std::string> names;
+  for (const auto& entry : std::filesystem::directory_iterator(directory)) names.push_back(entry.path().filename());
+  std::sort(names.begin(), names.end());
+  return names;
+}
+
+class ItemOperationsTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    disk_ = root_.child("disk");
+    target_ = disk_ + "/Applications/Tool.app";
+    version_ = disk_ + "/Applications/Tool_backup_20240101_120000.app";
+    original_ = root_.child("Applications/Tool.app");
+    makeBundle(target_, "2.0");
+    makeBundle(version_, "1.0");
+    makeDirectories(root_.child("Applications"));
+    ASSERT_EQ(symlink(target_.c_str(), original_.c_str()), 0);
+    MigratedApp app;
+    app.id = makeUuidString();
+    app.appName = "Tool.app";
+    app.originalPath = original_;
+    app.targetPath = target_;
+    app.itemType = MigratedItemType::application;
+    app.migratedDate = ReferenceDate::now();
+    AppManager::writeMigratedApps({app}, AppManager::getMigratedAppsFilePath(disk_));
+    app_ = AppManager::loadRecords(disk_).at(0);
+    ASSERT_EQ(app_.backupVersions.size(), 1u);
+  }
+
+  enum class Operation { restore, uninstall };
+  // Runs a restore of the kept version or an uninstall and returns its outcome.
+  MigrationManager::OperationResult operate(Operation operation, const std::function<void()>& beforeCommit = {}) {
+    MigrationManager::Hooks hooks;
+    hooks.beforeCommit = beforeCommit;
+    MigrationManager manager(queue_, apps_, hooks);
+    std::optional<MigrationManager::OperationResult> result;
+    auto done = [&](const auto& outcome) { result = outcome; };
+    if (operation == Operation::restore) {
+      manager.restoreFromBackup(app_.backupVersions.at(0), app_, disk_, done);
+    } else {
+      manager.uninstallApp(app_, {disk_}, done);
+    }
+    EXPECT_TRUE(queue_.runUntil([&] { return result.has_value(); }, std::chrono::seconds(30)));
+    log_ = manager.logText();
+    return result.value_or(MigrationManager::OperationResult{});
+  }
+
+  TemporaryDirectory root_;
+  std::string disk_, target_, version_, original_, log_;
+  MigratedApp app_;
+  MainQueue queue_;
+  AppManager apps_{queue_};
+};
+
+TEST_F(ItemOperationsTest, RestoringPutsTheVersionInPlaceAndKeepsTheCurrentOne) {
+  ASSERT_EQ(operate(Operation::restore).kind, MigrationManager::OperationResult::Kind::succeeded) << log_;
+  EXPECT_EQ(AppBundleMetadata::version(target_), "1.0");
+  EXPECT_FALSE(MigrationEntry::read(version_, AT_FDCWD));
+  const auto names = namesIn(disk_ + "/Applications");
+  ASSERT_EQ(names.size(), 2u);
+  const std::string kept = disk_ + "/Applications/" + (names[0] == "Tool.app" ? names[1] : names[0]);
+  EXPECT_EQ(kept.find("Tool_backup_"), disk_.size() + 14);
+  EXPECT_EQ(AppBundleMetadata::version(kept), "2.0");
+  EXPECT_NE(log_.find(formatLocalizedText(localized("log.restore_complete_versions"), {"2.0", "1.0"})), std::string::npos)
+      << log_;
+  const auto records = AppManager::loadRecords(disk_);
+  ASSERT_EQ(records.size(), 1u);
+  bool listed = false;
+  for (const auto& backup : records[0].backupVersions) listed |= backup.backupPath == kept && backup.exists;
+  EXPECT_TRUE(listed) << "the record lists the kept version, which exists";
+  EXPECT_EQ(MigrationEntry::read(original_, AT_FDCWD).value().kind, MigrationEntry::Kind::symbolicLink);
+}
+
+TEST_F(ItemOperationsTest, VersionWithoutExecutablesChangesNothingAndAFailedRestorePutsTheCurrentOneBack) {
+  removeTreeForcefully(version_ + "/Contents/MacOS");
+  const auto before = namesIn(disk_ + "/Applications");
+  EXPECT_EQ(operate(Operation::restore).kind, MigrationManager::OperationResult::Kind::failed);
+  EXPECT_NE(log_.find(localized("log.restore_incomplete")), std::string::npos) << log_;
+  EXPECT_EQ(namesIn(disk_ + "/Applications"), before);
+  EXPECT_EQ(AppBundleMetadata::version(target_), "2.0");
+  EXPECT_EQ(AppManager::loadRecords(disk_).at(0), app_);
+  // The chosen version vanishes at the last moment: the failed restore puts the current one back.
+  makeBundle(version_, "1.0");
+  const auto result = operate(Operation::restore, [&] { platform::renameExclusive(version_, root_.child("moved-away.app")); });
+  EXPECT_EQ(result.kind, MigrationManager::OperationResult::Kind::failed);
+  EXPECT_NE(log_.find(localized("log.restore_rollback_success")), std::string::npos) << log_;
+  EXPECT_EQ(AppBundleMetadata::version(target_), "2.0");
+  EXPECT_EQ(namesIn(disk_ + "/Applications"), std::vector<std::string>{"Tool.app"}) << "no kept copy stays behind";
+}
+
+TEST_F(ItemOperationsTest, UninstallLeavesARealBundleAndRemovesCopySupportFilesAndRecord) {
+  // The user reinstalled the application at its original location.
+  ASSERT_EQ(unlink(original_.c_str()), 0);
+  makeBundle(original_, "3.0");
+  const std::string support = root_.child("home/Library/Application Support/Tool");
+  writeFile(support + "/settings.json", "{}");
+  app_.supportFiles = {support};
+  EXPECT_EQ(operate(Operation::uninstall).kind, MigrationManager::OperationResult::Kind::succeeded) << log_;
+  EXPECT_EQ(AppBundleMetadata::version(original_), "3.0");
+  EXPECT_NE(log_.find(formatLocalizedText(localized("log.uninstall_real_file_skip"), {original_})), std::string::npos);
+  EXPECT_FALSE(MigrationEntry::read(target_, AT_FDCWD));
+  EXPECT_FALSE(MigrationEntry::read(support, AT_FDCWD));
+  EXPECT_TRUE(MigrationEntry::read(version_, AT_FDCWD)) << "retained versions are not the item";
+  EXPECT_TRUE(AppManager::loadRecords(disk_).empty());
+}
+
+TEST_F(ItemOperationsTest, UninstallNeverDeletesOutsideTheDiskAndReportsItAtTheEnd) {
+  // A tampered record that names a folder outside the disk as the item's copy.
+  const std::string outsider = root_.child("precious");
+  writeFile(outsider + "/data.txt", "keep");
+  app_.targetPath = outsider;
+  EXPECT_EQ(operate(Operation::uninstall).kind, MigrationManager::OperationResult::Kind::failed);
+  EXPECT_EQ(readFile(outsider + "/data.txt"), "keep");
+  EXPECT_NE(log_.find(localized("log.uninstall_complete_with_errors")), std::string::npos);
+  EXPECT_NE(log_.find(localized("log.uninstall_record_deleted")), std::string::npos);
 }
 
 }  // namespace

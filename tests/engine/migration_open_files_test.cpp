@@ -1,6 +1,5 @@
-// The open-file check: reading the lister's field output, the fail-safe rules, grouping, the
-// lsof run through stand-in executables; both real listers over the same live processes; and
-// the message that names the occupants.
+// The open-file check: parsing, fail-safe rules, grouping and its message, lsof through stand-ins,
+// and both real listers over the same live processes.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -29,10 +28,11 @@ namespace {
 using Reason = MigrationOpenFiles::Reason;
 using GroupKind = MigrationOpenFiles::GroupKind;
 
-std::string fields(std::initializer_list<std::string_view> values) {
+// lsof's field output from records written one per line, with '|' ending each field.
+std::string fields(std::string_view records) {
   std::string text;
-  for (auto value : values) (text += value) += '\0';
-  return text + '\n';
+  for (char c : records) text += c == '|' ? std::string(1, '\0') : c == '\n' ? std::string("\0\n", 2) : std::string(1, c);
+  return text;
 }
 
 // An item at /Items/App.app with a few files, as a manifest on device 0x1000007.
@@ -59,25 +59,18 @@ TEST(MigrationOpenFilesTest, ParsesFieldOutputAndKeepsOnlyTheItemsFiles) {
   EXPECT_EQ(index.at({0x1000007, 103}).relativePath, "Contents/alias.db") << "the first path in manifest order";
   EXPECT_EQ(index.at({0x1000007, 103}).otherPaths, std::vector<std::string>{"Contents/data.db"});
 
-  std::string output;
-  output += fields({"p311", "cApp"});
-  output += fields({"fcwd", "a ", "tDIR", "D0x1000007", "i100", "n/Items/App.app"});
-  output += fields({"ftxt", "a ", "tREG", "D0x1000007", "i102", "n/Items/App.app/Contents/MacOS/App"});
-  output += fields({"fmem", "a ", "tREG", "D0x1000004", "i9", "n/usr/lib/dyld"});
-  output += fields({"f3", "au", "tREG", "D0x1000007", "i103", "n/Items/App.app/Contents/data.db"});
-  output += fields({"f4", "ar", "tREG", "D0x1000007", "i104", "n/Items/App.app/Contents/odd name\\n.txt"});
-  output += fields({"f5", "au", "tunix", "D0x1000007", "i105", "n/Items/App.app/Contents/run.sock"});
-  output += fields({"f6", "ar", "tCHR", "D0x3000000", "i3", "n/dev/null"});
   // lsof lists a process once more for each thread; those repeats are the same references.
-  output += fields({"p311", "cApp"});
-  output += fields({"fcwd", "a ", "tDIR", "D0x1000007", "i100", "n/Items/App.app"});
-  output += fields({"p42", "cback\\x5cup ^Atool"});
-  output += fields({"f7", "aw", "tREG", "D0x1000007", "i103", "n/Backups/other-link.db"});
-  output += fields({"f8", "ar", "tDIR", "D0x1000007", "i101", "n/Items/App.app/Contents"});
-  output += fields({"fmem", "a ", "tREG", "D0x27", "i257", "n/Items/App.app/Contents/subvolume.lib (path dev=0,41)"});
-  output += fields({"fcwd", "a ", "tDIR", "D0x1000007", "i100", "n/Items/App.app"});
-  output += fields({"fNOFD", "a ", "tunknown", "n/proc/42/fd (opendir: Permission denied)"});
-
+  const std::string output = fields(
+      "p311|cApp\nfcwd|a |tDIR|D0x1000007|i100|n/Items/App.app\n"
+      "ftxt|a |tREG|D0x1000007|i102|n/Items/App.app/Contents/MacOS/App\nfmem|a |tREG|D0x1000004|i9|n/usr/lib/dyld\n"
+      "f3|au|tREG|D0x1000007|i103|n/Items/App.app/Contents/data.db\n"
+      "f4|ar|tREG|D0x1000007|i104|n/Items/App.app/Contents/odd name\\n.txt\n"
+      "f5|au|tunix|D0x1000007|i105|n/Items/App.app/Contents/run.sock\nf6|ar|tCHR|D0x3000000|i3|n/dev/null\n"
+      "p311|cApp\nfcwd|a |tDIR|D0x1000007|i100|n/Items/App.app\n"
+      "p42|cback\\x5cup ^Atool\nf7|aw|tREG|D0x1000007|i103|n/Backups/other-link.db\n"
+      "f8|ar|tDIR|D0x1000007|i101|n/Items/App.app/Contents\n"
+      "fmem|a |tREG|D0x27|i257|n/Items/App.app/Contents/subvolume.lib (path dev=0,41)\n"
+      "fcwd|a |tDIR|D0x1000007|i100|n/Items/App.app\nfNOFD|a |tunknown|n/proc/42/fd (opendir: Permission denied)\n");
   std::vector<std::string> found;
   const auto references = MigrationOpenFiles::references(output, "/Items/App.app", index);
   for (const auto& r : references) {
@@ -105,8 +98,7 @@ TEST(MigrationOpenFilesTest, ParsesFieldOutputAndKeepsOnlyTheItemsFiles) {
 }
 
 TEST(MigrationOpenFilesTest, ListerTextEscapingRoundTripsEveryByteButTheCaret) {
-  // lsof prints a control character as ^X and a real "^X" the same way, so that one pair cannot
-  // come back (names are only shown, never used to find files).
+  // A control character and a real "^X" print alike, so that pair alone cannot come back (names are only shown).
   std::string all;
   for (int byte = 1; byte < 256; ++byte) all += byte == '^' ? std::string() : std::string(1, static_cast<char>(byte));
   const std::string escaped = platform::escapeListerText(all);
@@ -124,7 +116,7 @@ TEST(MigrationOpenFilesTest, EveryDoubtAboutTheListerMakesTheStateUnknown) {
   const auto check = [](const MigrationOpenFiles::Inspect& inspect) {
     return MigrationOpenFiles::occupyingReferences("/Items/App.app", sampleIndex(), inspect);
   };
-  const std::string someone = fields({"p1", "claunchd"}) + fields({"fcwd", "a ", "tDIR", "D0x1000002", "i2", "n/"});
+  const std::string someone = fields("p1|claunchd\nfcwd|a |tDIR|D0x1000002|i2|n/\n");
   EXPECT_TRUE(check(answering(1, "")).empty()) << "status 1 without output: nothing is open at all";
   EXPECT_TRUE(check(answering(0, someone)).empty());
   const std::vector<std::pair<std::string, MigrationOpenFiles::Inspect>> doubts = {
@@ -134,8 +126,8 @@ TEST(MigrationOpenFilesTest, EveryDoubtAboutTheListerMakesTheStateUnknown) {
       {"status 2", answering(2, someone)},
       {"killed", answering(137, someone)},
       {"output cut inside a field", answering(0, std::string("p1\0cla", 6))},
-      {"file before any process", answering(0, fields({"f3", "ar", "tREG", "D0x1", "i5", "nx"}))},
-      {"unreadable device", answering(0, fields({"p1", "cx"}) + fields({"f3", "D0xzz", "i5"}))},
+      {"file before any process", answering(0, fields("f3|ar|tREG|D0x1|i5|nx\n"))},
+      {"unreadable device", answering(0, fields("p1|cx\nf3|D0xzz|i5\n"))},
       {"lister missing", [](const MigrationOpenFiles::FileIndex&) -> MigrationOpenFiles::Result {
          throw platform::PosixError(ENOENT, "/usr/sbin/lsof");
        }}};
@@ -229,8 +221,7 @@ TEST(MigrationOpenFilesTest, LsofRunsInTheCLocaleOutsideAnyItemAndWithinBounds) 
 using Reference = MigrationOpenFiles::Reference;
 using Paths = std::multimap<std::string, Reason>;
 
-// lsof warns about every mount it cannot stat anywhere on the machine (a FUSE volume whose driver
-// died, say). Those lines say nothing about the item under test, so only they are set aside.
+// lsof warns about any mount on the machine it cannot stat (a dead FUSE driver, say): only those lines are set aside.
 std::string errorsAboutTheItem(const std::string& standardError, const std::string& item) {
   std::string kept;
   bool continuingWarning = false;
@@ -255,8 +246,7 @@ std::string describe(const std::vector<Reference>& references) {
   return text;
 }
 
-// Runs the native scan (whole and filtered by the item's files) and lsof over `item`, expects
-// all three to agree, and returns the native references.
+// Runs the native scan (whole and filtered) and lsof over `item`, expects all three to agree, returns the native one.
 std::vector<Reference> listersAgreeOn(const std::string& item) {
   const auto index = MigrationOpenFiles::fileIndex(snapshotOf(item));
   auto referencesOf = [&](const MigrationOpenFiles::Result& run) {
@@ -296,8 +286,7 @@ TEST(MigrationOpenFilesListersTest, NativeScanAndLsofFindTheSameOccupantsForTheS
   writeFile(item + "/log.txt", "");
   writeFile(item + "/library.bin", std::string(8192, 'L'));
   writeFile(item + "/mine.txt", "mine\n");
-  // A name with a newline, a tab, a backslash, UTF-8 and a control character: lsof escapes
-  // every one of them, and the name must come back as the real path.
+  // lsof escapes every odd byte of this name, and the name must come back as the real path.
   const std::string oddName = "odd\nname\twith\\ and \xc3\xbc \x01.txt";
   writeFile(item + "/" + oddName, "odd\n");
   writeFile(item + "/linked.txt", "linked\n");
@@ -339,8 +328,7 @@ TEST(MigrationOpenFilesListersTest, NativeScanAndLsofFindTheSameOccupantsForTheS
 }
 
 TEST(MigrationOpenFilesListersTest, MappedFileOnABtrfsSubvolumeIsFoundByBothListers) {
-  // A btrfs subvolume's files are mapped under the file system's device while stat reports the
-  // subvolume's; lsof notes the path's device, and that note finds the item's file.
+  // Mappings name the file system's device, stat the subvolume's; lsof's note of the path's device finds the file.
   CORVANE_NEEDS_LSOF();
   CORVANE_TEST_VOLUME(volume, VolumeKind::btrfs);
   platform::ProcessRequest request;

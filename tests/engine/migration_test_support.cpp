@@ -1,10 +1,10 @@
 #include "engine/migration_test_support.h"
 
-#include <dirent.h>
 #include <signal.h>
 #include <sys/stat.h>
 
 #include <cerrno>
+#include <filesystem>
 #include <stdexcept>
 
 #include "engine/migration_integrity_verifier.h"
@@ -56,15 +56,12 @@ std::map<std::string, std::string> fullManifest(const std::string& root) {
 }
 
 bool hasStagingLeft(const std::string& directory) {
-  bool found = false;
-  if (DIR* dir = opendir(directory.c_str())) {
-    while (dirent* item = readdir(dir)) {
-      const std::string name = item->d_name;
-      found |= name.rfind(".corvane-", 0) == 0 || name.rfind(".corvane_", 0) == 0;
-    }
-    closedir(dir);
+  std::error_code error;
+  for (const auto& entry : std::filesystem::directory_iterator(directory, error)) {
+    const std::string name = entry.path().filename();
+    if (name.rfind(".corvane-", 0) == 0 || name.rfind(".corvane_", 0) == 0) return true;
   }
-  return found;
+  return false;
 }
 
 }  // namespace corvane

@@ -1,5 +1,4 @@
-// Helpers shared by the migration tests: a deferring prompter, stand-in executables, a full
-// description of a tree for before/after comparisons, and leftover-staging checks.
+// Helpers shared by the migration tests: a deferring prompter, stand-in scripts, tree manifests, staging checks.
 #pragma once
 
 #include <sys/types.h>
@@ -29,9 +28,8 @@ std::string writeScript(const std::string& directory, const std::string& name, c
 bool processIsReaped(pid_t pid);
 MigrationManifest snapshotOf(const std::string& root);
 
-// Every entry of a tree with kind, mode, owner, size, modification time, link count, data,
-// link target, extended attributes, ACL presence and hard-link groups (not inode numbers or
-// change times, which no copy can keep).
+// Every entry's kind, mode, owner, size, mtime, links, data, target, xattrs, ACL and hard-link group: all a
+// copy can keep (not inodes or change times).
 std::map<std::string, std::string> fullManifest(const std::string& root);
 // True when `directory` holds a ".corvane-…" or ".corvane_…" leftover of an operation.
 bool hasStagingLeft(const std::string& directory);
