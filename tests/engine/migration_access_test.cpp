@@ -51,7 +51,6 @@ class AccessFixture : public ::testing::Test {
     makeDirectories(internal_->child("Applications"));
     makeDirectories(external_->child("Applications"));
   }
-
   void makeItem(const std::string& name) {
     source_ = internal_->child("Applications/" + name);
     buildSampleTree(source_);
@@ -60,14 +59,12 @@ class AccessFixture : public ::testing::Test {
     target_ = external_->child("Applications/" + name);
     copyTree(source_, target_);
   }
-
   void useAdministrator() {
     readOnly_ = TestVolume::create(VolumeKind::tmpfs);
     writeFile(readOnly_->child("reference"), "");
     remountReadOnly(*readOnly_);
     permissionReference_ = readOnly_->child("reference");
   }
-
   MigrationAccess::Configuration configuration() const {
     return {runner_, MigrationPrivilegedCommands(platform::PrivilegedCommandStyle::corvaneHelper, corvaneBinaryPath()),
             {}};
@@ -75,7 +72,6 @@ class AccessFixture : public ::testing::Test {
   MigrationAccess access() const {
     return MigrationAccess(source_, manifest_.at(""), permissionReference_, configuration());
   }
-
   // A probe directory or anything else of ours left beside the item.
   bool leftovers() const {
     const auto names = namesIn(internal_->child("Applications"));
@@ -90,7 +86,7 @@ class AccessFixture : public ::testing::Test {
   std::shared_ptr<ShellAdministratorRunner> runner_ = std::make_shared<ShellAdministratorRunner>();
 };
 
-// The user's own path is exercised by the transfer tests; here every step runs as a command.
+// The user's own path is exercised by the manager's round trip; here every step runs as a command.
 TEST_F(AccessFixture, ThroughTheAdministratorTheItemGoesAndComesBackUnlessSomethingChanged) {
   useAdministrator();
   // Every character a shell or a script literal could trip over.
@@ -157,13 +153,11 @@ TEST_F(AccessFixture, LockedReplacedOrMovedItemsAreNeverTouched) {
   EXPECT_EQ(issueKeyOf([&] { access().prepare(); }), "migration.preflight.locked");
   EXPECT_FALSE(leftovers()) << "a locked item fails the rehearsal before any probe exists";
   platform::setFileFlags(source_, 0);
-
   MigrationEntry other = manifest_.at("");
   other.inode += 1;
   EXPECT_EQ(issueKeyOf([&] { MigrationAccess(source_, other, std::nullopt, configuration()); }),
             "error.migration_source_changed");
   EXPECT_EQ(issueKeyOf([&] { MigrationAccess(internal_->child("outside.txt/inner")); }), "migration.preflight.parent");
-
   // The item's directory moved away and another put in its place with an item of the same name.
   MigrationAccess access = this->access();
   const std::string parent = internal_->child("Applications");
@@ -173,7 +167,6 @@ TEST_F(AccessFixture, LockedReplacedOrMovedItemsAreNeverTouched) {
   EXPECT_EQ(issueKeyOf([&] { access.install(target_, {}); }), "migration.preflight.parent");
   EXPECT_EQ(entryAt(source_)->kind, Kind::directory);
   EXPECT_EQ(entryAt(internal_->child("Applications-moved/Item.app"))->kind, Kind::directory);
-
   // The item itself replaced after the access was made.
   ASSERT_EQ(::rmdir(source_.c_str()), 0);
   ASSERT_EQ(::rmdir(parent.c_str()), 0);
@@ -209,7 +202,6 @@ TEST_F(AccessFixture, AdministratorCommandsMoveNothingUnlessTheyRunAsWritten) {
     EXPECT_EQ(entryAt(parent + "/Item")->kind, Kind::directory) << "nothing was swapped";
     EXPECT_EQ(entryAt(parent + "/Item.link")->kind, Kind::symbolicLink);
   }
-
   // A dismissed dialog defers; a command that fails is an authorization failure.
   makeItem("Item.app");
   MigrationAccess access = this->access();
@@ -222,7 +214,6 @@ TEST_F(AccessFixture, AdministratorCommandsMoveNothingUnlessTheyRunAsWritten) {
   EXPECT_EQ(issueKeyOf([&] { MigrationAccess::runAdministrator("echo refused >&2; exit 3", *runner_); }),
             "migration.preflight.authorization_failed");
   EXPECT_NO_THROW(MigrationAccess::runAdministrator("true", *runner_));
-
   // Through install(): the item replaced just before the checked command runs.
   runner_->beforeRun = [&](const std::string& command) {
     if (command.find("--checked") == std::string::npos) return;
@@ -247,7 +238,6 @@ TEST_F(AccessFixture, TheCleanUpRemovesNothingUnlessTheWholeTreeIsAsRecorded) {
   const auto relocated = MigrationLinkPlan::relocatedTargets(source_, manifest_);
   auto attempt = [&] { access.cleanupBackup(backup, manifest_, {}, relocated); };
   const std::size_t count = scanned(backup).size();
-
   EXPECT_EQ(issueKeyOf(attempt), "migration.preflight.occupancy_unknown");
   busy = false;
   writeFile(backup + "/Contents/written-after-the-scan", "new data");

@@ -33,7 +33,6 @@ TEST(AppleScriptTest, TheScriptKeepsTheMeaningOfAnyCommandAndItsAnswerIsReadStri
     unescaped.push_back(next == 0 ? escaped[i] : next == 'n' ? '\n' : next == 'r' ? '\r' : next);
   }
   EXPECT_EQ(unescaped, command);
-
   // What the launchers answer is read strictly: anything unexpected is a failure.
   auto exited = [](int code) { return platform::ProcessExit{code, 0}; };
   EXPECT_EQ(platform::interpretAppleScriptResult(exited(0), " 0\n").outcome, AdministratorOutcome::succeeded);
@@ -74,7 +73,6 @@ TEST(PrivilegedCommandsTest, TheCheckedScriptChecksThreeIdentitiesAndSwapsOnce) 
   // The rehearsal swaps there and back without checks.
   EXPECT_EQ(MigrationPrivilegedCommands::exchangeScript(item, link, ExchangeCheck::rehearsal),
             expected.substr(0, expected.find("var a=")) + swap + swap);
-
   // The checked form is written from what exists now; a missing object is the error of its path.
   try {
     MigrationPrivilegedCommands::exchangeScript(item, dir.child("absent"), ExchangeCheck::checked);
@@ -101,7 +99,6 @@ TEST(PrivilegedCommandsTest, CommandsQuoteTheirScriptsAndBinaryAndSplitLongRemov
   const MigrationPrivilegedCommands helper(platform::PrivilegedCommandStyle::corvaneHelper, "/opt/it's/corvane");
   EXPECT_EQ(helper.exchangeCommand("/a/b", "/a/link", ExchangeCheck::rehearsal),
             "'/opt/it'\\''s/corvane' --corvane-exchange --rehearse '/a/b' '/a/link'");
-
   EXPECT_EQ(MigrationPrivilegedCommands::removeDirectoriesCommands({"/a/b", "/a"}),
             std::vector<std::string>{"/bin/rmdir '/a/b' '/a'"});
   // A long list is split, children still before their parents, each text within the limit.

@@ -22,7 +22,6 @@ TEST(MigrationSourceSwitchTest, InstallLeavesALinkAndKeepsTheOriginalUnderATempo
   const auto before = scanned(source);
   const std::string target = external->child("Item.app");
   copyTree(source, target);
-
   bool hookRan = false;
   const std::string temporary = MigrationSourceSwitch::install(
       source, target,
@@ -88,7 +87,6 @@ TEST(MigrationSourceSwitchTest, AnyRefusalBeforeTheSwapLeavesOnlyTheSourceAndPro
   }
   EXPECT_EQ(namesIn(dir.path()), (std::vector<std::string>{"Item", "copy"}));
   EXPECT_EQ(readFile(dir.child("Item/data.txt")), "data");
-
   // A staged copy is promoted only to a free name.
   writeFile(dir.child("staging/payload/data"), "copy");
   ASSERT_EQ(::symlink("/nowhere", dir.child("dangling").c_str()), 0);

@@ -85,7 +85,6 @@ TEST(MigrationVerificationTest, AFaithfulCopyPassesWithEveryByteAndEntryCounted)
   staged.stage();
   const std::set<std::string> inactive{"Contents/stale.sock"};
   ASSERT_EQ(::unlink((staged.copy + "/Contents/stale.sock").c_str()), 0);
-
   MigrationVerificationOptions options;
   options.repair = MigrationEntryRepair::rebuild;
   options.inactiveSockets = inactive;
@@ -100,7 +99,6 @@ TEST(MigrationVerificationTest, AFaithfulCopyPassesWithEveryByteAndEntryCounted)
   options.checking = [&](const std::string& path) { checked.push_back(path); };
   options.repaired = [&](const std::string& path) { repaired.push_back(path); };
   MigrationIntegrityVerifier::verify(staged.source, staged.copy, staged.manifest, options);
-
   const MigrationCopyWorkload workload(staged.manifest, inactive);
   EXPECT_EQ(last.bytes, workload.bytes) << "hard-linked data is compared once";
   EXPECT_EQ(last.entries, workload.entries);
@@ -144,7 +142,6 @@ TEST(MigrationVerificationTest, DamageBeneathThePageCacheIsFoundAndRepairedOnce)
   ASSERT_TRUE(damageOnDevice(*volume, marker));
   ASSERT_EQ(readFile(staged.copy + "/Contents/payload.bin"), payload) << "the cached pages still look right";
   EXPECT_EQ(staged.verifyKey(), "error.migration_copy_mismatch");
-
   int repairs = 0;
   MigrationVerificationOptions damagingAgain;
   damagingAgain.repair = [&](const MigrationRepairRequest& request) {
@@ -154,10 +151,8 @@ TEST(MigrationVerificationTest, DamageBeneathThePageCacheIsFoundAndRepairedOnce)
   };
   EXPECT_EQ(staged.verifyKey(damagingAgain), "error.migration_copy_mismatch");
   EXPECT_EQ(repairs, 1);
-
   EXPECT_EQ(staged.repaired(), std::vector<std::string>{"Contents/payload.bin"});
   EXPECT_EQ(readFile(staged.copy + "/Contents/payload.bin"), payload);
-
   // Data still in the page cache has not reached the drive: the verification puts it there
   // before it reads anything back (unless the kernel already wrote it back on its own).
   const std::string late = patternedBytes(64 * 1024, 6);
@@ -188,7 +183,6 @@ TEST(MigrationVerificationTest, WrongEntriesOfEveryKindAreFoundAndRebuilt) {
   removeTreeForcefully(copy + "Contents/Resources/deep/deeper");
   ASSERT_EQ(::unlink((copy + "Contents/pipe").c_str()), 0);
   writeFile(copy + "Contents/pipe", "not a fifo");
-
   EXPECT_EQ(staged.verifyKey(), "error.migration_copy_mismatch");
   auto repaired = staged.repaired();
   std::sort(repaired.begin(), repaired.end());
@@ -200,7 +194,6 @@ TEST(MigrationVerificationTest, WrongEntriesOfEveryKindAreFoundAndRebuilt) {
   EXPECT_EQ(*entryAt(copy + "Contents/Resources/deep/climbs-out")->link, staged.sourceDirectory.child("outside.txt"));
   EXPECT_EQ(*entryAt(copy + "stays-in")->link, "Contents");
   EXPECT_EQ(readFile(copy + "Contents/Resources/deep/deeper/private.txt"), "secret\n");
-
   // Without hard links preserved a split group is acceptable.
   ASSERT_EQ(::unlink((copy + "second").c_str()), 0);
   writeFile(copy + "second", "shared contents\n");

@@ -39,7 +39,6 @@ class CopierTest : public ::testing::Test {
     makeDirectories(from_->child("home"));
     writeFile(from_->child("home/outside.txt"), "outside");
   }
-
   void copy(const std::set<std::string>& inactive = {}) {
     manifest_ = scanned(source_);
     staging_ = std::make_unique<MigrationStagingArea>(source_, to_->child("Applications/Sample.app"), to_->mountPoint());
@@ -67,7 +66,6 @@ TEST_F(CopierTest, CopyKeepsEveryPropertyOfEveryObjectAcrossVolumes) {
   const std::set<std::string> inactive{"Contents/stale.sock"};
   copy(inactive);
   const std::string payload = staging_->payload();
-
   // Kinds, bytes, hard-link groups and (planned) link texts; then what the verifier leaves out.
   MigrationVerificationOptions verification;
   verification.inactiveSockets = inactive;
@@ -95,7 +93,6 @@ TEST_F(CopierTest, CopyKeepsEveryPropertyOfEveryObjectAcrossVolumes) {
             std::string("value\0with nul", 14));
   EXPECT_EQ(platform::readExtendedAttribute(payload + "/Contents/Resources", "user.corvane.dir"), "directory attribute");
   EXPECT_TRUE(platform::hasExtendedAccessControlList(payload + "/Contents/Resources/deep/file2.txt"));
-
   // Progress never goes back and ends at the workload, hard-linked data credited once.
   ASSERT_FALSE(updates_.empty());
   for (std::size_t i = 1; i < updates_.size(); ++i) {
@@ -105,7 +102,6 @@ TEST_F(CopierTest, CopyKeepsEveryPropertyOfEveryObjectAcrossVolumes) {
   const MigrationCopyWorkload workload(manifest_, inactive);
   EXPECT_EQ(updates_.back().bytes, workload.bytes);
   EXPECT_EQ(updates_.back().entries, workload.entries);
-
   // A socket nobody declared inactive stops the copy; all it made goes with the staging area.
   staging_->discardAfterRollback();
   EXPECT_EQ(issueKeyOf([&] { copy({}); }), "migration.preflight.runtime");
@@ -123,7 +119,6 @@ TEST_F(CopierTest, ACancelledCopyIsDiscardedWholeAndNoCopyMergesIntoAnExistingTr
                platform::PosixError);
   cancelled.discardAfterRollback();
   EXPECT_FALSE(entryAt(cancelled.root()));
-
   MigrationStagingArea staging(source_, to_->child("Sample.app"), to_->mountPoint());
   writeFile(staging.payload() + "/someone-elses", "keep");
   try {
@@ -146,7 +141,6 @@ TEST(CopyWorkloadTest, HardLinksArePaidOnceAndInactiveSocketsAreNotEntries) {
   EXPECT_EQ(workload.bytes, 10);
   EXPECT_EQ(workload.totalBytes, 20);
   EXPECT_EQ(workload.entries, 3);  // root and the two names; the socket is left out
-
   // A damaged manifest credits no bytes for negative sizes or directories.
   MigrationManifest odd{{"x", {}}, {"d", {}}};
   odd["x"].size = -7;
@@ -193,7 +187,6 @@ TEST(LinkPlanTest, OnlyLinksThatClimbOutOfTheItemAreRewritten) {
     }
   }
   for (const auto& [path, target] : links) ASSERT_EQ(symlink(target.c_str(), (root + "/" + path).c_str()), 0) << path;
-
   EXPECT_EQ(MigrationLinkPlan::relocatedTargets(root, scanned(root)),
             (std::map<std::string, std::string>{{"climbs", home + "/x"},
                                                 {"sibling", home + "/shared"},
@@ -217,7 +210,6 @@ TEST(StagingAreaTest, RemovalStopsAtAnythingItDidNotCreate) {
   writeFile(staging.payload() + "/sub/replacement", "replaced");
   ASSERT_EQ(rename((staging.payload() + "/sub/replacement").c_str(), (staging.payload() + "/sub/ours").c_str()), 0);
   EXPECT_EQ(issueKeyOf([&] { staging.recordCreated(staging.payload() + "/sub/ours"); }), "migration.safety.conflict");
-
   MigrationStagingArea other(dir.child("item"), dir.child("dest/item"), dir.path());
   makeDirectories(other.payload());
   other.recordCreated(other.payload());

@@ -44,7 +44,6 @@ TEST(ProgressTrackerTest, CountersNeverMoveBackwardsOrPassTheirTotals) {
   EXPECT_EQ(item.verifiedBytes, 1000);
   EXPECT_EQ(item.verificationBytes, 1000);
   EXPECT_EQ(item.verifiedEntries, 10);
-
   // Scanning counts entries; reports about unknown items are ignored.
   tracker.scanned("b", "one");
   tracker.scanned("b", "two");

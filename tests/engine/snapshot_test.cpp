@@ -49,7 +49,6 @@ TEST(SnapshotTest, RecordsEveryObjectOnceWithoutFollowingLinksAndNoticesEveryCha
     const std::string parent = slash == std::string::npos ? "" : visited[i].substr(0, slash);
     EXPECT_LT(std::find(visited.begin(), visited.end(), parent) - visited.begin(), static_cast<long>(i)) << visited[i];
   }
-
   EXPECT_EQ(manifest.at("Contents/Resources/deep/climbs-out").link, "../../../../outside.txt");
   EXPECT_EQ(manifest.at("Contents/absolute-link").link, "/etc/hostname");
   EXPECT_EQ(manifest.count("Contents/absolute-link/x"), 0u);
@@ -59,7 +58,6 @@ TEST(SnapshotTest, RecordsEveryObjectOnceWithoutFollowingLinksAndNoticesEveryCha
   // Hard links appear once per path, with one identity.
   EXPECT_EQ(manifest.at("Contents/hardlink.txt").identity(), manifest.at("Contents/Resources/deep/file3.txt").identity());
   EXPECT_NE(manifest.at("Contents/Resources/deep/file4.txt").identity(), manifest.at("Contents/Resources/deep/file3.txt").identity());
-
   // A later scan notices every kind of change, and reports the source's path, not the entry's.
   EXPECT_NO_THROW(MigrationIntegrityVerifier::requireUnchanged(root, manifest));
   const std::string file = root + "/Contents/Resources/deep/file5.txt", link = root + "/Contents/dangling",
@@ -91,7 +89,6 @@ TEST(SnapshotTest, RuntimeEntriesVanishedRootsAndLockedOrReadOnlyItemsAreRefused
   EXPECT_EQ(issueText([&] { scan(dir.child("socket"), RuntimeEntries::refuse); }).rfind("error.migration_special_file", 0), 0u);
   EXPECT_NO_THROW(scan(dir.child("socket"), RuntimeEntries::allow));
   EXPECT_EQ(issueText([&] { scan(dir.child("gone")); }), "error.migration_source_changed: " + dir.child("gone"));
-
   try {
     buildSampleTree(dir.child("item"), {.immutableFile = true});
   } catch (const std::exception& unsupported) {
