@@ -63,9 +63,8 @@ struct StagedCopy {
     return issueKeyOf([&] { MigrationIntegrityVerifier::verify(source, copy, manifest, options); });
   }
   // Verifies with the migration's repair and returns the paths it rebuilt.
-  std::vector<std::string> repaired() {
+  std::vector<std::string> repaired(MigrationVerificationOptions options = {}) {
     std::vector<std::string> paths;
-    MigrationVerificationOptions options;
     options.repair = MigrationEntryRepair::rebuild;
     options.repaired = [&](const std::string& path) { paths.push_back(path); };
     MigrationIntegrityVerifier::verify(source, copy, manifest, options);
@@ -86,24 +85,21 @@ TEST(MigrationVerificationTest, AFaithfulCopyPassesWithEveryByteAndEntryCounted)
   const std::set<std::string> inactive{"Contents/stale.sock"};
   ASSERT_EQ(::unlink((staged.copy + "/Contents/stale.sock").c_str()), 0);
   MigrationVerificationOptions options;
-  options.repair = MigrationEntryRepair::rebuild;
   options.inactiveSockets = inactive;
   options.relocated.emplace();  // cp kept every link text as it was
   MigrationVerificationProgress last;
-  std::vector<std::string> checked, repaired;
+  std::vector<std::string> checked;
   options.progress = [&](const MigrationVerificationProgress& progress) {
     EXPECT_GE(progress.bytes, last.bytes);
     EXPECT_GE(progress.entries, last.entries);
     last = progress;
   };
   options.checking = [&](const std::string& path) { checked.push_back(path); };
-  options.repaired = [&](const std::string& path) { repaired.push_back(path); };
-  MigrationIntegrityVerifier::verify(staged.source, staged.copy, staged.manifest, options);
+  EXPECT_TRUE(staged.repaired(options).empty());
   const MigrationCopyWorkload workload(staged.manifest, inactive);
   EXPECT_EQ(last.bytes, workload.bytes) << "hard-linked data is compared once";
   EXPECT_EQ(last.entries, workload.entries);
   EXPECT_EQ(checked.size(), staged.manifest.size() - inactive.size());
-  EXPECT_TRUE(repaired.empty());
 }
 
 // Contents are compared in chunks: a difference in the last, partial one is found, as is a short

@@ -27,7 +27,7 @@ MigrationCopyWorkload workload(std::int64_t bytes, std::int64_t entries) {
   return result;
 }
 
-TEST(ProgressTrackerTest, CountersNeverMoveBackwardsOrPassTheirTotals) {
+TEST(ProgressTrackerTest, CountersNeverMoveBackwardsOrPassTheirTotalsAndRatesOnlyCountCopying) {
   auto tracker = makeTracker();
   tracker.plan("a", workload(1000, 10));
   tracker.copied("a", 600, 4, "x");
@@ -56,26 +56,23 @@ TEST(ProgressTrackerTest, CountersNeverMoveBackwardsOrPassTheirTotals) {
   EXPECT_EQ(items[0].scannedEntries, 2);
   EXPECT_EQ(items[0].path, "two");
   EXPECT_EQ(items[1].scannedEntries, 0);
-}
-
-TEST(ProgressTrackerTest, RateIsMeasuredOnlyWhileCopyingAMeasurableItem) {
-  auto tracker = makeTracker();
-  tracker.plan("a", workload(1 << 30, 10));
-  tracker.setMeasurable("a", true);
-  tracker.setPhase("a", Phase::copying);
-  tracker.copied("a", 100, 1, "");
-  EXPECT_EQ(tracker.sample(10.0)[1].bytesPerSecond, 0);  // first sample
-  tracker.copied("a", 1100, 1, "");
-  EXPECT_DOUBLE_EQ(tracker.sample(10.5)[1].bytesPerSecond, 2000);
-  tracker.setPhase("a", Phase::verifying);
-  tracker.copied("a", 2100, 1, "");
-  EXPECT_EQ(tracker.sample(11.0)[1].bytesPerSecond, 0);
-  tracker.setPhase("a", Phase::copying);
-  tracker.setMeasurable("a", false);
-  tracker.copied("a", 3100, 1, "");
-  EXPECT_EQ(tracker.sample(11.5)[1].bytesPerSecond, 0);
-  tracker.setMeasurable("a", true);
-  EXPECT_EQ(tracker.sample(11.5)[1].bytesPerSecond, 0);  // no time has passed
+  // The rate is measured only while a measurable item copies.
+  tracker.plan("b", workload(1 << 30, 10));
+  tracker.setMeasurable("b", true);
+  tracker.setPhase("b", Phase::copying);
+  tracker.copied("b", 100, 1, "");
+  EXPECT_EQ(tracker.sample(10.0)[0].bytesPerSecond, 0);  // first sample
+  tracker.copied("b", 1100, 1, "");
+  EXPECT_DOUBLE_EQ(tracker.sample(10.5)[0].bytesPerSecond, 2000);
+  tracker.setPhase("b", Phase::verifying);
+  tracker.copied("b", 2100, 1, "");
+  EXPECT_EQ(tracker.sample(11.0)[0].bytesPerSecond, 0);
+  tracker.setPhase("b", Phase::copying);
+  tracker.setMeasurable("b", false);
+  tracker.copied("b", 3100, 1, "");
+  EXPECT_EQ(tracker.sample(11.5)[0].bytesPerSecond, 0);
+  tracker.setMeasurable("b", true);
+  EXPECT_EQ(tracker.sample(11.5)[0].bytesPerSecond, 0);  // no time has passed
 }
 
 TEST(ProgressTrackerTest, ClockDeliversSamplesUntilStoppedWhileWorkersReport) {
