@@ -14,29 +14,6 @@ namespace {
 using Kind = MigrationEntry::Kind;
 const auto direct = MigrationSwitchOperations::direct;
 
-TEST(MigrationSourceSwitchTest, InstallLeavesALinkAndKeepsTheOriginalUnderATemporaryName) {
-  CORVANE_TEST_VOLUME(internal, VolumeKind::ext4);
-  CORVANE_TEST_VOLUME(external, VolumeKind::xfs);
-  const std::string source = internal->child("Item.app");
-  buildSampleTree(source);
-  const auto before = scanned(source);
-  const std::string target = external->child("Item.app");
-  copyTree(source, target);
-  bool hookRan = false;
-  const std::string temporary = MigrationSourceSwitch::install(
-      source, target,
-      [&] {
-        hookRan = true;
-        EXPECT_EQ(entryAt(source)->kind, Kind::directory) << "nothing is swapped before the last hook";
-      },
-      direct());
-  EXPECT_TRUE(hookRan);
-  EXPECT_EQ(temporary.rfind(source + ".corvane_backup_", 0), 0u);
-  ASSERT_EQ(entryAt(source)->kind, Kind::symbolicLink);
-  EXPECT_EQ(*entryAt(source)->link, target);
-  EXPECT_EQ(scanned(temporary).at("").identity(), before.at("").identity());
-}
-
 // On a file system without the swap the exchange refuses and leaves both objects as they were;
 // a whole install from there (FAT cannot even hold the link) leaves the source and no temporary name.
 TEST(MigrationSourceSwitchTest, AFileSystemThatCannotSwapLeavesEverythingInPlace) {
@@ -101,12 +78,13 @@ TEST(MigrationSourceSwitchTest, AnyRefusalBeforeTheSwapLeavesOnlyTheSourceAndPro
   EXPECT_FALSE(entryAt(dir.child("staging/payload")));
 }
 
-TEST(MigrationSourceSwitchTest, AnOriginalReplacedBeforeTheExchangeIsSwappedBack) {
+TEST(MigrationSourceSwitchTest, InstallKeepsTheOriginalUnderATemporaryNameAndSwapsBackAReplacedOne) {
   CORVANE_TEST_VOLUME(volume, VolumeKind::btrfs);
   const std::string source = volume->child("Item");
   writeFile(source + "/data.txt", "original");
   makeDirectories(volume->child("external/Item"));
-  // Another directory of the same name is put in the item's place after it was read.
+  // Another directory of the same name is put in the item's place after it was read: the path
+  // gets back what it held, and no temporary name or link is left.
   auto replace = [&] {
     ASSERT_EQ(::rename(source.c_str(), volume->child("moved-away").c_str()), 0);
     writeFile(source + "/data.txt", "impostor");
@@ -115,9 +93,22 @@ TEST(MigrationSourceSwitchTest, AnOriginalReplacedBeforeTheExchangeIsSwappedBack
   EXPECT_EQ(issueKeyOf([&] { MigrationSourceSwitch::install(source, target, replace, direct()); }),
             "error.migration_copy_mismatch");
   EXPECT_EQ(entryAt(source)->kind, Kind::directory);
-  EXPECT_EQ(readFile(source + "/data.txt"), "impostor") << "the path holds again what it held";
-  EXPECT_EQ(namesIn(volume->mountPoint()), (std::vector<std::string>{"Item", "external", "moved-away"}))
-      << "no temporary name and no link left";
+  EXPECT_EQ(readFile(source + "/data.txt"), "impostor");
+  EXPECT_EQ(namesIn(volume->mountPoint()), (std::vector<std::string>{"Item", "external", "moved-away"}));
+
+  // Undisturbed, the item is exchanged for a link, its last hook running before anything moved.
+  const auto before = *entryAt(source);
+  bool hookRan = false;
+  auto lastHook = [&] {
+    hookRan = true;
+    EXPECT_EQ(entryAt(source)->kind, Kind::directory) << "nothing is swapped before the last hook";
+  };
+  const std::string temporary = MigrationSourceSwitch::install(source, target, lastHook, direct());
+  EXPECT_TRUE(hookRan);
+  EXPECT_EQ(temporary.rfind(source + ".corvane_backup_", 0), 0u);
+  ASSERT_EQ(entryAt(source)->kind, Kind::symbolicLink);
+  EXPECT_EQ(*entryAt(source)->link, target);
+  EXPECT_EQ(entryAt(temporary)->identity(), before.identity());
 }
 
 TEST(MigrationFileSafetyTest, OnlyTheInstalledLinkMayBeReplacedOnTheWayBack) {

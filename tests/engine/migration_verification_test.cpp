@@ -161,7 +161,7 @@ TEST(MigrationVerificationTest, DamageBeneathThePageCacheIsFoundAndRepairedOnce)
 }
 
 // Each kind of wrong entry fails the verification and is rebuilt by the repair.
-TEST(MigrationVerificationTest, WrongEntriesOfEveryKindAreFoundAndRebuilt) {
+TEST(MigrationVerificationTest, WrongEntriesAreRebuiltButStrangersLiveSocketsAndSourceChangesFail) {
   CORVANE_TEST_VOLUME(volume, VolumeKind::btrfs);
   StagedCopy staged(*volume, {.symbolicLinks = true, .fifo = true});
   writeFile(staged.sourceDirectory.child("outside.txt"), "outside\n");
@@ -196,31 +196,22 @@ TEST(MigrationVerificationTest, WrongEntriesOfEveryKindAreFoundAndRebuilt) {
   MigrationVerificationOptions ignoring;
   ignoring.hardLinks = HardLinkPolicy::ignore;
   EXPECT_EQ(staged.verifyKey(ignoring), "");
-}
-
-// A source that changes while it is verified, a live socket in the copy, or an entry the source
-// never had: none is repaired away.
-TEST(MigrationVerificationTest, ChangedSourcesLiveSocketsAndStrangersFail) {
-  CORVANE_TEST_VOLUME(volume, VolumeKind::tmpfs);
-  StagedCopy staged(*volume);
-  staged.stage();
-  MigrationVerificationOptions options;
-  options.checking = [&](const std::string& path) {
-    if (path.empty()) writeFile(staged.source + "/appeared-late", "new");
-  };
-  EXPECT_EQ(staged.verifyKey(options), "error.migration_source_changed");
-  ASSERT_EQ(::unlink((staged.source + "/appeared-late").c_str()), 0);
-  options.checking = {};
-  options.repair = MigrationEntryRepair::rebuild;
+  // A live socket in the copy, an entry the source never had, or a source that changes while it
+  // is verified: none is repaired away.
+  ignoring.repair = MigrationEntryRepair::rebuild;
   {
-    // A process that started inside the copy and listens there.
     auto server = OccupantProcess::listening(staged.copy, "live.sock", OccupantSocket::stream);
-    EXPECT_EQ(staged.verifyKey(options), "migration.preflight.runtime");
+    EXPECT_EQ(staged.verifyKey(ignoring), "migration.preflight.runtime");
     server.stop(SIGTERM);
   }
-  ASSERT_FALSE(entryAt(staged.copy + "/live.sock"));
-  writeFile(staged.copy + "/stranger.txt", "not from the source");
-  EXPECT_EQ(staged.verifyKey(options), "error.migration_copy_mismatch");
+  ASSERT_FALSE(entryAt(copy + "live.sock"));
+  writeFile(copy + "stranger.txt", "not from the source");
+  EXPECT_EQ(staged.verifyKey(ignoring), "error.migration_copy_mismatch");
+  ASSERT_EQ(::unlink((copy + "stranger.txt").c_str()), 0);
+  ignoring.checking = [&](const std::string& path) {
+    if (path.empty()) writeFile(staged.source + "/appeared-late", "new");
+  };
+  EXPECT_EQ(staged.verifyKey(ignoring), "error.migration_source_changed");
 }
 
 TEST(MigrationVerificationTest, OverlappingLocationsAreRefusedThroughLinks) {
