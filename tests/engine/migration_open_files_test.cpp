@@ -39,18 +39,13 @@ std::string fields(std::string_view records) {
 MigrationOpenFiles::FileIndex sampleIndex() {
   MigrationManifest manifest;
   auto add = [&](const std::string& path, MigrationEntry::Kind kind, std::uint64_t inode, std::int32_t device = 0x1000007) {
-    manifest[path].kind = kind;
-    manifest[path].device = device;
-    manifest[path].inode = inode;
+    std::tie(manifest[path].kind, manifest[path].device, manifest[path].inode) = std::tie(kind, device, inode);
   };
-  add("", MigrationEntry::Kind::directory, 100);
-  add("Contents", MigrationEntry::Kind::directory, 101);
-  add("Contents/MacOS/App", MigrationEntry::Kind::regular, 102);
-  add("Contents/data.db", MigrationEntry::Kind::regular, 103);
-  add("Contents/alias.db", MigrationEntry::Kind::regular, 103);
-  add("Contents/odd name\n.txt", MigrationEntry::Kind::regular, 104);
-  add("Contents/run.sock", MigrationEntry::Kind::socket, 105);
-  add("Contents/subvolume.lib", MigrationEntry::Kind::regular, 257, static_cast<std::int32_t>(platform::deviceNumber(0, 41)));
+  using Kind = MigrationEntry::Kind;
+  add("", Kind::directory, 100); add("Contents", Kind::directory, 101); add("Contents/MacOS/App", Kind::regular, 102);
+  add("Contents/data.db", Kind::regular, 103); add("Contents/alias.db", Kind::regular, 103);  // hard links
+  add("Contents/odd name\n.txt", Kind::regular, 104); add("Contents/run.sock", Kind::socket, 105);
+  add("Contents/subvolume.lib", Kind::regular, 257, static_cast<std::int32_t>(platform::deviceNumber(0, 41)));
   return MigrationOpenFiles::fileIndex(manifest);
 }
 
@@ -58,7 +53,6 @@ TEST(MigrationOpenFilesTest, ParsesFieldOutputAndKeepsOnlyTheItemsFiles) {
   const auto index = sampleIndex();
   EXPECT_EQ(index.at({0x1000007, 103}).relativePath, "Contents/alias.db") << "the first path in manifest order";
   EXPECT_EQ(index.at({0x1000007, 103}).otherPaths, std::vector<std::string>{"Contents/data.db"});
-
   // lsof lists a process once more for each thread; those repeats are the same references.
   const std::string output = fields(
       "p311|cApp\nfcwd|a |tDIR|D0x1000007|i100|n/Items/App.app\n"
@@ -101,9 +95,8 @@ TEST(MigrationOpenFilesTest, ListerTextEscapingRoundTripsEveryByteButTheCaret) {
   // A control character and a real "^X" print alike, so that pair alone cannot come back (names are only shown).
   std::string all;
   for (int byte = 1; byte < 256; ++byte) all += byte == '^' ? std::string() : std::string(1, static_cast<char>(byte));
-  const std::string escaped = platform::escapeListerText(all);
-  EXPECT_EQ(escaped.find_first_of(std::string("\n\0", 2)), std::string::npos);
-  EXPECT_EQ(platform::unescapeListerText(escaped), all);
+  EXPECT_EQ(platform::escapeListerText(all).find_first_of(std::string("\n\0", 2)), std::string::npos);
+  EXPECT_EQ(platform::unescapeListerText(platform::escapeListerText(all)), all);
   EXPECT_EQ(platform::escapeListerText("a\\b\x7f\xc3\xbc\x1b"), "a\\\\b\\x7f\\xc3\\xbc^[");
   EXPECT_EQ(platform::unescapeListerText("^A^^x \\q \\x4"), "\x01\x1e" "x \\q \\x4") << "text lsof never writes stays as printed";
 }
@@ -181,7 +174,6 @@ TEST(MigrationOpenFilesTest, GroupsGatherFamiliesAndTheMessageNamesThemUpToTheLi
   EXPECT_EQ(groups[1].name, "PostgreSQL");
   EXPECT_EQ(groups[1].pids, (std::vector<pid_t>{20, 21}));
   EXPECT_EQ(groups[3].name, "git");
-
   const std::string text = MigrationOccupancyDescription::message(MigrationOpenFiles::Blocked("/srv/Item", groups));
   const auto pids = [](const char* list) { return localizedFormat("migration.occupancy.pids", list); };
   for (const auto& line : {
@@ -209,7 +201,6 @@ TEST(MigrationOpenFilesTest, LsofRunsInTheCLocaleOutsideAnyItemAndWithinBounds) 
   EXPECT_EQ(result.status, 0);
   EXPECT_EQ(result.standardOutput, std::string("p1\0claunchd\0\n", 13));
   EXPECT_EQ(readFile(record), "-nP\n+c\n0\n-F0pcfatDin\nLC_ALL=C\nPWD=/\n");
-
   EXPECT_THROW(MigrationOpenFiles::inspectWithLsof("/nonexistent/lsof"), platform::PosixError);
   // A lister that hangs and ignores the terminate request is killed, and the state is unknown.
   const std::string pidFile = directory.child("pid");
@@ -292,7 +283,6 @@ TEST(MigrationOpenFilesListersTest, NativeScanAndLsofFindTheSameOccupantsForTheS
   ASSERT_EQ(mkfifo((item + "/pipe").c_str(), 0600), 0);
   writeFile(item + "/bin/sleeper", readFile("/bin/sleep"), 0755);
   writeFile(scratch.child("outside.txt"), "not in the item\n");
-
   auto reader = OccupantProcess::holdingFile(item + "/read.txt", O_RDONLY);
   auto writer = OccupantProcess::holdingFile(item + "/log.txt", O_WRONLY | O_APPEND);
   auto worker = OccupantProcess::workingIn(item + "/work/deeper");
@@ -305,7 +295,6 @@ TEST(MigrationOpenFilesListersTest, NativeScanAndLsofFindTheSameOccupantsForTheS
   // The test process itself: a check run from inside Corvane sees Corvane's own descriptors too.
   const int mine = open((item + "/mine.txt").c_str(), O_RDONLY | O_CLOEXEC);
   ASSERT_GE(mine, 0);
-
   const auto native = listersAgreeOn(item);
   close(mine);
   EXPECT_EQ(byPath(native, reader.pid()), (Paths{{"read.txt", Reason::read_only}}));
@@ -347,14 +336,10 @@ TEST(MigrationOpenFilesListersTest, RequireIdlePassesOnceTheLastOccupantLeaves) 
   const auto index = MigrationOpenFiles::fileIndex(snapshotOf(item));
   int rechecks = 0;
   // The occupant quits while the check waits; the re-check finds the item idle.
-  auto quitThenRecheck = [&](int attempt) {
-    holder.reset();
-    return attempt <= 1;
-  };
+  auto quitThenRecheck = [&](int attempt) { return holder.reset(), attempt <= 1; };
   EXPECT_NO_THROW(MigrationOpenFiles::requireIdle(item, index, MigrationOpenFiles::defaultInspect(), quitThenRecheck,
                                                   [&] { ++rechecks; }, MigrationOpenFiles::defaultIdentify()));
   EXPECT_EQ(rechecks, 1);
-
   auto stubborn = OccupantProcess::holdingFile(item + "/held.txt", O_RDONLY);
   try {
     MigrationOpenFiles::requireIdle(item, index, MigrationOpenFiles::defaultInspect(),

@@ -8,7 +8,6 @@
 #include <sys/sysmacros.h>
 #include <unistd.h>
 
-#include <deque>
 #include <fstream>
 
 #include "catalogue/protected_locations.h"
@@ -45,7 +44,6 @@ TEST(MigrationSocketProbeTest, TellsListeningStaleDatagramMissingAndNonSocketsAp
   auto datagram = OccupantProcess::listening(directory.path(), "datagram.sock", OccupantSocket::datagram);
   makeStaleSocket(directory.child("stale.sock"));
   writeFile(directory.child("plain.sock"), "not a socket");
-
   const auto live = MigrationSocketProbe::inspect(directory.child("live.sock"), std::string(corvaneBinaryPath()));
   EXPECT_EQ(live.state, State::active);
   ASSERT_TRUE(live.entry);
@@ -134,7 +132,6 @@ TEST(MigrationSocketOwnersTest, ParsesCommandNamesAndNamesNobodyWhenInDoubt) {
             (std::vector<std::string>{"Electron Helper (Renderer)", "postgres", "run-agent", "stray"}));
   EXPECT_EQ(MigrationSocketOwners::parse("cbefore-any-process\np1\n"), std::vector<std::string>{});
   EXPECT_TRUE(MigrationSocketOwners::parse("").empty());
-
   TemporaryDirectory directory;
   makeStaleSocket(directory.child("stale.sock"));
   const std::string socket = directory.child("stale.sock");
@@ -154,12 +151,10 @@ MigrationPreflight::Services testServices() {
 
 // Answers from a script, runs `onAnswer` with each answer and remembers what it was asked.
 struct ScriptedPrompter : MigrationPreflightPrompter {
-  explicit ScriptedPrompter(std::deque<Choice> script, std::function<void()> onAnswer = [] {})
-      : answers(std::move(script)), onAnswer(std::move(onAnswer)) {}
+  explicit ScriptedPrompter(Choice answer, std::function<void()> onAnswer = [] {}) : answer(answer), onAnswer(onAnswer) {}
   Choice choose(const std::vector<MigrationRuntimeBlocker>& blockers) override {
     asked.push_back(keys(blockers));
-    const Choice answer = answers.at(0);  // throws when asked more often than scripted
-    answers.pop_front();
+    if (asked.size() > 1) throw std::logic_error("asked again after the one scripted answer");
     onAnswer();
     return answer;
   }
@@ -171,7 +166,7 @@ struct ScriptedPrompter : MigrationPreflightPrompter {
     return result;
   }
 
-  std::deque<Choice> answers;
+  Choice answer;
   std::function<void()> onAnswer;
   std::vector<std::vector<std::string>> asked;
   std::vector<std::pair<std::string, std::string>> alerts;
@@ -204,7 +199,6 @@ TEST(MigrationPreflightTest, BlockersOfARealItem) {
   auto fifoReader = OccupantProcess::readingFifo(item + "/busy.fifo");
   const bool root = geteuid() == 0;
   if (root) { ASSERT_EQ(mknod((item + "/null").c_str(), S_IFCHR | 0600, makedev(1, 3)), 0); }
-
   const auto services = testServices();
   const auto manifest = MigrationPreflight::scan(item, {});
   const auto confirmed = MigrationPreflight::idleFifos(item, manifest, services.fifosInUse);
@@ -238,13 +232,12 @@ TEST(MigrationPreflightTest, PlanLoopDefersRetriesAndStopsOnAFifoThatStaysBusyAn
   auto server = std::make_unique<OccupantProcess>(OccupantProcess::listening(item, "app.sock", OccupantSocket::stream));
   ASSERT_EQ(mkfifo((item + "/idle.fifo").c_str(), 0600), 0);
   const auto before = MigrationPreflight::scan(item, {});
-
-  ScriptedPrompter deferring({Choice::later});
+  ScriptedPrompter deferring(Choice::later);
   EXPECT_EQ(issueOf([&] { MigrationPreflight::plan(item, {}, deferring, testServices()); }).key(),
             "migration.preflight.deferred");
   EXPECT_EQ(MigrationPreflight::scan(item, {}), before) << "later leaves the item untouched";
   // The user quits the server (its socket file stays behind) and says retry.
-  ScriptedPrompter retrying({Choice::retry}, [&] { server.reset(); });
+  ScriptedPrompter retrying(Choice::retry, [&] { server.reset(); });
   int visited = 0;
   const auto plan = MigrationPreflight::plan(item, [&](const std::string&) { ++visited; }, retrying, testServices());
   EXPECT_EQ(retrying.asked, std::vector<std::vector<std::string>>{{"migration.preflight.socket app.sock"}});
@@ -266,7 +259,7 @@ TEST(MigrationPreflightTest, PlanLoopDefersRetriesAndStopsOnAFifoThatStaysBusyAn
   server->stop();  // killed: its socket file stays behind, stale
   // A FIFO still in use after the answer ends the plan.
   auto reader = OccupantProcess::readingFifo(item + "/idle.fifo");
-  ScriptedPrompter busy({Choice::retry});
+  ScriptedPrompter busy(Choice::retry);
   issue = issueOf([&] { MigrationPreflight::plan(item, {}, busy, testServices()); });
   EXPECT_EQ(issue.key(), "migration.preflight.fifo_busy");
   EXPECT_EQ(issue.detail(), item + "/idle.fifo");
@@ -291,7 +284,7 @@ TEST(MigrationPreflightTest, StoppingTheGitMonitorIsBelievedOnlyOnceItsSocketIsG
     if (arguments.back() == "stop") daemon->stop(SIGTERM);
     return MigrationPreflight::ToolResult{arguments.back() == "stop" ? 0 : 1, ""};
   };
-  ScriptedPrompter stopping({Choice::stop});
+  ScriptedPrompter stopping(Choice::stop);
   const auto plan = MigrationPreflight::plan(item, {}, stopping, services);
   EXPECT_EQ(stopping.asked, std::vector<std::vector<std::string>>{{"migration.preflight.git_service .git/fsmonitor--daemon.ipc"}});
   EXPECT_EQ(commands, (std::vector<std::string>{"/usr/bin/git --git-dir=. fsmonitor--daemon stop @" + gitDirectory,
@@ -301,7 +294,7 @@ TEST(MigrationPreflightTest, StoppingTheGitMonitorIsBelievedOnlyOnceItsSocketIsG
   // The real git cannot stop a monitor here and says so: the item fails after an alert.
   daemon = std::make_unique<OccupantProcess>(
       OccupantProcess::listening(gitDirectory, "fsmonitor--daemon.ipc", OccupantSocket::stream));
-  ScriptedPrompter failing({Choice::stop});
+  ScriptedPrompter failing(Choice::stop);
   const auto issue = issueOf([&] { MigrationPreflight::plan(item, {}, failing, testServices()); });
   EXPECT_EQ(issue.key(), "migration.preflight.stop_failed");
   EXPECT_EQ(issue.detail(), item);
@@ -330,7 +323,6 @@ TEST(MigrationPreflightTest, ToolsAndGitDirectoriesAreNotFooledByTheEnvironmentO
   EXPECT_EQ(result.output.find("GIT_DIR="), std::string::npos) << result.output;
   EXPECT_EQ(issueOf([&] { MigrationPreflight::runTool("/nonexistent/git", {"status"}, scratch.path()); }).key(),
             "migration.preflight.tool_failed");
-
   gitInit(scratch.child("repo"));
   const std::string gitDirectory = scratch.child("repo/.git");
   EXPECT_EQ(MigrationPreflight::gitDirectory(gitDirectory + "/fsmonitor--daemon.ipc"), gitDirectory);
@@ -401,7 +393,6 @@ TEST(SimulatorDeviceCheckTest, UndecodableListingsAndFailingOrHangingToolsFailTh
   EXPECT_EQ(leftOpen.key(), "error.simulator_check_failed");
   EXPECT_EQ(leftOpen.detail(), "simctl exit 0");
   ::kill(std::stoi(readFile(directory.child("helper"))), SIGKILL);
-
   EXPECT_THROW(Preflight::checkDevices(directory.child("missing-xcrun"), kTestDeadlines), platform::PosixError);
   // A tool that hangs and ignores the terminate request, so only the kill ends it.
   const auto stubborn = fakeXcrun(directory, "trap '' TERM\necho '{\"devices\":' \nexec sleep 1000", "stubborn");
@@ -432,7 +423,6 @@ TEST(SimulatorPathCheckTest, TheSystemFolderIsRefusedAndTheHomesFolderIsUserData
   TemporaryDirectory home;
   ASSERT_EQ(::symlink("/Library/Developer/CoreSimulator/Devices", home.child("devices").c_str()), 0);
   EXPECT_EQ(issueOf([&] { Preflight::validateSystemPath(home.child("devices")); }).key(), "error.simulator_system_directory");
-
   const std::string base = home.child("Library/Developer/CoreSimulator");
   makeDirectories(base + "/Devices");
   ASSERT_EQ(::symlink((base + "/Devices").c_str(), home.child("shortcut").c_str()), 0);
@@ -515,12 +505,8 @@ TEST(SimulatorPreflightTest, TheRealVolumeProbeDecidesWhetherSimulatorDataMayGoT
 }
 
 TEST(ProtectedLocationsTest, SystemTreesHomesEveryFolderAboveThemAndLinksToThemAreKeptAndRefused) {
-  struct Case {
-    platform::HostSystem host;
-    const char* home;
-    std::vector<std::string> kept, movable;
-  };
-  const std::vector<Case> cases = {
+  using Paths = std::vector<std::string>;
+  const std::vector<std::tuple<platform::HostSystem, const char*, Paths, Paths>> cases = {
       {platform::HostSystem::linuxDesktop, "/home/ann",
        {"/", "/usr", "/usr/local/bin/tool", "/bin", "/etc", "/etc/ssh", "/boot/efi", "/proc/1", "/sys/class", "/dev/null",
         "/var/lib", "/var/lib/docker", "/run/user/1000", "/var", "/home", "/home/ann", "/home/ann/", "/home/ann/x/..",

@@ -27,13 +27,11 @@ std::string writeScript(const std::string& directory, const std::string& name, c
 // True once `pid` is gone and reaped (not even a zombie left).
 bool processIsReaped(pid_t pid);
 MigrationManifest snapshotOf(const std::string& root);
-
 // Every entry's kind, mode, owner, size, mtime, links, data, target, xattrs, ACL and hard-link group: all a
 // copy can keep (not inodes or change times).
 std::map<std::string, std::string> fullManifest(const std::string& root);
 // True when `directory` holds a ".corvane-…" or ".corvane_…" leftover of an operation.
 bool hasStagingLeft(const std::string& directory);
-
 // Runs `body` and returns the issue it throws (an empty key when it throws none).
 template <typename Body>
 MigrationIssue issueOf(Body body) {
