@@ -123,19 +123,17 @@ TEST_F(AccessFixture, ThroughTheAdministratorTheItemGoesAndComesBackUnlessSometh
   copyTree(target_, dataSource);
   const MigrationEntry copy = *entryAt(dataSource);
   const MigrationManifest externalManifest = scanned(target_);
-  {
-    MigrationAccess stale(source_, std::nullopt, permissionReference_, configuration());
-    ASSERT_EQ(::chmod(dataSource.c_str(), 0700), 0);
-    EXPECT_EQ(issueKeyOf([&] { stale.restore(copy, dataSource, {}); }), "error.migration_copy_mismatch");
-    ASSERT_EQ(::chmod(dataSource.c_str(), copy.mode), 0);
-    ASSERT_EQ(::symlink(target_.c_str(), (source_ + ".new").c_str()), 0);
-    ASSERT_EQ(::rename((source_ + ".new").c_str(), source_.c_str()), 0);
-    EXPECT_EQ(issueKeyOf([&] { stale.restore(copy, dataSource, {}); }), "error.migration_restore_conflict")
-        << "a new link with the same text is not the link that was left";
-    EXPECT_EQ(entryAt(dataSource)->kind, Kind::directory);
-    MigrationAccess atARealFile(internal_->child("outside.txt"), std::nullopt, std::nullopt, configuration());
-    EXPECT_EQ(issueKeyOf([&] { atARealFile.restore(copy, dataSource, {}); }), "migration.preflight.restore_not_link");
-  }
+  MigrationAccess stale(source_, std::nullopt, permissionReference_, configuration());
+  ASSERT_EQ(::chmod(dataSource.c_str(), 0700), 0);
+  EXPECT_EQ(issueKeyOf([&] { stale.restore(copy, dataSource, {}); }), "error.migration_copy_mismatch");
+  ASSERT_EQ(::chmod(dataSource.c_str(), copy.mode), 0);
+  ASSERT_EQ(::symlink(target_.c_str(), (source_ + ".new").c_str()), 0);
+  ASSERT_EQ(::rename((source_ + ".new").c_str(), source_.c_str()), 0);
+  EXPECT_EQ(issueKeyOf([&] { stale.restore(copy, dataSource, {}); }), "error.migration_restore_conflict")
+      << "a new link with the same text is not the link that was left";
+  EXPECT_EQ(entryAt(dataSource)->kind, Kind::directory);
+  MigrationAccess atARealFile(internal_->child("outside.txt"), std::nullopt, std::nullopt, configuration());
+  EXPECT_EQ(issueKeyOf([&] { atARealFile.restore(copy, dataSource, {}); }), "migration.preflight.restore_not_link");
   MigrationAccess back(source_, std::nullopt, permissionReference_, configuration());
   bool hookRan = false;
   back.restore(copy, dataSource, [&] { hookRan = true; });
@@ -147,7 +145,7 @@ TEST_F(AccessFixture, ThroughTheAdministratorTheItemGoesAndComesBackUnlessSometh
   EXPECT_EQ(readFile(source_ + "/Contents/Info.plist"), "<plist>sample</plist>\n");
 }
 
-TEST_F(AccessFixture, LockedReplacedOrMovedItemsAreNeverTouched) {
+TEST_F(AccessFixture, LockedReplacedOrMovedItemsAndChangedOriginalsAreNeverTouched) {
   makeItem("Item.app");
   platform::setFileFlags(source_, platform::kSystemImmutable);
   EXPECT_EQ(issueKeyOf([&] { access().prepare(); }), "migration.preflight.locked");
@@ -175,6 +173,31 @@ TEST_F(AccessFixture, LockedReplacedOrMovedItemsAreNeverTouched) {
   makeDirectories(source_);
   EXPECT_EQ(issueKeyOf([&] { access.install(target_, {}); }), "error.migration_source_changed");
   EXPECT_EQ(entryAt(source_)->kind, Kind::directory);
+  // The original kept after a switch is removed only while nothing uses it and the whole tree is
+  // as recorded, with the link still leading to the copy.
+  makeItem("Cleaned.app");
+  auto configuration = this->configuration();
+  bool busy = true;
+  configuration.requireIdle = [&](const std::string&, const MigrationManifest&) {
+    if (busy) throw MigrationIssue("migration.preflight.occupancy_unknown");
+  };
+  MigrationAccess switched(source_, manifest_.at(""), std::nullopt, configuration);
+  const std::string backup = switched.install(target_, {});
+  const auto relocated = MigrationLinkPlan::relocatedTargets(source_, manifest_);
+  auto attempt = [&] { switched.cleanupBackup(backup, manifest_, {}, relocated); };
+  const std::size_t count = scanned(backup).size();
+  EXPECT_EQ(issueKeyOf(attempt), "migration.preflight.occupancy_unknown");
+  busy = false;
+  writeFile(backup + "/Contents/written-after-the-scan", "new data");
+  EXPECT_EQ(issueKeyOf(attempt), "migration.safety.conflict");
+  ASSERT_EQ(::unlink((backup + "/Contents/written-after-the-scan").c_str()), 0);
+  writeFile(backup + "/Contents/Info.plist", "<plist>changed</plist>\n");
+  EXPECT_EQ(issueKeyOf(attempt), "error.migration_source_changed");
+  EXPECT_EQ(scanned(backup).size(), count) << "nothing was removed";
+  ASSERT_EQ(::unlink(source_.c_str()), 0);
+  ASSERT_EQ(::symlink("/elsewhere", source_.c_str()), 0);
+  EXPECT_EQ(issueKeyOf(attempt), "migration.safety.conflict");
+  EXPECT_EQ(scanned(backup).size(), count);
 }
 
 // Through the administrator nothing moves unless a command runs as written: the privileged
@@ -237,33 +260,6 @@ TEST_F(AccessFixture, AdministratorCommandsMoveNothingUnlessTheyRunAsWritten) {
   EXPECT_EQ(issueKeyOf([&] { administrator.prepare(); }), "migration.preflight.authorization_failed");
   EXPECT_EQ(namesIn(fat->mountPoint()), std::vector<std::string>{"Item"});
   EXPECT_EQ(readFile(fat->child("Item/data.txt")), "data");
-}
-
-TEST_F(AccessFixture, TheCleanUpRemovesNothingUnlessTheWholeTreeIsAsRecorded) {
-  makeItem("Item.app");
-  auto configuration = this->configuration();
-  bool busy = true;
-  configuration.requireIdle = [&](const std::string&, const MigrationManifest&) {
-    if (busy) throw MigrationIssue("migration.preflight.occupancy_unknown");
-  };
-  MigrationAccess access(source_, manifest_.at(""), std::nullopt, configuration);
-  const std::string backup = access.install(target_, {});
-  const auto relocated = MigrationLinkPlan::relocatedTargets(source_, manifest_);
-  auto attempt = [&] { access.cleanupBackup(backup, manifest_, {}, relocated); };
-  const std::size_t count = scanned(backup).size();
-  EXPECT_EQ(issueKeyOf(attempt), "migration.preflight.occupancy_unknown");
-  busy = false;
-  writeFile(backup + "/Contents/written-after-the-scan", "new data");
-  EXPECT_EQ(issueKeyOf(attempt), "migration.safety.conflict");
-  ASSERT_EQ(::unlink((backup + "/Contents/written-after-the-scan").c_str()), 0);
-  writeFile(backup + "/Contents/Info.plist", "<plist>changed</plist>\n");
-  EXPECT_EQ(issueKeyOf(attempt), "error.migration_source_changed");
-  EXPECT_EQ(scanned(backup).size(), count) << "nothing was removed";
-  // The link at the item's path must still lead to the copy.
-  ASSERT_EQ(::unlink(source_.c_str()), 0);
-  ASSERT_EQ(::symlink("/elsewhere", source_.c_str()), 0);
-  EXPECT_EQ(issueKeyOf(attempt), "migration.safety.conflict");
-  EXPECT_EQ(scanned(backup).size(), count);
 }
 
 }  // namespace

@@ -47,13 +47,11 @@ TEST(AppleScriptTest, TheScriptKeepsTheMeaningOfAnyCommandAndItsAnswerIsReadStri
   EXPECT_EQ(platform::interpretShellLauncherResult(exited(0), " done \n").output, "done");
 }
 
-TEST(JavaScriptLiteralTest, WritesTheJsonEncodingWithEscapedSlashes) {
+TEST(PrivilegedCommandsTest, TheCheckedScriptChecksThreeIdentitiesAndSwapsOnce) {
+  // Paths enter the scripts as JSON strings with escaped slashes.
   EXPECT_EQ(javaScriptLiteral("/Applications/It's \"Big\".app"), R"("\/Applications\/It's \"Big\".app")");
   EXPECT_EQ(javaScriptLiteral("back\\slash\nline\ttab"), R"("back\\slash\nline\ttab")");
   EXPECT_EQ(javaScriptLiteral("中文.app"), "\"中文.app\"");
-}
-
-TEST(PrivilegedCommandsTest, TheCheckedScriptChecksThreeIdentitiesAndSwapsOnce) {
   TemporaryDirectory dir;
   const std::string item = dir.child("Item"), link = dir.child("Item.link");
   makeDirectories(item);

@@ -36,7 +36,6 @@ class CopierTest : public ::testing::Test {
       GTEST_SKIP() << "needs two ext4 volumes: " << unavailable.what();
     }
     source_ = from_->child("home/Sample.app");
-    makeDirectories(from_->child("home"));
     writeFile(from_->child("home/outside.txt"), "outside");
   }
   void copy(const std::set<std::string>& inactive = {}) {
