@@ -52,9 +52,7 @@ class MigrateBackTest : public ::testing::Test {
     MigrationManager::Hooks result;
     result.prompter = &prompter_;
     result.services.probe = MigrationSocketProbe::probeWith(std::string(corvaneBinaryPath()));
-    result.checkUsage = [this](const std::string& source, const MigrationManifest& manifest) {
-      if (duringCheck_) duringCheck_(source, manifest);
-    };
+    result.checkUsage = [this](const auto& item, const auto& manifest) { if (duringCheck_) duringCheck_(item, manifest); };
     return result;
   }
 
@@ -119,14 +117,13 @@ class MigrateBackTest : public ::testing::Test {
   }
 
   std::unique_ptr<TestVolume> internal_, external_;
-  std::string item_, disk_, destination_;
+  std::string item_, disk_, destination_, log_;
   std::map<std::string, std::string> before_;
   MigrationItemProgress lastProgress_;
   MainQueue queue_;
   AppManager apps_{queue_};
   DeferringPrompter prompter_;
   std::function<void(const std::string&, const MigrationManifest&)> duringCheck_;
-  std::string log_;
 };
 
 TEST_F(MigrateBackTest, RoundTripRestoresEverythingButInodesAndChangeTimes) {

@@ -51,8 +51,7 @@ MigrationOpenFiles::FileIndex sampleIndex() {
 
 TEST(MigrationOpenFilesTest, ParsesFieldOutputAndKeepsOnlyTheItemsFiles) {
   const auto index = sampleIndex();
-  EXPECT_EQ(index.at({0x1000007, 103}).relativePath, "Contents/alias.db") << "the first path in manifest order";
-  EXPECT_EQ(index.at({0x1000007, 103}).otherPaths, std::vector<std::string>{"Contents/data.db"});
+  EXPECT_EQ(index.at({0x1000007, 103}).otherPaths, std::vector<std::string>{"Contents/data.db"}) << "alias.db comes first";
   // lsof lists a process once more for each thread; those repeats are the same references.
   const std::string output = fields(
       "p311|cApp\nfcwd|a |tDIR|D0x1000007|i100|n/Items/App.app\n"
@@ -98,7 +97,7 @@ TEST(MigrationOpenFilesTest, ListerTextEscapingRoundTripsEveryByteButTheCaret) {
   EXPECT_EQ(platform::escapeListerText(all).find_first_of(std::string("\n\0", 2)), std::string::npos);
   EXPECT_EQ(platform::unescapeListerText(platform::escapeListerText(all)), all);
   EXPECT_EQ(platform::escapeListerText("a\\b\x7f\xc3\xbc\x1b"), "a\\\\b\\x7f\\xc3\\xbc^[");
-  EXPECT_EQ(platform::unescapeListerText("^A^^x \\q \\x4"), "\x01\x1e" "x \\q \\x4") << "text lsof never writes stays as printed";
+  EXPECT_EQ(platform::unescapeListerText("^A^^x \\q \\x4"), "\x01\x1e" "x \\q \\x4") << "unknown escapes stay";
 }
 
 MigrationOpenFiles::Inspect answering(int status, std::string output, std::string error = "") {
@@ -158,7 +157,7 @@ TEST(MigrationOpenFilesTest, GroupsGatherFamiliesAndTheMessageNamesThemUpToTheLi
       reference(30, "git", ".git", Reason::working_directory), reference(31, "git", ".git/index", Reason::read_only),
       reference(40, "com.apple.appkit.xpc.openAndSavePanelService", "", Reason::directory),
       reference(50, "", "c.txt", Reason::unknown), reference(10, "Editor", "a.txt", Reason::runtime)};
-  for (pid_t pid = 60; pid < 66; ++pid) references.push_back(reference(pid, "worker" + std::to_string(pid), "w", Reason::read_only));
+  for (pid_t pid = 60; pid < 66; ++pid) references.push_back(reference(pid, "w" + std::to_string(pid), "w", Reason::read_only));
   const auto groups = MigrationOpenFiles::grouped(references, identify);
   ASSERT_EQ(groups.size(), 12u);
   std::vector<GroupKind> kinds;
@@ -176,8 +175,9 @@ TEST(MigrationOpenFilesTest, GroupsGatherFamiliesAndTheMessageNamesThemUpToTheLi
   EXPECT_EQ(groups[3].name, "git");
   const std::string text = MigrationOccupancyDescription::message(MigrationOpenFiles::Blocked("/srv/Item", groups));
   const auto pids = [](const char* list) { return localizedFormat("migration.occupancy.pids", list); };
+  const auto editor = localizedFormat("migration.occupancy.bundle_origin", "Editor");
   for (const auto& line : {
-           localizedFormat("migration.occupancy.group", localizedFormat("migration.occupancy.bundle_origin", "Editor"), pids("10, 11")),
+           localizedFormat("migration.occupancy.group", editor, pids("10, 11")),
            localizedFormat("migration.occupancy.group", "PostgreSQL", pids("20, 21")),
            localizedFormat("migration.occupancy.group", localized("migration.occupancy.git_monitor"), pids("30")),
            localizedFormat("migration.occupancy.group", localized("migration.occupancy.file_picker"), pids("40")),
@@ -204,7 +204,8 @@ TEST(MigrationOpenFilesTest, LsofRunsInTheCLocaleOutsideAnyItemAndWithinBounds) 
   EXPECT_THROW(MigrationOpenFiles::inspectWithLsof("/nonexistent/lsof"), platform::PosixError);
   // A lister that hangs and ignores the terminate request is killed, and the state is unknown.
   const std::string pidFile = directory.child("pid");
-  const auto hanging = writeScript(directory.path(), "hanging", "trap '' TERM\necho $$ > '" + pidFile + "'\nwhile :; do sleep 1; done\n");
+  const auto hanging =
+      writeScript(directory.path(), "hanging", "trap '' TERM\necho $$ > '" + pidFile + "'\nwhile :; do sleep 1; done\n");
   EXPECT_EQ(issueOf([&] { MigrationOpenFiles::inspectWithLsof(hanging); }).key(), "migration.preflight.occupancy_unknown");
   EXPECT_TRUE(processIsReaped(std::stoi(readFile(pidFile)))) << "the lister was killed and reaped";
 }
@@ -215,13 +216,13 @@ using Paths = std::multimap<std::string, Reason>;
 // lsof warns about any mount on the machine it cannot stat (a dead FUSE driver, say): only those lines are set aside.
 std::string errorsAboutTheItem(const std::string& standardError, const std::string& item) {
   std::string kept;
-  bool continuingWarning = false;
+  bool continuing = false;
   for (std::size_t start = 0, end; start < standardError.size(); start = end + 1) {
     end = std::min(standardError.find('\n', start), standardError.size());
     const std::string line = standardError.substr(start, end - start);
     const bool foreignMount = line.rfind("lsof: WARNING: can't stat() ", 0) == 0 && line.find(item) == std::string::npos;
-    const bool skip = foreignMount || (continuingWarning && line.find("Output information may be incomplete") != std::string::npos);
-    continuingWarning = skip && foreignMount;
+    const bool skip = foreignMount || (continuing && line.find("Output information may be incomplete") != std::string::npos);
+    continuing = skip && foreignMount;
     if (!skip) kept += line + "\n";
   }
   return kept;

@@ -138,9 +138,10 @@ TEST(MigrationSocketOwnersTest, ParsesCommandNamesAndNamesNobodyWhenInDoubt) {
   EXPECT_TRUE(MigrationSocketOwners::lookup(socket, "/nonexistent/lsof").empty());
   EXPECT_TRUE(MigrationSocketOwners::lookup(socket).empty()) << "nobody holds a stale socket";
   EXPECT_TRUE(MigrationSocketOwners::lookup(directory.child("missing.sock")).empty());
-  EXPECT_TRUE(MigrationSocketOwners::lookup(socket, writeScript(directory.path(), "hanging", "echo p1; echo cnever; exec sleep 30\n")).empty())
-      << "a tool that does not finish in time names nobody";
-  EXPECT_TRUE(MigrationSocketOwners::lookup(socket, writeScript(directory.path(), "latin1", "printf 'p1\\ncna\\357ve\\n'\n")).empty());
+  const auto hanging = writeScript(directory.path(), "hanging", "echo p1; echo cnever; exec sleep 30\n");
+  EXPECT_TRUE(MigrationSocketOwners::lookup(socket, hanging).empty()) << "a tool that does not finish in time names nobody";
+  const auto latin1 = writeScript(directory.path(), "latin1", "printf 'p1\\ncna\\357ve\\n'\n");
+  EXPECT_TRUE(MigrationSocketOwners::lookup(socket, latin1).empty()) << "names that are not UTF-8 are not believed";
 }
 
 MigrationPreflight::Services testServices() {
@@ -286,7 +287,7 @@ TEST(MigrationPreflightTest, StoppingTheGitMonitorIsBelievedOnlyOnceItsSocketIsG
   };
   ScriptedPrompter stopping(Choice::stop);
   const auto plan = MigrationPreflight::plan(item, {}, stopping, services);
-  EXPECT_EQ(stopping.asked, std::vector<std::vector<std::string>>{{"migration.preflight.git_service .git/fsmonitor--daemon.ipc"}});
+  EXPECT_EQ(stopping.asked, decltype(stopping.asked){{"migration.preflight.git_service .git/fsmonitor--daemon.ipc"}});
   EXPECT_EQ(commands, (std::vector<std::string>{"/usr/bin/git --git-dir=. fsmonitor--daemon stop @" + gitDirectory,
                                                 "/usr/bin/git --git-dir=. fsmonitor--daemon status @" + gitDirectory}));
   EXPECT_FALSE(plan.manifest.contains(".git/fsmonitor--daemon.ipc"));
@@ -298,8 +299,8 @@ TEST(MigrationPreflightTest, StoppingTheGitMonitorIsBelievedOnlyOnceItsSocketIsG
   const auto issue = issueOf([&] { MigrationPreflight::plan(item, {}, failing, testServices()); });
   EXPECT_EQ(issue.key(), "migration.preflight.stop_failed");
   EXPECT_EQ(issue.detail(), item);
-  EXPECT_EQ(failing.alerts, (std::vector<std::pair<std::string, std::string>>{
-                                {localized("migration.preflight.title"), localized("migration.preflight.stop_retry_message")}}));
+  EXPECT_EQ(failing.alerts, (decltype(failing.alerts){{localized("migration.preflight.title"),
+                                                       localized("migration.preflight.stop_retry_message")}}));
   // A stop that reports success while the daemon keeps its socket, or still watches, is not believed.
   const std::vector<MigrationRuntimeBlocker> blockers = {
       {"migration.preflight.git_service", ".git/fsmonitor--daemon.ipc", {}, gitDirectory}};
