@@ -17,9 +17,8 @@ namespace {
 
 using Kind = MigrationEntry::Kind;
 
-// Runs each command with /bin/sh -c, as pkexec would after a granted dialog, and keeps every
-// text; `beforeRun` changes the world between writing a command and its run. A dismissed dialog
-// answers as the launcher does when cancelled.
+// Runs each command with /bin/sh -c as pkexec would after a granted dialog, keeping every text;
+// `beforeRun` changes the world just before a run, `dismissed` answers as a cancelled dialog.
 struct ShellAdministratorRunner final : platform::AdministratorRunner {
   platform::AdministratorResult run(const std::string& command) override {
     commands.push_back(command);
@@ -36,9 +35,8 @@ struct ShellAdministratorRunner final : platform::AdministratorRunner {
   bool dismissed = false;
 };
 
-// An item on an internal volume, its copy on an external one, and the means to go through the
-// administrator path as root: a permission reference on a read-only volume (so the item counts
-// as not deletable) and a runner that runs the exact command texts.
+// An item on an internal volume and its copy on an external one; as root, a permission reference
+// on a read-only volume makes the item count as not deletable, so commands go to the runner.
 class AccessFixture : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -72,11 +70,9 @@ class AccessFixture : public ::testing::Test {
   MigrationAccess access() const {
     return MigrationAccess(source_, manifest_.at(""), permissionReference_, configuration());
   }
-  // A probe directory or anything else of ours left beside the item.
-  bool leftovers() const {
+  bool leftovers() const {  // a probe directory or anything else of ours beside the item
     const auto names = namesIn(internal_->child("Applications"));
-    return std::any_of(names.begin(), names.end(),
-                       [](const std::string& name) { return name.find(".corvane") != std::string::npos; });
+    return std::any_of(names.begin(), names.end(), [](const auto& name) { return name.find(".corvane") != name.npos; });
   }
 
   std::unique_ptr<TestVolume> internal_, external_, readOnly_;
@@ -173,8 +169,7 @@ TEST_F(AccessFixture, LockedReplacedOrMovedItemsAndChangedOriginalsAreNeverTouch
   makeDirectories(source_);
   EXPECT_EQ(issueKeyOf([&] { access.install(target_, {}); }), "error.migration_source_changed");
   EXPECT_EQ(entryAt(source_)->kind, Kind::directory);
-  // The original kept after a switch is removed only while nothing uses it and the whole tree is
-  // as recorded, with the link still leading to the copy.
+  // A kept original goes only while unused, exactly as recorded, and with the link to the copy.
   makeItem("Cleaned.app");
   auto configuration = this->configuration();
   bool busy = true;
@@ -200,9 +195,8 @@ TEST_F(AccessFixture, LockedReplacedOrMovedItemsAndChangedOriginalsAreNeverTouch
   EXPECT_EQ(scanned(backup).size(), count);
 }
 
-// Through the administrator nothing moves unless a command runs as written: the privileged
-// exchange re-reads the directory, the item and the link immediately before the swap, and any of
-// the three replaced after the command was written stops it.
+// Through the administrator nothing moves unless a command runs as written: the exchange re-reads
+// the directory, the item and the link just before the swap, and stops if any was replaced.
 TEST_F(AccessFixture, AdministratorCommandsMoveNothingUnlessTheyRunAsWritten) {
   useAdministrator();
   for (const std::string which : {"parent", "link"}) {
@@ -247,8 +241,7 @@ TEST_F(AccessFixture, AdministratorCommandsMoveNothingUnlessTheyRunAsWritten) {
   EXPECT_EQ(readFile(source_ + "/impostor"), "x");
   EXPECT_EQ(namesIn(internal_->child("Applications")), (std::vector<std::string>{"Item.app", "Item.app-moved"}))
       << "the new link was removed";
-  // FAT can hold neither the link nor the swap: the rehearsal fails in both forms and, either
-  // way, leaves no probe directory behind.
+  // FAT holds neither link nor swap: the rehearsal fails in both forms and leaves no probe behind.
   runner_->beforeRun = {};
   CORVANE_TEST_VOLUME(fat, VolumeKind::fat);
   writeFile(fat->child("Item/data.txt"), "data");

@@ -50,9 +50,8 @@ TEST(MigrationEntryTest, JsonKeepsKeyOrderRoundTripsAndRejectsMalformedEntries) 
   }
 }
 
-// A FIFO is recreated, not copied: the new one carries the original's owner, attributes and ACL
-// (its mode and times are checked with the copier), and a source that is gone or no FIFO any
-// more is a source change with nothing made.
+// A recreated FIFO carries the original's owner, attributes and ACL (mode and times: copier test);
+// a source gone or no FIFO any more is a source change with nothing made.
 TEST(FileMetadataTest, RecreatedFifoCarriesOwnerAttributesAndAcl) {
   TemporaryDirectory dir;
   writeFile(dir.child("regular"), "x");

@@ -32,9 +32,8 @@ TEST(MigrationSourceSwitchTest, AFileSystemThatCannotSwapLeavesEverythingInPlace
   EXPECT_EQ(namesIn(fat->mountPoint()), (std::vector<std::string>{"Item", "a.txt", "b.txt"}));
 }
 
-// A swap that fails, a hook that refuses at the last moment, a link that is not what was asked
-// for, or a target that is not a directory: the source stays and nothing new is left beside it.
-// Nor does a promotion ever overwrite.
+// A failing swap, a refusing last hook, a wrong link or a target that is no directory leave the
+// source alone with nothing new beside it; a promotion never overwrites.
 TEST(MigrationSourceSwitchTest, AnyRefusalBeforeTheSwapLeavesOnlyTheSourceAndPromotionNeverOverwrites) {
   TemporaryDirectory dir;
   writeFile(dir.child("Item/data.txt"), "data");
@@ -83,8 +82,7 @@ TEST(MigrationSourceSwitchTest, InstallKeepsTheOriginalUnderATemporaryNameAndSwa
   const std::string source = volume->child("Item");
   writeFile(source + "/data.txt", "original");
   makeDirectories(volume->child("external/Item"));
-  // Another directory of the same name is put in the item's place after it was read: the path
-  // gets back what it held, and no temporary name or link is left.
+  // An impostor put in the item's place after it was read gets its place back; nothing is left over.
   auto replace = [&] {
     ASSERT_EQ(::rename(source.c_str(), volume->child("moved-away").c_str()), 0);
     writeFile(source + "/data.txt", "impostor");
