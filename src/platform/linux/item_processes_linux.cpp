@@ -5,6 +5,7 @@
 #include <cstdlib>
 
 #include "platform/item_processes.h"
+#include "platform/linux/program_path.h"
 #include "support/paths.h"
 
 namespace corvane::platform {
@@ -20,16 +21,8 @@ std::vector<ItemProcess> processesExecutingWithin(const std::string& itemPath) {
     char* end = nullptr;
     const long pid = std::strtol(entry->d_name, &end, 10);
     if (end == entry->d_name || *end != '\0' || pid == self) continue;
-    char target[PATH_MAX];
-    const std::string exe = std::string("/proc/") + entry->d_name + "/exe";
-    const ssize_t length = readlink(exe.c_str(), target, sizeof target - 1);
-    if (length <= 0) continue;
-    std::string path(target, static_cast<std::size_t>(length));
-    // A program replaced on disk while running shows " (deleted)"; it still ran from there.
-    const std::string deleted = " (deleted)";
-    if (path.size() > deleted.size() && path.compare(path.size() - deleted.size(), deleted.size(), deleted) == 0) {
-      path.resize(path.size() - deleted.size());
-    }
+    const std::string path = programPathOf(std::string("/proc/") + entry->d_name);
+    if (path.empty()) continue;
     if (isSameOrDescendant(path, item)) found.push_back({static_cast<pid_t>(pid), path});
   }
   closedir(proc);

@@ -1,10 +1,9 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-#include <array>
-#include <climits>
 #include <string>
 
+#include "platform/linux/program_path.h"
 #include "platform/process_details.h"
 #include "platform/unique_fd.h"
 
@@ -14,10 +13,7 @@ std::optional<ProcessDetails> describeProcess(pid_t pid) {
   const std::string directory = "/proc/" + std::to_string(pid);
   if (access(directory.c_str(), F_OK) != 0) return std::nullopt;
   ProcessDetails details;
-  std::array<char, PATH_MAX> target;
-  const std::string exe = directory + "/exe";
-  ssize_t length = readlink(exe.c_str(), target.data(), target.size());
-  if (length > 0) details.executablePath.assign(target.data(), static_cast<std::size_t>(length));
+  details.executablePath = programPathOf(directory);
 
   const std::string cmdline = directory + "/cmdline";
   UniqueFd fd(open(cmdline.c_str(), O_RDONLY | O_CLOEXEC));

@@ -8,7 +8,9 @@
 #include <sys/xattr.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <memory>
+#include <utility>
 #include <vector>
 
 #include "platform/file_system.h"
@@ -136,17 +138,23 @@ class TreeCopy {
       if (listing >= 0) close(listing);
       fail(CopyWhat::recurseDirectory, error, sourcePath, destinationPath, sourcePath);
     }
-    std::vector<std::string> names;
+    std::vector<std::pair<ino_t, std::string>> entries;
     errno = 0;
     while (dirent* item = readdir(stream)) {
       const char* name = item->d_name;
       if (name[0] == '.' && (name[1] == '\0' || (name[1] == '.' && name[2] == '\0'))) continue;
-      names.emplace_back(name);
+      entries.emplace_back(item->d_ino, name);
       errno = 0;
     }
     const int error = errno;
     closedir(stream);
     if (error != 0) fail(CopyWhat::recurseDirectory, error, sourcePath, destinationPath, sourcePath);
+    // Inode order follows where the file system put the entries: on a cold cache the reads then
+    // sweep the medium instead of jumping by name hash.
+    std::sort(entries.begin(), entries.end());
+    std::vector<std::string> names;
+    names.reserve(entries.size());
+    for (auto& entry : entries) names.push_back(std::move(entry.second));
     return names;
   }
 
