@@ -11,11 +11,4 @@ constexpr std::array<std::string_view, 13> kPhaseNames = {"waiting",  "preparing
 
 std::string_view phaseName(MigrationItemProgress::Phase phase) { return kPhaseNames[static_cast<std::size_t>(phase)]; }
 
-std::optional<MigrationItemProgress::Phase> phaseFromName(std::string_view name) {
-  for (std::size_t i = 0; i < kPhaseNames.size(); ++i) {
-    if (kPhaseNames[i] == name) return static_cast<MigrationItemProgress::Phase>(i);
-  }
-  return std::nullopt;
-}
-
 }  // namespace corvane

@@ -32,6 +32,5 @@ struct MigrationItemProgress {
 };
 
 std::string_view phaseName(MigrationItemProgress::Phase phase);
-std::optional<MigrationItemProgress::Phase> phaseFromName(std::string_view name);
 
 }  // namespace corvane
