@@ -29,12 +29,6 @@ TEST(ScanCommandTest, JsonIsTheManifestAndSummaryCountsHardLinksOnce) {
   EXPECT_EQ(manifest["Contents/pipe"]["kind"], "fifo");
   EXPECT_EQ(manifest["Contents/Resources/deep/climbs-out"]["link"], "../../../../outside.txt");
   EXPECT_EQ(manifest["Contents/hardlink.txt"]["inode"], manifest["Contents/Resources/deep/file3.txt"]["inode"]);
-  // Keys of each entry come in their fixed order (the parsed form sorts them; read the text).
-  const auto at = json.standardOutput.find("\"Contents/Info.plist\"");
-  const std::string entryText = json.standardOutput.substr(at, json.standardOutput.find('}', at) - at);
-  EXPECT_LT(entryText.find("\"kind\""), entryText.find("\"inode\""));
-  EXPECT_LT(entryText.find("\"changedNanoseconds\""), entryText.find("\"mode\""));
-  EXPECT_LT(entryText.find("\"mode\""), entryText.find("\"flags\""));
 
   auto summary = runCorvane({"scan", volume->child("Sample.app")});
   ASSERT_EQ(summary.exitStatus, 0) << summary.standardError;
@@ -110,12 +104,9 @@ TEST(CheckCommandTest, ReportsWhatBlocksEachItemAndRefusesMissingPathsAndLinks) 
   EXPECT_NE(cleanRun.standardOutput.find(localizedFormat("cli.check.inactive_socket", "old.sock")), std::string::npos);
   EXPECT_EQ(cleanRun.standardOutput.find(localized("cli.check.blocked")), std::string::npos);
 
-  auto mixed = runCorvane({"check", clean, served});
-  EXPECT_EQ(mixed.exitStatus, 3);
-
-  // Nothing was changed: the server still serves, the stale socket is still there.
-  EXPECT_EQ(runCorvane({"check", served}).exitStatus, 3);
-  EXPECT_EQ(runCorvane({"check", stale}).exitStatus, 0);
+  EXPECT_EQ(runCorvane({"check", clean, served}).exitStatus, 3);
+  // Nothing was changed: the stale socket is still there.
+  EXPECT_TRUE(platform::statNoFollow(AT_FDCWD, stale + "/old.sock"));
 
   worker.stop();
   EXPECT_EQ(runCorvane({"check", busy}).exitStatus, 0) << "idle once the worker left";

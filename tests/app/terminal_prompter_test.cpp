@@ -14,14 +14,12 @@ namespace {
 using Choice = MigrationPreflightChoice;
 using Terminal = TerminalPrompter::Terminal;
 
-// A prompter reading `input` and writing into a buffer the test can read.
+// A prompter reading `text` and writing into a buffer the test can read.
 class PromptSession {
  public:
-  PromptSession(const std::string& input, PresetAnswer preset, Terminal terminal) : input_(input) {
-    in_ = fmemopen(input_.data(), input_.size() + (input_.empty() ? 1 : 0), "r");
-    out_ = open_memstream(&buffer_, &size_);
-    prompter_ = std::make_unique<TerminalPrompter>(preset, terminal, in_, out_);
-  }
+  PromptSession(std::string text, PresetAnswer preset, Terminal terminal)
+      : input_(std::move(text)), in_(fmemopen(input_.data(), input_.size() + input_.empty(), "r")),
+        out_(open_memstream(&buffer_, &size_)), prompter_(std::make_unique<TerminalPrompter>(preset, terminal, in_, out_)) {}
   ~PromptSession() {
     prompter_.reset();
     std::fclose(in_);
@@ -36,10 +34,10 @@ class PromptSession {
 
  private:
   std::string input_;
-  std::FILE* in_ = nullptr;
-  std::FILE* out_ = nullptr;
   char* buffer_ = nullptr;
   std::size_t size_ = 0;
+  std::FILE* in_;
+  std::FILE* out_;
   std::unique_ptr<TerminalPrompter> prompter_;
 };
 

@@ -1,9 +1,8 @@
 #include "catalogue/catalogue_test_support.h"
 
-#include <dirent.h>
 #include <plist/plist.h>
-#include <sys/stat.h>
 
+#include <filesystem>
 #include <stdexcept>
 
 #include "catalogue/migrated_apps_file_format.h"
@@ -31,28 +30,12 @@ void writeRecordFile(const std::string& disk, const std::vector<MigratedApp>& ap
   writeFile(recordFilePath(disk), MigratedAppsFileFormat::encode(apps));
 }
 
-namespace {
-
-void collectNames(const std::string& root, const std::string& relative, std::set<std::string>& names) {
-  const std::string directory = relative.empty() ? root : root + "/" + relative;
-  DIR* stream = ::opendir(directory.c_str());
-  if (stream == nullptr) return;
-  while (const dirent* entry = ::readdir(stream)) {
-    const std::string name = entry->d_name;
-    if (name == "." || name == "..") continue;
-    const std::string child = relative.empty() ? name : relative + "/" + name;
-    names.insert(child);
-    struct stat status {};
-    if (::lstat((root + "/" + child).c_str(), &status) == 0 && S_ISDIR(status.st_mode)) collectNames(root, child, names);
-  }
-  ::closedir(stream);
-}
-
-}  // namespace
-
 std::set<std::string> treeNames(const std::string& directory) {
   std::set<std::string> names;
-  collectNames(directory, "", names);
+  std::error_code error;  // a missing directory has no names
+  for (std::filesystem::recursive_directory_iterator it(directory, error), end; it != end; it.increment(error)) {
+    names.insert(std::filesystem::relative(it->path(), directory).string());
+  }
   return names;
 }
 

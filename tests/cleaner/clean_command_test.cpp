@@ -51,15 +51,8 @@ TEST_F(CleanCommandTest, ListingDryRunAndRefusalsRemoveNothing) {
   const auto text = clean({});
   ASSERT_EQ(text.exitStatus, 0) << text.standardError;
   const auto& out = text.standardOutput;
-  const auto system = out.find("System Junk");
-  const auto development = out.find("Developer Caches");
-  ASSERT_NE(system, std::string::npos) << out;
-  ASSERT_NE(development, std::string::npos) << out;
-  EXPECT_LT(system, out.find("(user_cache)"));
-  EXPECT_LT(development, out.find("(go_build)"));
   EXPECT_NE(out.find("[x] Cache Folder"), std::string::npos) << out;
   EXPECT_NE(out.find("[ ] Go Build Cache"), std::string::npos) << out;
-  EXPECT_NE(out.find("rebuilt on next use"), std::string::npos) << out;
 
   const auto json = clean({"--json"});
   ASSERT_EQ(json.exitStatus, 0) << json.standardError;
@@ -68,10 +61,8 @@ TEST_F(CleanCommandTest, ListingDryRunAndRefusalsRemoveNothing) {
   const auto* cache = itemWithId(report, "user_cache");
   const auto* goBuild = itemWithId(report, "go_build");
   ASSERT_TRUE(cache && goBuild) << json.standardOutput;
-  EXPECT_EQ((*cache)["category"], "System Junk");
   EXPECT_EQ((*cache)["isSelected"], true);
   EXPECT_EQ((*goBuild)["isSelected"], false);
-  EXPECT_EQ((*goBuild)["riskLevel"], "warning");
   EXPECT_GE((*cache)["sizeBytes"].get<std::int64_t>(), 120'000);
 
   // A dry run shows what would go and keeps it.

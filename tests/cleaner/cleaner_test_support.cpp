@@ -1,13 +1,11 @@
 #include "cleaner/cleaner_test_support.h"
 
-#include <dirent.h>
 #include <ftw.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
-#include <grp.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <filesystem>
 #include <fstream>
 #include <random>
 #include <sstream>
@@ -44,13 +42,7 @@ bool existsNoFollow(const std::string& path) {
 
 std::vector<std::string> namesIn(const std::string& directory) {
   std::vector<std::string> names;
-  DIR* stream = ::opendir(directory.c_str());
-  if (stream == nullptr) throw std::runtime_error("cannot list " + directory);
-  while (dirent* entry = ::readdir(stream)) {
-    const std::string name = entry->d_name;
-    if (name != "." && name != "..") names.push_back(name);
-  }
-  ::closedir(stream);
+  for (const auto& entry : std::filesystem::directory_iterator(directory)) names.push_back(entry.path().filename());
   std::sort(names.begin(), names.end());
   return names;
 }
@@ -94,30 +86,6 @@ std::vector<std::string> fakeDockerCalls(const std::string& directory) {
   std::ifstream in(directory + "/calls.log");
   for (std::string line; std::getline(in, line);) calls.push_back(line);
   return calls;
-}
-
-std::optional<std::string> runAsNobody(const std::function<std::string()>& work) {
-  if (::geteuid() != 0) return std::nullopt;
-  int fds[2];
-  if (::pipe(fds) != 0) throw std::runtime_error("pipe failed");
-  const pid_t child = ::fork();
-  if (child < 0) throw std::runtime_error("fork failed");
-  if (child == 0) {
-    ::close(fds[0]);
-    if (::setgroups(0, nullptr) != 0 || ::setgid(kNobody) != 0 || ::setuid(kNobody) != 0) ::_exit(3);
-    const std::string result = work();
-    const ssize_t written = ::write(fds[1], result.data(), result.size());
-    ::_exit(written == static_cast<ssize_t>(result.size()) ? 0 : 4);
-  }
-  ::close(fds[1]);
-  std::string output;
-  char buffer[4096];
-  for (ssize_t got; (got = ::read(fds[0], buffer, sizeof buffer)) > 0;) output.append(buffer, static_cast<std::size_t>(got));
-  ::close(fds[0]);
-  int status = 0;
-  ::waitpid(child, &status, 0);
-  if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) throw std::runtime_error("the unprivileged child failed");
-  return output;
 }
 
 void giveToNobody(const std::string& path) {

@@ -1,10 +1,7 @@
-// Helpers for the cleaner tests: files of a given size, the du oracle, a scratch mount inside a
-// tree, and a fake docker client whose answers and invocations the test controls.
+// Helpers for the cleaner tests: sized files, the du oracle, a scratch mount, a fake docker client.
 #pragma once
 
 #include <cstdint>
-#include <functional>
-#include <optional>
 #include <map>
 #include <string>
 #include <vector>
@@ -41,9 +38,6 @@ struct FakeDockerAnswer {
 std::string writeFakeDocker(const std::string& directory, const std::map<std::string, FakeDockerAnswer>& answers);
 std::vector<std::string> fakeDockerCalls(const std::string& directory);
 
-// Runs `work` in a child process under the "nobody" account (uid and gid 65534) and returns what
-// it wrote; absent when not root. The child must only compute and write, nothing threaded.
-std::optional<std::string> runAsNobody(const std::function<std::string()>& work);
 inline constexpr unsigned kNobody = 65534;
 // chown -R to nobody, without following links.
 void giveToNobody(const std::string& path);

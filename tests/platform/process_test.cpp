@@ -118,10 +118,6 @@ TEST(ProcessTest, MissingExecutableIsAnErrorNamingIt) {
   }
 }
 
-TEST(ProcessTest, ExecutablePathNamesThisProgram) {
-  EXPECT_EQ(currentExecutablePath().substr(currentExecutablePath().rfind('/') + 1), "corvane_tests");
-}
-
 TEST(ShellQuoteTest, AnyTextSurvivesTheShellUnchanged) {
   for (const std::string text : {"plain", "with space", "it's", "''", "\"double\"", "back\\slash", "line\nbreak",
                                  "$(touch /tmp/pwned)", "`id`", "*?[a]", "中文 名字.app", "-n", "", "tab\there",
@@ -130,7 +126,6 @@ TEST(ShellQuoteTest, AnyTextSurvivesTheShellUnchanged) {
     EXPECT_TRUE(result.exit.succeeded()) << text;
     EXPECT_EQ(result.standardOutput, text);
   }
-  EXPECT_EQ(shellQuote("it's"), "'it'\\''s'");
 }
 
 }  // namespace

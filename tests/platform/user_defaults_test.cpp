@@ -5,6 +5,7 @@
 #include <filesystem>
 #include <nlohmann/json.hpp>
 
+#include "catalogue/catalogue_test_support.h"
 #include "fixtures/sample_tree.h"
 #include "fixtures/temporary_directory.h"
 #include "platform/posix_error.h"
@@ -14,13 +15,6 @@
 
 namespace corvane {
 namespace {
-
-std::vector<std::string> directoryNames(const std::string& path) {
-  std::vector<std::string> names;
-  for (const auto& entry : std::filesystem::directory_iterator(path)) names.push_back(entry.path().filename());
-  std::sort(names.begin(), names.end());
-  return names;
-}
 
 TEST(UserDefaultsTest, WritesCreateThePrivateDirectoryKeepOtherKeysAndFollowALinkedFile) {
   TemporarySettings settings;
@@ -41,7 +35,7 @@ TEST(UserDefaultsTest, WritesCreateThePrivateDirectoryKeepOtherKeysAndFollowALin
   EXPECT_EQ(written["nested"]["x"], true);
   EXPECT_EQ(written["note"], "中文");
   // The temporary file of the atomic write is gone.
-  EXPECT_EQ(directoryNames(settings.configHome() + "/corvane"), std::vector<std::string>{"settings.json"});
+  EXPECT_EQ(treeNames(settings.configHome() + "/corvane"), std::set<std::string>{"settings.json"});
   // A value of another type is no string setting.
   EXPECT_FALSE(platform::readUserDefault("windowFrame"));
 
@@ -80,13 +74,9 @@ TEST(UserDefaultsTest, LocationFollowsXdgAndFallsBackToHome) {
     platform::writeUserDefault("AppLanguage", "en");
     EXPECT_TRUE(std::filesystem::exists(home.path() + "/.config/corvane/settings.json"));
   }
-  {
-    // The base directory specification says relative values are to be ignored.
-    ScopedEnvironment relative("XDG_CONFIG_HOME", "relative/config");
-    EXPECT_EQ(platform::userDefaultsLocation(), home.path() + "/.config/corvane/settings.json");
-  }
-  TemporarySettings settings;
-  EXPECT_EQ(platform::userDefaultsLocation(), settings.settingsFile());
+  // The base directory specification says relative values are to be ignored.
+  ScopedEnvironment relative("XDG_CONFIG_HOME", "relative/config");
+  EXPECT_EQ(platform::userDefaultsLocation(), home.path() + "/.config/corvane/settings.json");
 }
 
 TEST(UserDefaultsTest, SettingsThatCannotBeStoredFailWithThePath) {
@@ -101,11 +91,8 @@ TEST(UserDefaultsTest, SettingsThatCannotBeStoredFailWithThePath) {
     EXPECT_EQ(error.errnoValue(), ENOTDIR);
     EXPECT_EQ(error.path(), dir.child("not-a-directory/corvane"));
   }
-  CapturedDiagnosticLog log;
   EXPECT_FALSE(SettingsStore().setString("AppLanguage", "en"));
   EXPECT_FALSE(SettingsStore().string("AppLanguage"));
-  EXPECT_EQ(log.count("can't be saved"), 1) << log.text();
-  EXPECT_EQ(log.count("can't be read"), 1) << log.text();
 }
 
 }  // namespace

@@ -10,6 +10,7 @@
 #include <set>
 
 #include "fixtures/sample_tree.h"
+#include "support/localization_test_support.h"
 #include "support/strings_table.h"
 
 namespace corvane {
@@ -110,11 +111,6 @@ SourceKeys keysUsedInSources() {
     collectKeys(readFile(entry.path()), std::filesystem::relative(entry.path(), root).string(), found);
   }
   return found;
-}
-
-StringsTable shippedTable(const std::string& language) {
-  return StringsTable::parse(
-      readFile(std::string(CORVANE_TEST_SOURCE_DIR) + "/resources/" + language + ".lproj/Localizable.strings"));
 }
 
 // The numbers of the {N} placeholders in a text.

@@ -2,27 +2,25 @@
 
 #include <stdlib.h>
 
+#include <sstream>
+
 #include "fixtures/sample_tree.h"
 #include "support/diagnostic_log.h"
 
 namespace corvane {
 
+namespace {
+void setOrUnset(const std::string& name, const std::optional<std::string>& value) {
+  (void)(value ? ::setenv(name.c_str(), value->c_str(), 1) : ::unsetenv(name.c_str()));
+}
+}  // namespace
+
 ScopedEnvironment::ScopedEnvironment(std::string name, std::optional<std::string> value) : name_(std::move(name)) {
   if (const char* current = ::getenv(name_.c_str())) previous_ = current;
-  if (value) {
-    ::setenv(name_.c_str(), value->c_str(), 1);
-  } else {
-    ::unsetenv(name_.c_str());
-  }
+  setOrUnset(name_, value);
 }
 
-ScopedEnvironment::~ScopedEnvironment() {
-  if (previous_) {
-    ::setenv(name_.c_str(), previous_->c_str(), 1);
-  } else {
-    ::unsetenv(name_.c_str());
-  }
-}
+ScopedEnvironment::~ScopedEnvironment() { setOrUnset(name_, previous_); }
 
 CapturedDiagnosticLog::CapturedDiagnosticLog() : path_(directory_.child("diagnostic.log")) {
   setDiagnosticLogFile(path_);
@@ -43,16 +41,15 @@ std::string CapturedDiagnosticLog::text() const {
 }
 
 int CapturedDiagnosticLog::count(const std::string& fragment) const {
-  const std::string all = text();
+  std::istringstream all(text());
   int lines = 0;
-  std::size_t start = 0;
-  while (start < all.size()) {
-    auto end = all.find('\n', start);
-    if (end == std::string::npos) end = all.size();
-    if (all.substr(start, end - start).find(fragment) != std::string::npos) ++lines;
-    start = end + 1;
-  }
+  for (std::string line; std::getline(all, line);) lines += line.find(fragment) != std::string::npos;
   return lines;
+}
+
+StringsTable shippedTable(const std::string& language) {
+  return StringsTable::parse(
+      readFile(std::string(CORVANE_TEST_SOURCE_DIR) + "/resources/" + language + ".lproj/Localizable.strings"));
 }
 
 void writeStringsTable(const std::string& resources, const std::string& code, const std::string& contents) {

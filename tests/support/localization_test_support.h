@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "fixtures/temporary_directory.h"
+#include "support/strings_table.h"
 
 namespace corvane {
 
@@ -37,6 +38,9 @@ class CapturedDiagnosticLog {
   TemporaryDirectory directory_;
   std::string path_;
 };
+
+// The table shipped in resources/ for a language ("en", "zh-Hans", "zh-Hant").
+StringsTable shippedTable(const std::string& language);
 
 // Writes <resources>/<code>.lproj/Localizable.strings.
 void writeStringsTable(const std::string& resources, const std::string& code, const std::string& contents);
