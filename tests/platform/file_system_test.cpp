@@ -53,16 +53,13 @@ TEST(FileSystemTest, ImmutableAndAppendOnlyFlagsReadAsTheirPortableBits) {
   EXPECT_EQ(statNoFollow(AT_FDCWD, volume->child("locked"))->flags, 0u);
 }
 
-TEST(FileSystemTest, ExtendedAttributesRoundTripBinaryValuesOnTheObjectItself) {
+// Binary attribute values and ACLs are copied and checked by the copier tests; here only what they do not meet.
+TEST(FileSystemTest, ExtendedAttributesMayBeEmptyOrAbsentAndBelongToTheObjectItself) {
   TemporaryDirectory dir;
   writeFile(dir.child("f"), "x");
-  const std::string binary("\0\x01\xff value", 9);
-  writeExtendedAttribute(dir.child("f"), "user.binary", binary);
   writeExtendedAttribute(dir.child("f"), "user.empty", "");
-  auto names = listExtendedAttributes(dir.child("f"));
-  EXPECT_NE(std::find(names.begin(), names.end(), "user.binary"), names.end());
+  const auto names = listExtendedAttributes(dir.child("f"));
   EXPECT_NE(std::find(names.begin(), names.end(), "user.empty"), names.end());
-  EXPECT_EQ(readExtendedAttribute(dir.child("f"), "user.binary"), binary);
   EXPECT_EQ(readExtendedAttribute(dir.child("f"), "user.empty"), "");
   EXPECT_EQ(errnoOf([&] { readExtendedAttribute(dir.child("f"), "user.absent"); }), ENODATA);
   // A link's own attributes are read, not its target's.
