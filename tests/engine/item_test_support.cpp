@@ -35,15 +35,6 @@ std::vector<std::string> namesIn(const std::string& directory) {
 
 std::optional<MigrationEntry> entryAt(const std::string& path) { return MigrationEntry::read(path, AT_FDCWD); }
 
-std::string issueKeyOf(const std::function<void()>& action) {
-  try {
-    action();
-  } catch (const MigrationIssue& issue) {
-    return issue.key();
-  }
-  return "";
-}
-
 void copyTree(const std::string& from, const std::string& to) { run("/bin/cp", {"-a", "--", from, to}); }
 
 void remountReadOnly(const TestVolume& volume) { run("mount", {"-o", "remount,ro", volume.mountPoint()}); }

@@ -19,8 +19,17 @@ MigrationManifest scanned(const std::string& root);
 // The names directly inside `directory`, sorted.
 std::vector<std::string> namesIn(const std::string& directory);
 std::optional<MigrationEntry> entryAt(const std::string& path);
-// The key of the MigrationIssue `action` throws, "" when it throws none.
-std::string issueKeyOf(const std::function<void()>& action);
+// Runs `body` and returns the issue it throws (an empty key when it throws none).
+template <typename Body>
+MigrationIssue issueOf(Body body) {
+  try {
+    body();
+  } catch (const MigrationIssue& issue) {
+    return issue;
+  }
+  return MigrationIssue("");
+}
+inline std::string issueKeyOf(const std::function<void()>& action) { return issueOf(action).key(); }
 
 // cp -a: hard links, links, modes, times and extended attributes kept.
 void copyTree(const std::string& from, const std::string& to);

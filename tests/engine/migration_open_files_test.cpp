@@ -243,7 +243,7 @@ std::vector<std::string> asText(const std::vector<Reference>& references) {
 
 // Runs the native scan (whole and filtered) and lsof over `item`, expects all three to agree, returns the native one.
 std::vector<Reference> listersAgreeOn(const std::string& item) {
-  const auto index = MigrationOpenFiles::fileIndex(snapshotOf(item));
+  const auto index = MigrationOpenFiles::fileIndex(scanned(item));
   auto referencesOf = [&](const MigrationOpenFiles::Result& run) {
     EXPECT_EQ(run.status, 0);
     EXPECT_EQ(errorsAboutTheItem(run.standardError, item), "");
@@ -334,7 +334,7 @@ TEST(MigrationOpenFilesListersTest, RequireIdlePassesOnceTheLastOccupantLeaves) 
   const std::string item = scratch.child("Item");
   writeFile(item + "/held.txt", "held\n");
   auto holder = std::make_unique<OccupantProcess>(OccupantProcess::holdingFile(item + "/held.txt", O_RDONLY));
-  const auto index = MigrationOpenFiles::fileIndex(snapshotOf(item));
+  const auto index = MigrationOpenFiles::fileIndex(scanned(item));
   int rechecks = 0;
   // The occupant quits while the check waits; the re-check finds the item idle.
   auto quitThenRecheck = [&](int attempt) { return holder.reset(), attempt <= 1; };

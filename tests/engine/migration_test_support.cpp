@@ -21,14 +21,10 @@ std::string writeScript(const std::string& directory, const std::string& name, c
 
 bool processIsReaped(pid_t pid) { return kill(pid, 0) == -1 && errno == ESRCH; }
 
-MigrationManifest snapshotOf(const std::string& root) {
-  return MigrationIntegrityVerifier::snapshot(root, RuntimeEntries::allow, ReadableCheck::skip, RemovableCheck::skip);
-}
-
 std::map<std::string, std::string> fullManifest(const std::string& root) {
   std::map<std::uint64_t, std::vector<std::string>> groups;
   std::map<std::string, std::string> result;
-  for (const auto& [relative, entry] : snapshotOf(root)) {
+  for (const auto& [relative, entry] : scanned(root)) {
     const std::string path = relative.empty() ? root : root + "/" + relative;
     struct stat status {};
     if (lstat(path.c_str(), &status) != 0) throw std::runtime_error("lstat " + path);

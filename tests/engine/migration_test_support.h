@@ -9,6 +9,7 @@
 #include "engine/migration_entry.h"
 #include "engine/migration_issue.h"
 #include "engine/migration_preflight_prompter.h"
+#include "engine/item_test_support.h"
 
 namespace corvane {
 
@@ -26,21 +27,10 @@ class DeferringPrompter final : public MigrationPreflightPrompter {
 std::string writeScript(const std::string& directory, const std::string& name, const std::string& body);
 // True once `pid` is gone and reaped (not even a zombie left).
 bool processIsReaped(pid_t pid);
-MigrationManifest snapshotOf(const std::string& root);
 // Every entry's kind, mode, owner, size, mtime, links, data, target, xattrs, ACL and hard-link group: all a
 // copy can keep (not inodes or change times).
 std::map<std::string, std::string> fullManifest(const std::string& root);
 // True when `directory` holds a ".corvane-…" or ".corvane_…" leftover of an operation.
 bool hasStagingLeft(const std::string& directory);
-// Runs `body` and returns the issue it throws (an empty key when it throws none).
-template <typename Body>
-MigrationIssue issueOf(Body body) {
-  try {
-    body();
-  } catch (const MigrationIssue& issue) {
-    return issue;
-  }
-  return MigrationIssue("");
-}
 
 }  // namespace corvane
