@@ -6,6 +6,11 @@
 #include <fmt/format.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <atomic>
+#include <exception>
+#include <mutex>
+#include <thread>
 #include <vector>
 
 #include "engine/migration_access.h"
@@ -68,39 +73,94 @@ class VerifiedRemoval {
       : present_(present), directoriesLater_(directoriesLater) {}
 
   // Removes the children of the directory open as `directory`, each re-read and compared first.
-  // With `directoriesLater` the emptied directories are only collected, children first.
+  // With `directoriesLater` the emptied directories are only collected, children first, and the
+  // work stays on this thread; otherwise the item's branches are removed side by side (unlinking
+  // is mostly the file system's own work, and it proceeds in parallel on separate directories).
   void removeChildren(int directory, const std::string& path, const std::string& relativePath) {
-    for (const auto& name : listNames(directory, path)) {
-      const std::string childRelative = relativePath.empty() ? name : relativePath + "/" + name;
-      const std::string childPath = joinPath(path, name);
-      auto expected = present_.find(childRelative);
-      auto now = MigrationEntry::read(name, directory);
-      if (expected == present_.end() || !now || !sameApartFromChangeTime(*now, expected->second)) {
-        throw MigrationIssue("migration.safety.conflict", childPath);
-      }
-      if (now->kind == Kind::directory) {
-        platform::UniqueFd child(::openat(directory, name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-        if (!child) platform::throwErrno(childPath);
-        auto opened = platform::statDescriptor(child.get(), childPath);
-        if (opened.inode != now->inode || opened.device != now->device) {
-          throw MigrationIssue("migration.safety.conflict", childPath);
-        }
-        removeChildren(child.get(), childPath, childRelative);
-        child.reset();
-        if (directoriesLater_) {
-          emptiedDirectories_.push_back(childPath);
-        } else if (::unlinkat(directory, name.c_str(), AT_REMOVEDIR) != 0) {
-          platform::throwErrno(childPath);
-        }
-      } else if (::unlinkat(directory, name.c_str(), 0) != 0) {
-        platform::throwErrno(childPath);
-      }
+    if (directoriesLater_) {
+      removeEach(directory, path, relativePath);
+    } else {
+      removeSideBySide(directory, path, relativePath);
     }
   }
 
   const std::vector<std::string>& emptiedDirectories() const { return emptiedDirectories_; }
 
  private:
+  // Another branch failed: this one stops too, leaving the rest in place.
+  struct Stopped {};
+
+  enum class Spread { sideBySide, oneThread };
+
+  void removeSideBySide(int directory, const std::string& path, const std::string& relativePath) {
+    const std::vector<std::string> names = listNames(directory, path);
+    const std::size_t threads = std::min<std::size_t>(names.size(), std::clamp(std::thread::hardware_concurrency(), 1u, 4u));
+    // A single child (a bundle's one top folder) is entered first, so its branches spread instead.
+    if (threads < 2) {
+      for (const auto& name : names) removeChild(directory, path, relativePath, name, Spread::sideBySide);
+      return;
+    }
+    std::atomic<std::size_t> next{0};
+    std::mutex failureMutex;
+    std::exception_ptr failure;
+    auto work = [&] {
+      try {
+        for (std::size_t index = next++; index < names.size(); index = next++) {
+          removeChild(directory, path, relativePath, names[index], Spread::oneThread);
+        }
+      } catch (const Stopped&) {
+      } catch (...) {
+        std::lock_guard lock(failureMutex);
+        if (!failure) failure = std::current_exception();
+        stopped_ = true;
+      }
+    };
+    std::vector<std::thread> helpers;
+    for (std::size_t i = 1; i < threads; ++i) helpers.emplace_back(work);
+    work();
+    for (auto& helper : helpers) helper.join();
+    if (failure) std::rethrow_exception(failure);
+  }
+
+  void removeEach(int directory, const std::string& path, const std::string& relativePath) {
+    for (const auto& name : listNames(directory, path)) {
+      removeChild(directory, path, relativePath, name, Spread::oneThread);
+    }
+  }
+
+  void removeChild(int directory, const std::string& path, const std::string& relativePath, const std::string& name,
+                   Spread spread) {
+    if (stopped_) throw Stopped{};
+    const std::string childRelative = relativePath.empty() ? name : relativePath + "/" + name;
+    const std::string childPath = joinPath(path, name);
+    auto expected = present_.find(childRelative);
+    auto now = MigrationEntry::read(name, directory);
+    if (expected == present_.end() || !now || !sameApartFromChangeTime(*now, expected->second)) {
+      throw MigrationIssue("migration.safety.conflict", childPath);
+    }
+    if (now->kind == Kind::directory) {
+      platform::UniqueFd child(::openat(directory, name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+      if (!child) platform::throwErrno(childPath);
+      auto opened = platform::statDescriptor(child.get(), childPath);
+      if (opened.inode != now->inode || opened.device != now->device) {
+        throw MigrationIssue("migration.safety.conflict", childPath);
+      }
+      if (spread == Spread::sideBySide) {
+        removeSideBySide(child.get(), childPath, childRelative);
+      } else {
+        removeEach(child.get(), childPath, childRelative);
+      }
+      child.reset();
+      if (directoriesLater_) {
+        emptiedDirectories_.push_back(childPath);
+      } else if (::unlinkat(directory, name.c_str(), AT_REMOVEDIR) != 0) {
+        platform::throwErrno(childPath);
+      }
+    } else if (::unlinkat(directory, name.c_str(), 0) != 0) {
+      platform::throwErrno(childPath);
+    }
+  }
+
   static std::vector<std::string> listNames(int directory, const std::string& path) {
     int listing = ::dup(directory);
     if (listing < 0) platform::throwErrno(path);
@@ -125,6 +185,7 @@ class VerifiedRemoval {
 
   const MigrationManifest& present_;
   bool directoriesLater_;
+  std::atomic<bool> stopped_{false};
   std::vector<std::string> emptiedDirectories_;
 };
 

@@ -38,16 +38,21 @@ MigrationContentComparison::MigrationContentComparison() : original_(kChunkSize)
 
 bool MigrationContentComparison::sameContents(const std::string& original, const MigrationEntry& expected,
                                               const std::string& copy, const MigrationEntry& copyEntry,
-                                              const std::function<void(std::int64_t)>& bytesRead) {
-  platform::UniqueFd copyFd(::open(copy.c_str(), O_RDONLY | O_NOFOLLOW | O_NOCTTY | O_CLOEXEC));
+                                              const std::function<void(std::int64_t)>& bytesRead,
+                                              std::optional<platform::OpenedAhead> openedAhead) {
+  platform::UniqueFd copyFd;
+  if (openedAhead && sameObject(openedAhead->status, copyEntry)) copyFd = std::move(openedAhead->descriptor);
   if (!copyFd) {
-    if (errno == ENOENT || errno == ELOOP) return false;
-    platform::throwErrno(copy);
+    copyFd.reset(::open(copy.c_str(), O_RDONLY | O_NOFOLLOW | O_NOCTTY | O_CLOEXEC));
+    if (!copyFd) {
+      if (errno == ENOENT || errno == ELOOP) return false;
+      platform::throwErrno(copy);
+    }
+    if (!sameObject(platform::statDescriptor(copyFd.get(), copy), copyEntry)) return false;
+    // The copy was flushed before the verification began; without its cached pages every read
+    // below has to come from the device, so lost or damaged writes show.
+    platform::dropCachedPages(copyFd.get(), copy);
   }
-  if (!sameObject(platform::statDescriptor(copyFd.get(), copy), copyEntry)) return false;
-  // The copy was flushed before the verification began; without its cached pages every read
-  // below has to come from the device, so lost or damaged writes show.
-  platform::dropCachedPages(copyFd.get(), copy);
 
   platform::UniqueFd originalFd(::open(original.c_str(), O_RDONLY | O_NOFOLLOW | O_NOCTTY | O_CLOEXEC));
   if (!originalFd) {

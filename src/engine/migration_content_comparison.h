@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "engine/migration_entry.h"
+#include "platform/read_ahead.h"
 
 namespace corvane {
 
@@ -22,8 +23,11 @@ class MigrationContentComparison {
   // `copyEntry`, and the original must still be `expected` (else
   // "error.migration_source_changed"); a copy that vanished or changed compares unequal. Each
   // chunk's length goes to `bytesRead`. Read failures throw platform::PosixError.
+  // `openedAhead` is the copy as opened ahead of its turn with its cached pages already dropped;
+  // it is used only while it is still the object at `copy`.
   bool sameContents(const std::string& original, const MigrationEntry& expected, const std::string& copy,
-                    const MigrationEntry& copyEntry, const std::function<void(std::int64_t)>& bytesRead);
+                    const MigrationEntry& copyEntry, const std::function<void(std::int64_t)>& bytesRead,
+                    std::optional<platform::OpenedAhead> openedAhead = std::nullopt);
 
  private:
   std::vector<char> original_;

@@ -7,6 +7,8 @@
 
 #include "engine/migration_issue.h"
 #include "engine/migration_owned_tree.h"
+#include "platform/file_system.h"
+#include "platform/no_follow_open.h"
 #include "platform/posix_error.h"
 #include "support/paths.h"
 #include "support/uuid.h"
@@ -24,6 +26,13 @@ MigrationStagingArea::MigrationStagingArea(const std::string& source, const std:
   auto rootEntry = MigrationEntry::read(root_, AT_FDCWD);
   if (!rootEntry) throw MigrationIssue("migration.safety.conflict", root_);
   rootIdentity_ = rootEntry->identity();
+  // Entries are read below the directory made here, whatever its name comes to hold: a path
+  // walk of a few components instead of the whole destination path for every file copied.
+  rootDescriptor_ = platform::openDirectoryNoFollow(root_);
+  auto opened = platform::statDescriptor(rootDescriptor_.get(), root_);
+  if (opened.inode != rootEntry->inode || opened.device != rootEntry->device) {
+    throw MigrationIssue("migration.safety.conflict", root_);
+  }
   owned_.emplace("", *rootEntry);
   payload_ = joinPath(root_, lastComponent(target));
 }
@@ -39,14 +48,22 @@ std::string MigrationStagingArea::relativeToRoot(const std::string& path) const 
 void MigrationStagingArea::recordCreated(const std::string& path, RecordScope scope) {
   const std::string relative = relativeToRoot(path);
   if (relative == "/") return;
-  // Ancestors first, so a removal always finds a recorded directory above each entry.
-  std::string ancestor;
-  for (const auto& component : pathComponents(relative)) {
-    ancestor = ancestor.empty() ? component : ancestor + "/" + component;
-    if (ancestor == relative) break;
-    if (scope == RecordScope::anyPath && !owned_.count(ancestor)) record(ancestor, scope);
-  }
+  if (scope == RecordScope::anyPath) recordMissingAncestors(relative);
   record(relative, scope);
+}
+
+// Ancestors first, so a removal always finds a recorded directory above each entry. Every path
+// is recorded together with its ancestors, so the nearest recorded one ends the search.
+void MigrationStagingArea::recordMissingAncestors(const std::string& relative) {
+  std::vector<std::size_t> missingEnds;  // nearest first
+  for (auto slash = relative.rfind('/'); slash != std::string::npos && slash > 0;
+       slash = relative.rfind('/', slash - 1)) {
+    if (owned_.find(std::string_view(relative).substr(0, slash)) != owned_.end()) break;
+    missingEnds.push_back(slash);
+  }
+  for (auto end = missingEnds.rbegin(); end != missingEnds.rend(); ++end) {
+    record(relative.substr(0, *end), RecordScope::anyPath);
+  }
 }
 
 void MigrationStagingArea::refreshDirectories() {
@@ -60,14 +77,13 @@ void MigrationStagingArea::refreshDirectories() {
 void MigrationStagingArea::record(const std::string& relative, RecordScope scope) {
   auto known = owned_.find(relative);
   if (scope == RecordScope::onlyKnown && known == owned_.end()) return;
-  const std::string path = relative.empty() ? root_ : root_ + "/" + relative;
-  auto entry = MigrationEntry::read(path, AT_FDCWD);
+  auto entry = relative.empty() ? MigrationEntry::read(root_, AT_FDCWD) : MigrationEntry::read(relative, rootDescriptor_.get());
   if (!entry) {
     if (known != owned_.end()) owned_.erase(known);
     return;
   }
   if (known != owned_.end() && (known->second.identity() != entry->identity() || known->second.kind != entry->kind)) {
-    throw MigrationIssue("migration.safety.conflict", path);
+    throw MigrationIssue("migration.safety.conflict", relative.empty() ? root_ : root_ + "/" + relative);
   }
   owned_.insert_or_assign(relative, *entry);
 }

@@ -7,6 +7,7 @@
 
 #include "engine/migration_entry.h"
 #include "engine/migration_file_identity.h"
+#include "platform/unique_fd.h"
 
 namespace corvane {
 
@@ -46,6 +47,7 @@ class MigrationStagingArea {
  private:
   void requireRoot() const;
   std::string relativeToRoot(const std::string& path) const;
+  void recordMissingAncestors(const std::string& relative);
   void record(const std::string& relative, RecordScope scope);
 
   std::string root_;
@@ -53,6 +55,7 @@ class MigrationStagingArea {
   std::string source_;
   MigrationFileIdentity sourceIdentity_;
   MigrationFileIdentity rootIdentity_;
+  platform::UniqueFd rootDescriptor_;
   MigrationManifest owned_;
 };
 

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "engine/migration_content_comparison.h"
+#include "engine/migration_copy_read_ahead.h"
 #include "engine/migration_integrity_verifier.h"
 #include "engine/migration_issue.h"
 #include "engine/migration_link_plan.h"
@@ -34,7 +35,8 @@ bool sameApartFromChangeTime(const MigrationEntry& a, const MigrationEntry& b) {
 
 bool matchesEntry(const std::string& source, const std::string& destination, const MigrationEntry& expected,
                   const std::optional<std::string>& link, MigrationContentComparison& comparison,
-                  const MigrationIntegrityVerifier::BytesRead& bytesRead, bool compareContents) {
+                  const MigrationIntegrityVerifier::BytesRead& bytesRead, bool compareContents,
+                  std::optional<platform::OpenedAhead> openedAhead = std::nullopt) {
   const auto present = MigrationEntry::read(destination, AT_FDCWD);
   if (!present || present->kind != expected.kind) return false;
   switch (expected.kind) {
@@ -43,7 +45,8 @@ bool matchesEntry(const std::string& source, const std::string& destination, con
     case Kind::regular:
       // Size first: a short copy fails before a byte is read.
       if (present->size != expected.size || present->mode != expected.mode) return false;
-      return !compareContents || comparison.sameContents(source, expected, destination, *present, bytesRead);
+      return !compareContents ||
+             comparison.sameContents(source, expected, destination, *present, bytesRead, std::move(openedAhead));
     default:
       return true;
   }
@@ -64,6 +67,7 @@ class Verification {
       relocated_ = options_.relocated ? *options_.relocated : MigrationLinkPlan::relocatedTargets(source_, manifest_);
     });
     wholeTree([&] { flushDestination(); });
+    readAhead_.emplace(destination_, manifest_, options_.inactiveSockets);
     for (const auto& [relativePath, expected] : manifest_) {
       if (options_.inactiveSockets.contains(relativePath)) continue;
       entry(relativePath, [&] { verifyEntry(relativePath, expected); });
@@ -148,7 +152,9 @@ class Verification {
     };
     creditedForFile_ = 0;
 
-    if (!matchesEntry(original, copy, expected, link, comparison_, bytesRead, compareContents)) {
+    std::optional<platform::OpenedAhead> openedAhead;
+    if (expected.kind == Kind::regular && compareContents) openedAhead = readAhead_->take(relativePath);
+    if (!matchesEntry(original, copy, expected, link, comparison_, bytesRead, compareContents, std::move(openedAhead))) {
       if (!options_.repair) throw MigrationIssue("error.migration_copy_mismatch", copy);
       MigrationRepairRequest request{relativePath, original, copy, expected, link, std::nullopt};
       if (group && options_.hardLinks == HardLinkPolicy::preserve) {
@@ -243,6 +249,7 @@ class Verification {
   const std::string treeLabel_;
   std::map<std::string, std::string> relocated_;
   platform::UniqueFd flushDescriptor_;
+  std::optional<MigrationCopyReadAhead> readAhead_;
   MigrationContentComparison comparison_;
   std::unordered_map<MigrationFileIdentity, Group> groups_;
   MigrationManifest verifiedCopies_;

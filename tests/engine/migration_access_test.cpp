@@ -195,6 +195,26 @@ TEST_F(AccessFixture, LockedReplacedOrMovedItemsAndChangedOriginalsAreNeverTouch
   EXPECT_EQ(scanned(backup).size(), count);
 }
 
+// The original's branches are removed side by side; an entry that changes after the checks is
+// met right before its removal, stops every branch and stays as it is.
+TEST_F(AccessFixture, AnOriginalChangedDuringItsRemovalStopsItAndKeepsTheChange) {
+  makeItem("Item.app");
+  const std::string changed = "/Contents/Resources/deep/deeper/private.txt";
+  auto configuration = this->configuration();
+  std::string backup;
+  configuration.requireIdle = [&](const std::string&, const MigrationManifest&) {
+    writeFile(backup + changed, "written during the removal\n");
+  };
+  MigrationAccess switched(source_, manifest_.at(""), std::nullopt, configuration);
+  backup = switched.install(target_, {});
+  EXPECT_EQ(issueKeyOf([&] {
+              switched.cleanupBackup(backup, manifest_, {}, MigrationLinkPlan::relocatedTargets(source_, manifest_));
+            }),
+            "migration.safety.conflict");
+  EXPECT_EQ(readFile(backup + changed), "written during the removal\n");
+  EXPECT_EQ(entryAt(source_)->kind, Kind::symbolicLink);
+}
+
 // Through the administrator nothing moves unless a command runs as written: the exchange re-reads
 // the directory, the item and the link just before the swap, and stops if any was replaced.
 TEST_F(AccessFixture, AdministratorCommandsMoveNothingUnlessTheyRunAsWritten) {

@@ -6,6 +6,7 @@
 #include <random>
 
 #include "engine/item_test_support.h"
+#include "engine/migration_content_comparison.h"
 #include "engine/migration_copy_workload.h"
 #include "engine/migration_entry_repair.h"
 #include "engine/migration_integrity_verifier.h"
@@ -14,6 +15,7 @@
 #include "fixtures/temporary_directory.h"
 #include "fixtures/test_volume.h"
 #include "platform/posix_error.h"
+#include "platform/read_ahead.h"
 #include "platform/unique_fd.h"
 
 namespace corvane {
@@ -119,6 +121,17 @@ TEST(MigrationVerificationTest, FindsADifferenceInTheLastByteAndAReplacedOrigina
   EXPECT_FALSE(matches("different"));
   EXPECT_FALSE(matches("short"));
   EXPECT_TRUE(matches("same"));
+  // A copy opened ahead of its turn is read only while it is still the object at the copy's path.
+  MigrationContentComparison comparison;
+  auto compare = [&](const std::string& name, const std::string& openedAheadName) {
+    auto openedAhead = platform::openAhead(AT_FDCWD, dir.child(openedAheadName), 0, platform::CachedPages::drop);
+    EXPECT_TRUE(openedAhead.has_value());
+    return comparison.sameContents(dir.child("original"), expected, dir.child(name), *entryAt(dir.child(name)), {},
+                                   std::move(openedAhead));
+  };
+  EXPECT_TRUE(compare("same", "different")) << "the descriptor of another file is set aside";
+  EXPECT_TRUE(compare("same", "same"));
+  EXPECT_FALSE(compare("different", "different"));
   writeFile(dir.child("replacement"), contents);
   ASSERT_EQ(::rename(dir.child("replacement").c_str(), dir.child("original").c_str()), 0);
   EXPECT_EQ(issueKeyOf([&] { matches("same"); }), "error.migration_source_changed");

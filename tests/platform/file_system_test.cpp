@@ -12,6 +12,7 @@
 #include "fixtures/test_volume.h"
 #include "platform/file_system.h"
 #include "platform/posix_error.h"
+#include "platform/read_ahead.h"
 #include "platform/volume.h"
 
 namespace corvane::platform {
@@ -37,6 +38,45 @@ TEST(FileSystemTest, ExclusiveRenameNeverReplacesAndStatTellsAbsenceFromFailure)
   // Stat reports absence, but not other failures.
   EXPECT_FALSE(statNoFollow(AT_FDCWD, dir.child("missing")));
   EXPECT_EQ(errnoOf([&] { statNoFollow(AT_FDCWD, dir.child("c/child")); }), ENOTDIR);
+}
+
+// Files are opened ahead only when they are regular files: a FIFO would block the open, a link
+// would lead elsewhere. The queue hands each file to its own turn and closes the ones passed over.
+TEST(ReadAheadTest, OnlyRegularFilesOpenAheadAndPassedOverOnesAreClosed) {
+  TemporaryDirectory dir;
+  writeFile(dir.child("data"), "abc");
+  ASSERT_EQ(::mkfifo(dir.child("pipe").c_str(), 0600), 0);
+  ASSERT_EQ(::symlink("data", dir.child("link").c_str()), 0);
+  makeDirectories(dir.child("folder"));
+  UniqueFd directory(::open(dir.path().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  ASSERT_TRUE(directory);
+  auto data = openAhead(directory.get(), "data", kReadAheadFirstBytes, CachedPages::keep);
+  ASSERT_TRUE(data.has_value());
+  EXPECT_EQ(data->status.size, 3);
+  EXPECT_EQ(data->status.inode, statNoFollow(AT_FDCWD, dir.child("data"))->inode);
+  for (const char* name : {"pipe", "link", "folder", "missing"}) {
+    EXPECT_FALSE(openAhead(directory.get(), name, kReadAheadFirstBytes, CachedPages::drop).has_value()) << name;
+  }
+
+  ReadAheadQueue<int> queue;
+  std::vector<int> descriptors;
+  for (int key = 0; queue.hasRoom(); ++key) {
+    auto opened = openAhead(directory.get(), "data", kReadAheadFirstBytes, CachedPages::keep);
+    ASSERT_TRUE(opened.has_value());
+    descriptors.push_back(opened->descriptor.get());
+    queue.push(key, std::move(*opened));
+  }
+  EXPECT_EQ(queue.size(), kReadAheadFiles);
+  auto isOpen = [](int descriptor) { return ::fcntl(descriptor, F_GETFD) != -1; };
+  auto third = queue.take(2);
+  ASSERT_TRUE(third.has_value());
+  EXPECT_EQ(third->descriptor.get(), descriptors[2]);
+  EXPECT_FALSE(isOpen(descriptors[0]) || isOpen(descriptors[1])) << "passed over, so closed";
+  EXPECT_FALSE(queue.take(1).has_value());
+  EXPECT_TRUE(queue.hasRoom());
+  EXPECT_FALSE(queue.take(static_cast<int>(kReadAheadFiles) + 5).has_value());
+  EXPECT_EQ(queue.size(), 0u);
+  EXPECT_FALSE(isOpen(descriptors.back()));
 }
 
 TEST(FileSystemTest, ImmutableAndAppendOnlyFlagsReadAsTheirPortableBits) {

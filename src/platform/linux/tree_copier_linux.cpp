@@ -15,6 +15,7 @@
 
 #include "platform/file_system.h"
 #include "platform/posix_error.h"
+#include "platform/read_ahead.h"
 #include "platform/tree_copier.h"
 #include "platform/unique_fd.h"
 
@@ -29,6 +30,51 @@ std::string childPath(const std::string& parent, const std::string& name) {
 
 // Stops the walk after the callback said quit; carries no errno of its own.
 struct CopyCancelled {};
+
+struct ListedEntry {
+  ino_t inode;
+  unsigned char type;
+  std::string name;
+};
+
+// The regular files of one directory opened ahead of their copy, in listing order, so their
+// first reads are on their way while the files before them are written. Directories above keep
+// what they opened while a subdirectory is copied, so all of them share one count of open files.
+class DirectoryReadAhead {
+ public:
+  DirectoryReadAhead(int directory, const std::vector<ListedEntry>& entries, std::size_t& openInTree)
+      : directory_(directory), entries_(entries), openInTree_(openInTree) {}
+  ~DirectoryReadAhead() { openInTree_ -= queue_.size(); }
+  DirectoryReadAhead(const DirectoryReadAhead&) = delete;
+  DirectoryReadAhead& operator=(const DirectoryReadAhead&) = delete;
+
+  std::optional<OpenedAhead> take(std::size_t index) {
+    while (next_ < entries_.size() && next_ <= index + kReadAheadFiles && openInTree_ < kReadAheadFiles &&
+           queue_.hasRoom()) {
+      const ListedEntry& entry = entries_[next_];
+      // Only what the listing calls a regular file is opened: opening anything else can have
+      // effects of its own.
+      if (entry.type == DT_REG) {
+        if (auto opened = openAhead(directory_, entry.name, kReadAheadFirstBytes, CachedPages::keep)) {
+          queue_.push(next_, std::move(*opened));
+          ++openInTree_;
+        }
+      }
+      ++next_;
+    }
+    const std::size_t before = queue_.size();
+    auto opened = queue_.take(index);
+    openInTree_ -= before - queue_.size();
+    return opened;
+  }
+
+ private:
+  int directory_;
+  const std::vector<ListedEntry>& entries_;
+  std::size_t& openInTree_;
+  std::size_t next_ = 0;
+  ReadAheadQueue<std::size_t> queue_;
+};
 
 class TreeCopy {
  public:
@@ -70,7 +116,8 @@ class TreeCopy {
   }
 
   void copyEntry(int sourceDirectory, const std::string& sourceName, const std::string& sourcePath,
-                 int destinationDirectory, const std::string& destinationName, const std::string& destinationPath) {
+                 int destinationDirectory, const std::string& destinationName, const std::string& destinationPath,
+                 std::optional<OpenedAhead> openedAhead = std::nullopt) {
     struct stat st {};
     if (fstatat(sourceDirectory, sourceName.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0) {
       if (failOrSkip(CopyWhat::recurseFile, errno, sourcePath, destinationPath, sourcePath)) return;
@@ -84,7 +131,10 @@ class TreeCopy {
     if (answer == CopyAnswer::skip) return;
     int error = 0;
     switch (st.st_mode & S_IFMT) {
-      case S_IFREG: error = copyRegular(sourceDirectory, sourceName, sourcePath, destinationDirectory, destinationName, destinationPath, st); break;
+      case S_IFREG:
+        error = copyRegular(sourceDirectory, sourceName, sourcePath, destinationDirectory, destinationName,
+                            destinationPath, st, std::move(openedAhead));
+        break;
       case S_IFLNK: error = copyLink(sourceDirectory, sourceName, destinationDirectory, destinationName, destinationPath, st); break;
       case S_IFSOCK: return;  // a socket is an endpoint of a running program, not data
       default: error = copyNode(destinationDirectory, destinationName, destinationPath, sourcePath, st); break;
@@ -117,9 +167,12 @@ class TreeCopy {
         openat(destinationDirectory, destinationName.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
     if (!destination) fail(CopyWhat::recurseDirectory, errno, sourcePath, destinationPath, destinationPath);
 
-    for (const auto& name : listNames(source.get(), sourcePath, destinationPath)) {
+    const std::vector<ListedEntry> entries = listEntries(source.get(), sourcePath, destinationPath);
+    DirectoryReadAhead readAhead(source.get(), entries, openAhead_);
+    for (std::size_t index = 0; index < entries.size(); ++index) {
+      const std::string& name = entries[index].name;
       copyEntry(source.get(), name, childPath(sourcePath, name), destination.get(), name,
-                childPath(destinationPath, name));
+                childPath(destinationPath, name), readAhead.take(index));
     }
     if (int error = copyAttributes(source.get(), destination.get(), sourcePath); error != 0) {
       fail(CopyWhat::recurseDirectoryCleanup, error, sourcePath, destinationPath, destinationPath);
@@ -130,7 +183,7 @@ class TreeCopy {
     proceedOrStop(notify(CopyWhat::recurseDirectoryCleanup, CopyStage::finish, sourcePath, destinationPath));
   }
 
-  std::vector<std::string> listNames(int directory, const std::string& sourcePath, const std::string& destinationPath) {
+  std::vector<ListedEntry> listEntries(int directory, const std::string& sourcePath, const std::string& destinationPath) {
     int listing = dup(directory);
     DIR* stream = listing >= 0 ? fdopendir(listing) : nullptr;
     if (stream == nullptr) {
@@ -138,12 +191,12 @@ class TreeCopy {
       if (listing >= 0) close(listing);
       fail(CopyWhat::recurseDirectory, error, sourcePath, destinationPath, sourcePath);
     }
-    std::vector<std::pair<ino_t, std::string>> entries;
+    std::vector<ListedEntry> entries;
     errno = 0;
     while (dirent* item = readdir(stream)) {
       const char* name = item->d_name;
       if (name[0] == '.' && (name[1] == '\0' || (name[1] == '.' && name[2] == '\0'))) continue;
-      entries.emplace_back(item->d_ino, name);
+      entries.push_back(ListedEntry{item->d_ino, item->d_type, name});
       errno = 0;
     }
     const int error = errno;
@@ -151,31 +204,36 @@ class TreeCopy {
     if (error != 0) fail(CopyWhat::recurseDirectory, error, sourcePath, destinationPath, sourcePath);
     // Inode order follows where the file system put the entries: on a cold cache the reads then
     // sweep the medium instead of jumping by name hash.
-    std::sort(entries.begin(), entries.end());
-    std::vector<std::string> names;
-    names.reserve(entries.size());
-    for (auto& entry : entries) names.push_back(std::move(entry.second));
-    return names;
+    std::sort(entries.begin(), entries.end(),
+              [](const ListedEntry& a, const ListedEntry& b) { return a.inode < b.inode || (a.inode == b.inode && a.name < b.name); });
+    return entries;
   }
 
   int copyRegular(int sourceDirectory, const std::string& sourceName, const std::string& sourcePath,
                   int destinationDirectory, const std::string& destinationName, const std::string& destinationPath,
-                  const struct stat& st) {
-    UniqueFd in(openat(sourceDirectory, sourceName.c_str(), O_RDONLY | O_NOFOLLOW | O_NOCTTY | O_CLOEXEC));
-    if (!in) return errno;
-    struct stat opened {};
-    if (fstat(in.get(), &opened) != 0) return errno;
-    if (opened.st_ino != st.st_ino || opened.st_dev != st.st_dev) return ESTALE;
+                  const struct stat& st, std::optional<OpenedAhead> openedAhead) {
+    // A file opened ahead is used only while it is still the object this entry names.
+    UniqueFd in;
+    if (openedAhead && openedAhead->status.inode == st.st_ino &&
+        openedAhead->status.device == static_cast<std::int32_t>(st.st_dev)) {
+      in = std::move(openedAhead->descriptor);
+    } else {
+      in.reset(openat(sourceDirectory, sourceName.c_str(), O_RDONLY | O_NOFOLLOW | O_NOCTTY | O_CLOEXEC));
+      if (!in) return errno;
+      struct stat opened {};
+      if (fstat(in.get(), &opened) != 0) return errno;
+      if (opened.st_ino != st.st_ino || opened.st_dev != st.st_dev) return ESTALE;
+    }
     UniqueFd out(openat(destinationDirectory, destinationName.c_str(),
                         O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
     if (!out) return errno;
     // The file exists from here on: whoever keeps track of what the copy made hears of it
     // before the first write can fail.
     proceedOrStop(notify(CopyWhat::copyData, CopyStage::progress, sourcePath, destinationPath, 0));
-    posix_fadvise(in.get(), 0, 0, POSIX_FADV_SEQUENTIAL);
-    if (int error = copyData(in.get(), out.get(), opened.st_size, sourcePath, destinationPath); error != 0) return error;
-    if (ftruncate(out.get(), opened.st_size) != 0) return errno;
-    proceedOrStop(notify(CopyWhat::copyData, CopyStage::finish, sourcePath, destinationPath, opened.st_size));
+    if (st.st_size > kReadAheadFirstBytes) posix_fadvise(in.get(), 0, 0, POSIX_FADV_SEQUENTIAL);
+    if (int error = copyData(in.get(), out.get(), st.st_size, sourcePath, destinationPath); error != 0) return error;
+    if (ftruncate(out.get(), st.st_size) != 0) return errno;
+    proceedOrStop(notify(CopyWhat::copyData, CopyStage::finish, sourcePath, destinationPath, st.st_size));
     if (int error = copyAttributes(in.get(), out.get(), sourcePath); error != 0) return error;
     if (int error = applyMetadata(out.get(), st); error != 0) return error;
     // A failed close can be the first report of data that never reached the volume.
@@ -301,6 +359,7 @@ class TreeCopy {
   const CopyCallback& callback_;
   std::unique_ptr<char[]> buffer_;
   bool kernelCopy_ = true;
+  std::size_t openAhead_ = 0;  // files opened ahead, across the directories being copied
 };
 
 }  // namespace
