@@ -10,6 +10,7 @@
 #include <atomic>
 #include <exception>
 #include <mutex>
+#include <system_error>
 #include <thread>
 #include <vector>
 
@@ -116,7 +117,13 @@ class VerifiedRemoval {
       }
     };
     std::vector<std::thread> helpers;
-    for (std::size_t i = 1; i < threads; ++i) helpers.emplace_back(work);
+    for (std::size_t i = 1; i < threads; ++i) {
+      try {
+        helpers.emplace_back(work);
+      } catch (const std::system_error&) {
+        break;  // no thread to spare: fewer hands take the same branches
+      }
+    }
     work();
     for (auto& helper : helpers) helper.join();
     if (failure) std::rethrow_exception(failure);
