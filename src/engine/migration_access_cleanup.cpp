@@ -1,7 +1,6 @@
 // The clean-ups of MigrationAccess: the data that a verified switch replaced is removed only
 // when every entry is still the object the manifest recorded, and each entry is checked again
 // right before it goes.
-#include <dirent.h>
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <unistd.h>
@@ -17,6 +16,7 @@
 #include "engine/migration_access.h"
 #include "engine/migration_integrity_verifier.h"
 #include "engine/migration_issue.h"
+#include "platform/directory_names.h"
 #include "platform/file_system.h"
 #include "platform/posix_error.h"
 #include "platform/unique_fd.h"
@@ -94,7 +94,7 @@ class VerifiedRemoval {
   enum class Spread { sideBySide, oneThread };
 
   void removeSideBySide(int directory, const std::string& path, const std::string& relativePath) {
-    const std::vector<std::string> names = listNames(directory, path);
+    const std::vector<std::string> names = platform::directoryNames(directory, path);
     const std::size_t threads = std::min<std::size_t>(names.size(), std::clamp(std::thread::hardware_concurrency(), 1u, 4u));
     // A single child (a bundle's one top folder) is entered first, so its branches spread instead.
     if (threads < 2) {
@@ -130,7 +130,7 @@ class VerifiedRemoval {
   }
 
   void removeEach(int directory, const std::string& path, const std::string& relativePath) {
-    for (const auto& name : listNames(directory, path)) {
+    for (const auto& name : platform::directoryNames(directory, path)) {
       removeChild(directory, path, relativePath, name, Spread::oneThread);
     }
   }
@@ -168,27 +168,6 @@ class VerifiedRemoval {
     }
   }
 
-  static std::vector<std::string> listNames(int directory, const std::string& path) {
-    int listing = ::dup(directory);
-    if (listing < 0) platform::throwErrno(path);
-    DIR* stream = ::fdopendir(listing);
-    if (stream == nullptr) {
-      int saved = errno;
-      ::close(listing);
-      platform::throwErrno(saved, path);
-    }
-    std::vector<std::string> names;
-    errno = 0;
-    while (dirent* item = ::readdir(stream)) {
-      std::string name = item->d_name;
-      if (name != "." && name != "..") names.push_back(std::move(name));
-      errno = 0;
-    }
-    int saved = errno;
-    ::closedir(stream);
-    if (saved != 0) platform::throwErrno(saved, path);
-    return names;
-  }
 
   const MigrationManifest& present_;
   bool directoriesLater_;

@@ -1,12 +1,12 @@
 #include "engine/migration_owned_tree.h"
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <unistd.h>
 
 #include <vector>
 
 #include "engine/migration_issue.h"
+#include "platform/directory_names.h"
 #include "platform/file_system.h"
 #include "platform/posix_error.h"
 #include "platform/unique_fd.h"
@@ -21,7 +21,7 @@ class OwnedRemoval {
 
   // Removes the contents of the open directory `directory` whose relative path is `relative`.
   void removeContents(int directory, const std::string& path, const std::string& relative) {
-    for (const auto& name : listNames(directory, path)) {
+    for (const auto& name : platform::directoryNames(directory, path)) {
       const std::string childRelative = relative.empty() ? name : relative + "/" + name;
       const std::string childPath = path + "/" + name;
       auto actual = MigrationEntry::read(name, directory);
@@ -50,24 +50,6 @@ class OwnedRemoval {
   }
 
  private:
-  static std::vector<std::string> listNames(int directory, const std::string& path) {
-    int listing = dup(directory);
-    DIR* stream = listing >= 0 ? fdopendir(listing) : nullptr;
-    if (stream == nullptr) {
-      const int error = errno;
-      if (listing >= 0) close(listing);
-      platform::throwErrno(error, path);
-    }
-    std::vector<std::string> names;
-    while (dirent* item = readdir(stream)) {
-      const char* name = item->d_name;
-      if (name[0] == '.' && (name[1] == '\0' || (name[1] == '.' && name[2] == '\0'))) continue;
-      names.emplace_back(name);
-    }
-    closedir(stream);
-    return names;
-  }
-
   const MigrationManifest& manifest_;
   ChangeTime changeTime_;
 };

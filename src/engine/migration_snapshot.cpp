@@ -1,6 +1,5 @@
 // The manifest walk. Children are read relative to their parent's open directory, which keeps
 // each lookup short and means a directory swapped for a link mid-walk is never entered.
-#include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -10,6 +9,7 @@
 
 #include "engine/migration_integrity_verifier.h"
 #include "engine/migration_issue.h"
+#include "platform/directory_names.h"
 #include "platform/file_access.h"
 #include "platform/file_system.h"
 #include "platform/posix_error.h"
@@ -108,7 +108,7 @@ class SnapshotWalk {
     if (opened.inode != status.inode || opened.device != status.device) {
       throw MigrationIssue("error.migration_source_changed", path);
     }
-    std::vector<std::string> names = listNames(directory, path);
+    std::vector<std::string> names = platform::directoryNames(directory.get(), path);
 
     ParentAccess access;
     if (removable_ == RemovableCheck::check) {
@@ -128,28 +128,6 @@ class SnapshotWalk {
     }
   }
 
-  static std::vector<std::string> listNames(platform::UniqueFd& directory, const std::string& path) {
-    int listingFd = dup(directory.get());
-    if (listingFd < 0) platform::throwErrno(path);
-    DIR* stream = fdopendir(listingFd);
-    if (stream == nullptr) {
-      int saved = errno;
-      close(listingFd);
-      platform::throwErrno(saved, path);
-    }
-    std::vector<std::string> names;
-    errno = 0;
-    while (dirent* item = readdir(stream)) {
-      const char* itemName = item->d_name;
-      if (itemName[0] == '.' && (itemName[1] == '\0' || (itemName[1] == '.' && itemName[2] == '\0'))) continue;
-      names.emplace_back(itemName);
-      errno = 0;
-    }
-    int saved = errno;
-    closedir(stream);
-    if (saved != 0) platform::throwErrno(saved, path);
-    return names;
-  }
 
   RuntimeEntries runtime_;
   ReadableCheck readable_;

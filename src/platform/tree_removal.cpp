@@ -3,13 +3,13 @@
 // during the removal is never entered.
 #include "platform/tree_removal.h"
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <vector>
 
+#include "platform/directory_names.h"
 #include "platform/posix_error.h"
 #include "platform/unique_fd.h"
 
@@ -17,24 +17,7 @@ namespace corvane::platform {
 namespace {
 
 void removeChildren(int directory, const std::string& path) {
-  int listing = dup(directory);
-  if (listing < 0) throwErrno(path);
-  DIR* stream = fdopendir(listing);
-  if (stream == nullptr) {
-    int saved = errno;
-    close(listing);
-    throwErrno(saved, path);
-  }
-  std::vector<std::string> names;
-  errno = 0;
-  while (dirent* item = readdir(stream)) {
-    std::string name = item->d_name;
-    if (name != "." && name != "..") names.push_back(std::move(name));
-    errno = 0;
-  }
-  int saved = errno;
-  closedir(stream);
-  if (saved != 0) throwErrno(saved, path);
+  const std::vector<std::string> names = directoryNames(directory, path);
 
   for (const auto& name : names) {
     const std::string childPath = path + "/" + name;
