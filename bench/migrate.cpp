@@ -26,11 +26,11 @@
 
 #include <fmt/format.h>
 
-#include "engine/migration_integrity_verifier.h"
-#include "engine/migration_link_plan.h"
-#include "engine/migration_staging_area.h"
-#include "engine/progress_file_copier.h"
-#include "engine/migration_entry_repair.h"
+#include "engine/verify/migration_integrity_verifier.h"
+#include "engine/manifest/migration_link_plan.h"
+#include "engine/transfer/migration_staging_area.h"
+#include "engine/transfer/progress_file_copier.h"
+#include "engine/verify/migration_entry_repair.h"
 #include "platform/file_system.h"
 #include "platform/posix_error.h"
 #include "platform/process.h"

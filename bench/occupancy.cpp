@@ -21,8 +21,8 @@
 
 #include <fmt/format.h>
 
-#include "engine/migration_integrity_verifier.h"
-#include "engine/migration_open_files.h"
+#include "engine/verify/migration_integrity_verifier.h"
+#include "engine/preflight/migration_open_files.h"
 #include "platform/open_file_lister.h"
 #include "support/bench_support.h"
 

@@ -13,7 +13,7 @@
 
 #include <fmt/format.h>
 
-#include "engine/migration_integrity_verifier.h"
+#include "engine/verify/migration_integrity_verifier.h"
 #include "support/bench_support.h"
 #include "platform/process.h"
 

@@ -12,11 +12,11 @@
 #include "app/commands.h"
 #include "app/user_output.h"
 #include "engine/migration_issue.h"
-#include "engine/migration_occupancy_description.h"
-#include "engine/migration_open_files.h"
-#include "engine/migration_preflight.h"
+#include "engine/preflight/migration_occupancy_description.h"
+#include "engine/preflight/migration_open_files.h"
+#include "engine/preflight/migration_preflight.h"
 #include "platform/file_system.h"
-#include "support/localization.h"
+#include "settings/localization.h"
 #include "support/paths.h"
 
 namespace corvane {

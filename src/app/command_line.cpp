@@ -8,7 +8,7 @@
 #include "app/localized_cli.h"
 #include "app/user_output.h"
 #include "support/diagnostic_log.h"
-#include "support/localization.h"
+#include "settings/localization.h"
 
 namespace corvane {
 

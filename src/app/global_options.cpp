@@ -6,8 +6,8 @@
 #include "app/language_names.h"
 #include "app/user_output.h"
 #include "support/diagnostic_log.h"
-#include "support/localization.h"
-#include "support/localization_manager.h"
+#include "settings/localization.h"
+#include "settings/localization_manager.h"
 
 namespace corvane {
 

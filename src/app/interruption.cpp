@@ -6,7 +6,7 @@
 
 #include "app/progress_display.h"
 #include "app/user_output.h"
-#include "support/localization.h"
+#include "settings/localization.h"
 #include "support/main_queue.h"
 
 namespace corvane {

@@ -6,7 +6,7 @@
 #include "app/running_app_prompt.h"
 #include "app/user_output.h"
 #include "catalogue/app_manager.h"
-#include "support/localization.h"
+#include "settings/localization.h"
 #include "support/main_queue.h"
 #include "support/paths.h"
 

@@ -8,8 +8,8 @@
 #include "app/language_names.h"
 #include "app/user_output.h"
 #include "platform/user_defaults.h"
-#include "support/localization.h"
-#include "support/localization_manager.h"
+#include "settings/localization.h"
+#include "settings/localization_manager.h"
 
 namespace corvane {
 namespace {

@@ -1,6 +1,6 @@
 #include "app/language_names.h"
 
-#include "support/localization.h"
+#include "settings/localization.h"
 
 namespace corvane {
 

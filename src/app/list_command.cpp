@@ -10,9 +10,9 @@
 #include "catalogue/app_bundle_metadata.h"
 #include "catalogue/app_manager.h"
 #include "catalogue/migrated_backup_catalog.h"
-#include "engine/migration_entry.h"
+#include "engine/manifest/migration_entry.h"
 #include "engine/migration_issue.h"
-#include "support/localization.h"
+#include "settings/localization.h"
 #include "support/paths.h"
 
 namespace corvane {

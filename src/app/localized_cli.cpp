@@ -5,7 +5,7 @@
 #include <string_view>
 #include <vector>
 
-#include "support/localization.h"
+#include "settings/localization.h"
 
 namespace corvane {
 namespace {

@@ -14,7 +14,7 @@
 #include "app/user_output.h"
 #include "catalogue/app_manager.h"
 #include "engine/migration_manager.h"
-#include "support/localization.h"
+#include "settings/localization.h"
 #include "support/main_queue.h"
 #include "support/paths.h"
 

@@ -4,7 +4,7 @@
 
 #include "catalogue/app_manager.h"
 #include "catalogue/migrated_apps_file.h"
-#include "engine/migration_entry.h"
+#include "engine/manifest/migration_entry.h"
 #include "engine/migration_issue.h"
 #include "support/paths.h"
 

@@ -5,7 +5,7 @@
 #include <cmath>
 
 #include "support/byte_format.h"
-#include "support/localization.h"
+#include "settings/localization.h"
 
 namespace corvane {
 

@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-#include "engine/migration_item_progress.h"
+#include "engine/progress/migration_item_progress.h"
 
 namespace corvane {
 

@@ -10,7 +10,7 @@
 #include "app/user_output.h"
 #include "catalogue/migrated_backup_catalog.h"
 #include "engine/migration_issue.h"
-#include "support/localization.h"
+#include "settings/localization.h"
 
 namespace corvane {
 namespace {

@@ -9,7 +9,7 @@
 #include <thread>
 
 #include "platform/item_processes.h"
-#include "support/localization.h"
+#include "settings/localization.h"
 
 namespace corvane {
 namespace {

@@ -9,13 +9,13 @@
 #include "app/command_line.h"
 #include "app/commands.h"
 #include "app/user_output.h"
-#include "engine/migration_copy_workload.h"
-#include "engine/migration_integrity_verifier.h"
+#include "engine/manifest/migration_copy_workload.h"
+#include "engine/verify/migration_integrity_verifier.h"
 #include "engine/migration_issue.h"
-#include "engine/migration_link_plan.h"
+#include "engine/manifest/migration_link_plan.h"
 #include "platform/file_system.h"
 #include "support/byte_format.h"
-#include "support/localization.h"
+#include "settings/localization.h"
 #include "support/paths.h"
 
 namespace corvane {

@@ -4,8 +4,8 @@
 
 #include <charconv>
 
-#include "engine/migration_preflight.h"
-#include "support/localization.h"
+#include "engine/preflight/migration_preflight.h"
+#include "settings/localization.h"
 
 namespace corvane {
 

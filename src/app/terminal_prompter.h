@@ -12,7 +12,7 @@
 
 #include <CLI/CLI.hpp>
 
-#include "engine/migration_preflight_prompter.h"
+#include "engine/preflight/migration_preflight_prompter.h"
 
 namespace corvane {
 

@@ -10,7 +10,7 @@
 #include "app/migrated_item_lookup.h"
 #include "app/user_output.h"
 #include "engine/migration_issue.h"
-#include "support/localization.h"
+#include "settings/localization.h"
 
 namespace corvane {
 namespace {

@@ -7,7 +7,7 @@
 #include "engine/migration_issue.h"
 #include "platform/posix_error.h"
 #include "support/diagnostic_log.h"
-#include "support/localization.h"
+#include "settings/localization.h"
 
 namespace corvane {
 

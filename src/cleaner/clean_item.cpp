@@ -1,6 +1,6 @@
 #include "cleaner/clean_item.h"
 
-#include "support/localization.h"
+#include "settings/localization.h"
 
 namespace corvane {
 

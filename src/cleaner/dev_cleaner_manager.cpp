@@ -13,7 +13,7 @@
 #include "platform/file_system.h"
 #include "platform/host_system.h"
 #include "support/diagnostic_log.h"
-#include "support/localization.h"
+#include "settings/localization.h"
 
 namespace corvane {
 namespace {

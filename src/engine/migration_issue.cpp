@@ -1,6 +1,6 @@
 #include "engine/migration_issue.h"
 
-#include "support/localization.h"
+#include "settings/localization.h"
 
 namespace corvane {
 

@@ -16,10 +16,10 @@
 #include <vector>
 
 #include "catalogue/app_manager.h"
-#include "engine/migration_batch_progress.h"
-#include "engine/migration_preflight.h"
-#include "engine/migration_progress_tracker.h"
-#include "engine/migration_transfer.h"
+#include "engine/progress/migration_batch_progress.h"
+#include "engine/preflight/migration_preflight.h"
+#include "engine/progress/migration_progress_tracker.h"
+#include "engine/transfer/migration_transfer.h"
 #include "support/main_queue.h"
 
 namespace corvane {

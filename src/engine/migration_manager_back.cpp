@@ -2,12 +2,12 @@
 // beside the link, verified and exchanged with the link; only then does the record go.
 #include <fcntl.h>
 
-#include "engine/migration_file_safety.h"
+#include "engine/switch/migration_file_safety.h"
 #include "engine/migration_issue.h"
 #include "engine/migration_manager.h"
-#include "engine/migration_open_files.h"
+#include "engine/preflight/migration_open_files.h"
 #include "support/diagnostic_log.h"
-#include "support/localization.h"
+#include "settings/localization.h"
 #include "support/paths.h"
 
 namespace corvane {

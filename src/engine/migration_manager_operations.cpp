@@ -5,7 +5,7 @@
 #include "engine/migration_manager.h"
 #include "platform/item_processes.h"
 #include "support/diagnostic_log.h"
-#include "support/localization.h"
+#include "settings/localization.h"
 #include "support/paths.h"
 #include "support/update_activity.h"
 

@@ -9,7 +9,7 @@
 #include "engine/migration_issue.h"
 #include "engine/migration_manager.h"
 #include "platform/file_system.h"
-#include "support/localization.h"
+#include "settings/localization.h"
 #include "support/paths.h"
 #include "support/uuid.h"
 

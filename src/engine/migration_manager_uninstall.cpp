@@ -11,7 +11,7 @@
 #include "platform/tree_removal.h"
 #include "support/diagnostic_log.h"
 #include "support/home_directory.h"
-#include "support/localization.h"
+#include "settings/localization.h"
 #include "support/paths.h"
 #include "support/update_activity.h"
 

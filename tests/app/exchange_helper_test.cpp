@@ -4,7 +4,7 @@
 
 #include <nlohmann/json.hpp>
 
-#include "engine/migration_entry.h"
+#include "engine/manifest/migration_entry.h"
 #include "fixtures/corvane_binary.h"
 #include "fixtures/sample_tree.h"
 #include "fixtures/temporary_directory.h"

@@ -5,7 +5,7 @@
 #include "fixtures/corvane_binary.h"
 #include "fixtures/sample_tree.h"
 #include "fixtures/temporary_directory.h"
-#include "support/localization.h"
+#include "settings/localization.h"
 #include "support/localization_test_support.h"
 
 namespace corvane {

@@ -8,12 +8,12 @@
 #include <thread>
 
 #include "catalogue/app_manager.h"
-#include "engine/migration_entry.h"
+#include "engine/manifest/migration_entry.h"
 #include "fixtures/corvane_binary.h"
 #include "fixtures/sample_tree.h"
 #include "fixtures/test_volume.h"
 #include "platform/process.h"
-#include "support/localization.h"
+#include "settings/localization.h"
 #include "support/paths.h"
 
 namespace corvane {

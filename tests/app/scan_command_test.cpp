@@ -12,7 +12,7 @@
 #include "fixtures/temporary_directory.h"
 #include "fixtures/test_volume.h"
 #include "platform/file_system.h"
-#include "support/localization.h"
+#include "settings/localization.h"
 
 namespace corvane {
 namespace {

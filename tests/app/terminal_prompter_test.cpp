@@ -5,8 +5,8 @@
 #include <cstdio>
 
 #include "app/terminal_prompter.h"
-#include "engine/migration_preflight.h"
-#include "support/localization.h"
+#include "engine/preflight/migration_preflight.h"
+#include "settings/localization.h"
 
 namespace corvane {
 namespace {

@@ -4,7 +4,7 @@
 
 #include <stdexcept>
 
-#include "engine/migration_integrity_verifier.h"
+#include "engine/verify/migration_integrity_verifier.h"
 #include "fixtures/test_volume.h"
 #include "platform/process.h"
 

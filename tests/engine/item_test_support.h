@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "engine/migration_entry.h"
+#include "engine/manifest/migration_entry.h"
 #include "engine/migration_issue.h"
 
 namespace corvane {

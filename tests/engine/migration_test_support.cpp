@@ -7,7 +7,7 @@
 #include <filesystem>
 #include <stdexcept>
 
-#include "engine/migration_integrity_verifier.h"
+#include "engine/verify/migration_integrity_verifier.h"
 #include "fixtures/sample_tree.h"
 #include "platform/file_system.h"
 

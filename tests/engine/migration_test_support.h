@@ -6,9 +6,9 @@
 #include <map>
 #include <string>
 
-#include "engine/migration_entry.h"
+#include "engine/manifest/migration_entry.h"
 #include "engine/migration_issue.h"
-#include "engine/migration_preflight_prompter.h"
+#include "engine/preflight/migration_preflight_prompter.h"
 #include "engine/item_test_support.h"
 
 namespace corvane {

@@ -11,7 +11,7 @@
 #include "platform/posix_error.h"
 #include "platform/user_defaults.h"
 #include "support/localization_test_support.h"
-#include "support/settings_store.h"
+#include "settings/settings_store.h"
 
 namespace corvane {
 namespace {

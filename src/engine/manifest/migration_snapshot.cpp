@@ -1,0 +1,161 @@
+// The manifest walk. Children are read relative to their parent's open directory, which keeps
+// each lookup short and means a directory swapped for a link mid-walk is never entered.
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <optional>
+#include <vector>
+
+#include "engine/verify/migration_integrity_verifier.h"
+#include "engine/migration_issue.h"
+#include "platform/directory_names.h"
+#include "platform/file_access.h"
+#include "platform/file_system.h"
+#include "platform/posix_error.h"
+#include "platform/unique_fd.h"
+
+namespace corvane {
+namespace {
+
+// Past this depth children are looked up by absolute path, so a deep tree cannot run the
+// process out of file descriptors.
+constexpr int kMaximumOpenDepth = 128;
+
+// What the removable test needs to know about the directory holding an entry.
+struct ParentAccess {
+  bool writableAndSearchable = true;
+  bool sticky = false;
+  std::uint32_t owner = 0;
+};
+
+class SnapshotWalk {
+ public:
+  SnapshotWalk(RuntimeEntries runtime, ReadableCheck readable, RemovableCheck removable,
+               const MigrationIntegrityVerifier::Visited& visited)
+      : runtime_(runtime), readable_(readable), removable_(removable), visited_(visited), user_(getuid()) {}
+
+  MigrationManifest run(const std::string& root) {
+    visit(AT_FDCWD, root, "", std::string(), ParentAccess{}, 0);
+    return std::move(manifest_);
+  }
+
+ private:
+  // `lookupDirectory` + `name` reaches the object; `parentPath` + "/" + `name` is its absolute
+  // path, only built when a message or a path-based check needs it.
+  void visit(int lookupDirectory, const std::string& name, const std::string& parentPath, std::string relativePath,
+             const ParentAccess& parent, int depth) {
+    auto pathOf = [&] { return parentPath.empty() ? name : parentPath == "/" ? "/" + name : parentPath + "/" + name; };
+    auto status = platform::statNoFollow(lookupDirectory, name);
+    if (!status) throw MigrationIssue("error.migration_source_changed", pathOf());
+    const auto kind = MigrationEntry::kindOfMode(status->mode);
+    std::optional<std::string> linkText;
+    if (kind == MigrationEntry::Kind::symbolicLink) linkText = platform::readLinkText(lookupDirectory, name);
+    MigrationEntry entry = entryFromStatus(*status, std::move(linkText));
+
+    if (runtime_ == RuntimeEntries::refuse && isRuntimeKind(kind)) throw MigrationIssue("error.migration_special_file", pathOf());
+    if (readable_ == ReadableCheck::check && kind == MigrationEntry::Kind::regular && !canOpen(lookupDirectory, name)) {
+      throw MigrationIssue("migration.preflight.unreadable", pathOf());
+    }
+    if (removable_ == RemovableCheck::check) {
+      if (auto key = removableFailure(entry, *status, lookupDirectory, name, relativePath.empty(), parent)) {
+        throw MigrationIssue(*key, pathOf());
+      }
+    }
+
+    const bool directory = kind == MigrationEntry::Kind::directory;
+    auto stored = manifest_.insert_or_assign(std::move(relativePath), std::move(entry)).first;
+    if (visited_) visited_(stored->first);
+    if (directory) visitChildren(lookupDirectory, name, pathOf(), stored->first, *status, depth);
+  }
+
+  static bool isRuntimeKind(MigrationEntry::Kind kind) {
+    using Kind = MigrationEntry::Kind;
+    return kind == Kind::special || kind == Kind::socket || kind == Kind::fifo;
+  }
+
+  static bool canOpen(int lookupDirectory, const std::string& name) {
+    // Opening proves the permission; O_NONBLOCK keeps a file with mandatory locks or a slow
+    // device from stalling the scan.
+    int fd = openat(lookupDirectory, name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
+    return fd >= 0 && close(fd) == 0;
+  }
+
+  std::optional<const char*> removableFailure(const MigrationEntry& entry, const platform::FileStatus& status,
+                                              int lookupDirectory, const std::string& name, bool isRoot,
+                                              const ParentAccess& parent) const {
+    if (entry.flags & platform::kLockedFlagsMask) return "migration.preflight.locked";
+    if (entry.kind == MigrationEntry::Kind::directory && !platform::isWritableAndSearchableAt(lookupDirectory, name)) {
+      return "migration.preflight.not_removable";
+    }
+    if (isRoot || entry.kind == MigrationEntry::Kind::symbolicLink) return std::nullopt;
+    bool deletable = parent.writableAndSearchable;
+    if (deletable && parent.sticky) deletable = user_ == 0 || user_ == status.uid || user_ == parent.owner;
+    if (!deletable) return "migration.preflight.not_removable";
+    return std::nullopt;
+  }
+
+  void visitChildren(int lookupDirectory, const std::string& name, const std::string& path,
+                     const std::string& relativePath, const platform::FileStatus& status, int depth) {
+    platform::UniqueFd directory(
+        openat(lookupDirectory, name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    if (!directory) {
+      if (errno == ENOENT || errno == ENOTDIR || errno == ELOOP) throw MigrationIssue("error.migration_source_changed", path);
+      platform::throwErrno(path);
+    }
+    // The object opened must be the one just recorded, not something put in its place.
+    auto opened = platform::statDescriptor(directory.get(), path);
+    if (opened.inode != status.inode || opened.device != status.device) {
+      throw MigrationIssue("error.migration_source_changed", path);
+    }
+    std::vector<std::string> names = platform::directoryNames(directory.get(), path);
+
+    ParentAccess access;
+    if (removable_ == RemovableCheck::check) {
+      access.writableAndSearchable = platform::isWritableAndSearchableAt(directory.get(), ".");
+      access.sticky = (status.mode & S_ISVTX) != 0;
+      access.owner = status.uid;
+    }
+    const bool byDescriptor = depth < kMaximumOpenDepth;
+    if (!byDescriptor) directory.reset();
+    const std::string prefix = relativePath.empty() ? std::string() : relativePath + "/";
+    for (const auto& child : names) {
+      if (byDescriptor) {
+        visit(directory.get(), child, path, prefix + child, access, depth + 1);
+      } else {
+        visit(AT_FDCWD, path == "/" ? "/" + child : path + "/" + child, "", prefix + child, access, depth + 1);
+      }
+    }
+  }
+
+
+  RuntimeEntries runtime_;
+  ReadableCheck readable_;
+  RemovableCheck removable_;
+  const MigrationIntegrityVerifier::Visited& visited_;
+  uid_t user_;
+  MigrationManifest manifest_;
+};
+
+}  // namespace
+
+MigrationManifest MigrationIntegrityVerifier::snapshot(const std::string& root, RuntimeEntries runtimeEntries,
+                                                       ReadableCheck readable, RemovableCheck removable,
+                                                       const Visited& visited) {
+  return SnapshotWalk(runtimeEntries, readable, removable, visited).run(root);
+}
+
+void MigrationIntegrityVerifier::requireUnchanged(const std::string& source, const MigrationManifest& manifest,
+                                                  const Visited& visited) {
+  MigrationManifest current;
+  try {
+    current = snapshot(source, RuntimeEntries::allow, ReadableCheck::skip, RemovableCheck::skip, visited);
+  } catch (const MigrationIssue& issue) {
+    if (issue.key() == "error.migration_source_changed") throw MigrationIssue("error.migration_source_changed", source);
+    throw;
+  }
+  // Equal maps compare every key and all eleven fields of every entry.
+  if (current != manifest) throw MigrationIssue("error.migration_source_changed", source);
+}
+
+}  // namespace corvane

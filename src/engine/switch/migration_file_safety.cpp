@@ -1,0 +1,27 @@
+#include "engine/switch/migration_file_safety.h"
+
+#include <fcntl.h>
+
+#include "engine/migration_issue.h"
+#include "support/paths.h"
+
+namespace corvane {
+
+MigrationEntry MigrationFileSafety::requireRestoreLink(const std::string& source, const std::string& target,
+                                                       const std::optional<MigrationEntry>& expected) {
+  const auto link = MigrationEntry::read(source, AT_FDCWD);
+  if (!link || link->kind != MigrationEntry::Kind::symbolicLink) {
+    throw MigrationIssue("migration.preflight.restore_not_link", source);
+  }
+  if (expected && (expected->identity() != link->identity() || expected->link != link->link)) {
+    throw MigrationIssue("error.migration_restore_conflict", source);
+  }
+  const std::string resolvedLink = standardizePath(resolvingSymlinksInPath(source));
+  const std::string resolvedTarget = standardizePath(resolvingSymlinksInPath(target));
+  if (resolvedLink != resolvedTarget) throw MigrationIssue("migration.preflight.restore_wrong_target", source);
+  const auto again = MigrationEntry::read(source, AT_FDCWD);
+  if (!again || *again != *link) throw MigrationIssue("error.migration_restore_conflict", source);
+  return *link;
+}
+
+}  // namespace corvane

@@ -1,0 +1,62 @@
+// The private directory beside a destination in which a copy is built. It records every object
+// it creates the moment it exists, and removes only what it recorded, after proving that its
+// root is still the directory it made.
+#pragma once
+
+#include <string>
+
+#include "engine/manifest/migration_entry.h"
+#include "engine/manifest/migration_file_identity.h"
+#include "platform/unique_fd.h"
+
+namespace corvane {
+
+enum class RecordScope { anyPath, onlyKnown };
+
+class MigrationStagingArea {
+ public:
+  // Makes `<parent>/.corvane-transfer-<UUID>` (mode 0700) for a copy of `source` that will be
+  // named like `target`. Throws "error.migration_source_changed" when the source is gone.
+  MigrationStagingArea(const std::string& source, const std::string& target, const std::string& parent);
+
+  const std::string& root() const { return root_; }
+  const std::string& payload() const { return payload_; }
+  const std::string& source() const { return source_; }
+  const MigrationFileIdentity& sourceIdentity() const { return sourceIdentity_; }
+  const MigrationFileIdentity& rootIdentity() const { return rootIdentity_; }
+  const MigrationManifest& owned() const { return owned_; }
+
+  // Records `path` (and every ancestor up to the root) as created by this operation. A path
+  // recorded earlier that now is another object stops with "migration.safety.conflict". Paths
+  // outside the root are ignored; with `onlyKnown` only earlier records are refreshed.
+  void recordCreated(const std::string& path, RecordScope scope = RecordScope::anyPath);
+
+  // After a copy stopped part of the way: the directories it made changed as it created entries
+  // in them after they were recorded, so their records are brought up to date (each must still
+  // be the same object). Files keep their records: a file changed since is not ours to delete.
+  void refreshDirectories();
+
+  // Removes the (by now empty) staging directory after a successful switch.
+  void finish();
+  // Removes everything recorded after a roll-back.
+  void discardAfterRollback();
+  // After a restore the payload's name holds what came back from the exchange (the link the
+  // program had left): it must be that link, and it is recorded so it can be removed.
+  void receivedLinkAfterRestore(const MigrationEntry& link);
+
+ private:
+  void requireRoot() const;
+  std::string relativeToRoot(const std::string& path) const;
+  void recordMissingAncestors(const std::string& relative);
+  void record(const std::string& relative, RecordScope scope);
+
+  std::string root_;
+  std::string payload_;
+  std::string source_;
+  MigrationFileIdentity sourceIdentity_;
+  MigrationFileIdentity rootIdentity_;
+  platform::UniqueFd rootDescriptor_;
+  MigrationManifest owned_;
+};
+
+}  // namespace corvane

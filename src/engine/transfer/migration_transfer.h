@@ -1,0 +1,80 @@
+// Moves one item to another disk so that it can always be undone: scan, check, copy into a
+// private staging directory beside the destination, verify against the scan, promote, and only
+// then switch the source for a link. The same machinery runs the other way to bring an item
+// back. Until the switch succeeds nothing at the source is touched; after any failure the
+// staging area and the destination are removed again.
+#pragma once
+
+#include <atomic>
+#include <exception>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "engine/switch/migration_access.h"
+#include "engine/manifest/migration_entry.h"
+#include "engine/preflight/migration_preflight.h"
+#include "engine/progress/migration_progress_tracker.h"
+
+namespace corvane {
+
+enum class RetainOriginal { no, yes };
+
+class MigrationTransfer {
+ public:
+  // migrate: the source becomes a link to the copy at the destination.
+  // restore: the destination is the link this program left; the copy takes its place.
+  enum class Placement { migrate, restore };
+
+  struct Configuration {
+    // Throws (MigrationOpenFiles::Blocked) when a file of the tree is held open.
+    std::function<void(const std::string& source, const MigrationManifest& manifest)> checkUsage;
+    // Makes the object that changes the item's old location (the source when migrating, the
+    // link when restoring).
+    std::function<std::unique_ptr<MigrationAccess>(const std::string& path)> makeAccess;
+    // Runs last before the exchange; may throw.
+    std::function<void()> beforeCommit;
+    MigrationPreflightPrompter* prompter = nullptr;
+    MigrationPreflight::Services services;
+    // Set from any thread to stop during the copy or the verification; the transfer rolls back.
+    const std::atomic<bool>* cancelled = nullptr;
+  };
+
+  struct Result {
+    bool retainedSource = false;
+    std::optional<std::string> retentionReason;
+    std::optional<std::string> retainedPath;  // where the kept original lies
+  };
+
+  // A failed transfer: the first error, and a path that could not be cleaned up when there is one.
+  class Failure : public std::exception {
+   public:
+    Failure(std::exception_ptr cause, std::optional<std::string> cleanupPath, std::string description)
+        : cause_(std::move(cause)), cleanupPath_(std::move(cleanupPath)), description_(std::move(description)) {}
+    const std::exception_ptr& cause() const noexcept { return cause_; }
+    const std::optional<std::string>& cleanupPath() const noexcept { return cleanupPath_; }
+    const char* what() const noexcept override { return description_.c_str(); }
+    [[noreturn]] void rethrowCause() const { std::rethrow_exception(cause_); }
+
+   private:
+    std::exception_ptr cause_;
+    std::optional<std::string> cleanupPath_;
+    std::string description_;
+  };
+
+  using Log = std::function<void(const std::string& key, const std::vector<std::string>& arguments)>;
+
+  explicit MigrationTransfer(Configuration configuration);
+
+  // `tracker` receives the phases and counters of the item named `name`. Throws Failure.
+  Result transfer(const std::string& source, const std::string& destination, Placement placement,
+                  MigrationProgressTracker& tracker, const std::string& name, RetainOriginal retainOriginal,
+                  const std::function<void()>& preflight, const Log& log);
+
+ private:
+  Configuration configuration_;
+};
+
+}  // namespace corvane
