@@ -4,13 +4,12 @@
 // Usage: bench_clean_scan [FILES]        run the comparison
 //        bench_clean_scan --measure DIR  (internal) one sizing in a fresh process
 #include <fcntl.h>
+#include <fmt/format.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdlib>
 #include <string>
-
-#include <fmt/format.h>
 
 #include "cleaner/cleaner_directory_sizer.h"
 #include "platform/process.h"

@@ -8,6 +8,7 @@
 // Usage: bench_migrate [--small-files N] [--large-mib M] [--runs R] [--corvane PATH]
 //        bench_migrate --measure-engine SRC DSTDIR   (internal) the engine's phases in a fresh process
 #include <fcntl.h>
+#include <fmt/format.h>
 #include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -24,13 +25,11 @@
 #include <string>
 #include <vector>
 
-#include <fmt/format.h>
-
-#include "engine/verify/migration_integrity_verifier.h"
 #include "engine/manifest/migration_link_plan.h"
 #include "engine/transfer/migration_staging_area.h"
 #include "engine/transfer/progress_file_copier.h"
 #include "engine/verify/migration_entry_repair.h"
+#include "engine/verify/migration_integrity_verifier.h"
 #include "platform/file_system.h"
 #include "platform/posix_error.h"
 #include "platform/process.h"
@@ -392,11 +391,13 @@ void report(const std::string& title, std::vector<Timings>& runs, double copyVer
   for (const auto& run : runs) manualTotals.push_back(run.manualTotal());
   std::sort(manualTotals.begin(), manualTotals.end());
 
-  printComparison("whole migration vs careful manual", median(runs, &Timings::whole),
-                  "cp+sync+drop+diff", manualTotals[manualTotals.size() / 2], 1.0);
+  printComparison("whole migration vs careful manual", median(runs, &Timings::whole), "cp+sync+drop+diff",
+                  manualTotals[manualTotals.size() / 2], 1.0);
   auto copyLine = [](const std::string& what, double ours, const std::string& peer, double theirs, double target) {
-    if (target > 0) printComparison(what, ours, peer, theirs, target);
-    else printInformation(what, ours, peer, theirs);
+    if (target > 0)
+      printComparison(what, ours, peer, theirs, target);
+    else
+      printInformation(what, ours, peer, theirs);
   };
   copyLine("copy + flush vs cp -a && sync -f", copyFlush, "cp -a && sync -f", manualCopyFlush, copyVersusCpTarget);
   copyLine("copy + flush vs rsync -aHAX && sync -f", copyFlush, "rsync && sync -f", rsyncCopyFlush,
@@ -428,11 +429,16 @@ std::optional<Arguments> parse(int argc, char** argv) {
     const std::string option = argv[i];
     if (i + 1 >= argc) return std::nullopt;
     const std::string value = argv[++i];
-    if (option == "--small-files") arguments.smallFiles = std::atoi(value.c_str());
-    else if (option == "--large-mib") arguments.largeMiB = std::atoi(value.c_str());
-    else if (option == "--runs") arguments.runs = std::atoi(value.c_str());
-    else if (option == "--corvane") arguments.corvane = value;
-    else return std::nullopt;
+    if (option == "--small-files")
+      arguments.smallFiles = std::atoi(value.c_str());
+    else if (option == "--large-mib")
+      arguments.largeMiB = std::atoi(value.c_str());
+    else if (option == "--runs")
+      arguments.runs = std::atoi(value.c_str());
+    else if (option == "--corvane")
+      arguments.corvane = value;
+    else
+      return std::nullopt;
   }
   if (arguments.smallFiles < 1 || arguments.largeMiB < 1 || arguments.runs < 1) return std::nullopt;
   return arguments;
@@ -484,8 +490,9 @@ int compare(const Arguments& arguments) {
     for (int i = 0; i < arguments.runs; ++i) largeRuns.push_back(measureOnce(setup, largeTree, "large"));
     report(fmt::format("small tree, {} files", small.files + small.links + small.hardLinks), smallRuns, 0, 1.0);
     report(fmt::format("large tree, {} x {} MiB", large.files, arguments.largeMiB), largeRuns, 1.1, 0);
-    fmt::print("(manual procedure: cp -a, sync -f, drop caches, diff -r --no-dereference; caches dropped before "
-               "every run)\n");
+    fmt::print(
+        "(manual procedure: cp -a, sync -f, drop caches, diff -r --no-dereference; caches dropped before "
+        "every run)\n");
   } catch (const std::exception& error) {
     fmt::print(stderr, "bench/migrate stopped: {}\n", error.what());
     status = 1;

@@ -5,6 +5,7 @@
 //
 // Usage: bench_occupancy [PROCESSES] [ROUNDS]
 #include <fcntl.h>
+#include <fmt/format.h>
 #include <signal.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
@@ -15,14 +16,12 @@
 #include <chrono>
 #include <cstdlib>
 #include <functional>
-#include <thread>
 #include <string>
+#include <thread>
 #include <vector>
 
-#include <fmt/format.h>
-
-#include "engine/verify/migration_integrity_verifier.h"
 #include "engine/preflight/migration_open_files.h"
+#include "engine/verify/migration_integrity_verifier.h"
 #include "platform/open_file_lister.h"
 #include "support/bench_support.h"
 
@@ -157,10 +156,11 @@ int compare(int processes, int rounds) {
   const double nativeMedian = median(nativeTimes);
   const double lsofMedian = median(lsofTimes);
   printComparison("open-file check of one item", nativeMedian, "lsof -nP +c 0 -F0pcfatDin", lsofMedian, 0.10);
-  fmt::print("lsof takes {:.1f}x as long as the native scan (target >= 10x) and {:.1f}x its processor time; "
-             "{} references, findings {}; load average {}\n",
-             lsofMedian / nativeMedian, median(lsofCpu) / median(nativeCpu), found, identical ? "identical" : "DIFFERENT",
-             loadAverage());
+  fmt::print(
+      "lsof takes {:.1f}x as long as the native scan (target >= 10x) and {:.1f}x its processor time; "
+      "{} references, findings {}; load average {}\n",
+      lsofMedian / nativeMedian, median(lsofCpu) / median(nativeCpu), found, identical ? "identical" : "DIFFERENT",
+      loadAverage());
 
   for (pid_t pid : holders) kill(pid, SIGKILL);
   for (pid_t pid : holders) waitpid(pid, nullptr, 0);

@@ -5,17 +5,16 @@
 // Usage: bench_scan [ENTRIES]         run the comparison
 //        bench_scan --measure KIND DIR   (internal) one scan in a fresh process
 #include <fcntl.h>
+#include <fmt/format.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdlib>
 #include <string>
 
-#include <fmt/format.h>
-
 #include "engine/verify/migration_integrity_verifier.h"
-#include "support/bench_support.h"
 #include "platform/process.h"
+#include "support/bench_support.h"
 
 namespace corvane::bench {
 namespace {
@@ -55,9 +54,9 @@ int measure(const std::string& kind, const std::string& root) {
   const std::int64_t before = peakResidentBytes();
   const bool preflight = kind == "preflight";
   const auto start = std::chrono::steady_clock::now();
-  auto manifest = MigrationIntegrityVerifier::snapshot(
-      root, RuntimeEntries::allow, preflight ? ReadableCheck::check : ReadableCheck::skip,
-      preflight ? RemovableCheck::check : RemovableCheck::skip);
+  auto manifest = MigrationIntegrityVerifier::snapshot(root, RuntimeEntries::allow,
+                                                       preflight ? ReadableCheck::check : ReadableCheck::skip,
+                                                       preflight ? RemovableCheck::check : RemovableCheck::skip);
   const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
   fmt::print("{} {} {} {}\n", manifest.size(), seconds, before, peakResidentBytes());
   return 0;
@@ -77,7 +76,8 @@ Measurement runMeasure(const std::string& kind, const std::string& root) {
   std::int64_t before = 0, after = 0;
   std::sscanf(output.c_str(), "%ld %lf %ld %ld", &result.entries, &inner, &before, &after);
   result.seconds = seconds;
-  result.bytesPerEntry = result.entries > 0 ? static_cast<double>(after - before) / static_cast<double>(result.entries) : 0;
+  result.bytesPerEntry =
+      result.entries > 0 ? static_cast<double>(after - before) / static_cast<double>(result.entries) : 0;
   return result;
 }
 

@@ -1,12 +1,11 @@
 #include "support/bench_support.h"
 
+#include <fmt/format.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <fstream>
 #include <stdexcept>
-
-#include <fmt/format.h>
 
 namespace corvane::bench {
 

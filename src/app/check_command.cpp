@@ -50,7 +50,8 @@ bool reportRuntimeBlockers(const std::string& item, const MigrationManifest& man
   try {
     const auto confirmedFifos = MigrationPreflight::idleFifos(item, manifest, services.fifosInUse);
     const auto assessment = MigrationPreflight::assess(item, manifest, confirmedFifos, {}, services);
-    for (const auto& socket : assessment.inactiveSockets) printIndented(localizedFormat("cli.check.inactive_socket", socket));
+    for (const auto& socket : assessment.inactiveSockets)
+      printIndented(localizedFormat("cli.check.inactive_socket", socket));
     for (const auto& blocker : assessment.blockers) printIndented(MigrationPreflight::describe(blocker));
     return !assessment.blockers.empty();
   } catch (const MigrationIssue& issue) {
@@ -106,9 +107,14 @@ int runCheck(const CheckOptions& options) {
   bool anyError = false;
   for (const auto& path : options.paths) {
     switch (checkItem(path, services)) {
-      case Verdict::movable: break;
-      case Verdict::blocked: anyBlocked = true; break;
-      case Verdict::error: anyError = true; break;
+      case Verdict::movable:
+        break;
+      case Verdict::blocked:
+        anyBlocked = true;
+        break;
+      case Verdict::error:
+        anyError = true;
+        break;
     }
   }
   if (anyError) return kExitFailure;

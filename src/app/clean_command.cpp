@@ -14,8 +14,8 @@
 #include "app/commands.h"
 #include "app/user_output.h"
 #include "cleaner/dev_cleaner_manager.h"
-#include "support/byte_format.h"
 #include "settings/localization.h"
+#include "support/byte_format.h"
 #include "support/main_queue.h"
 
 namespace corvane {
@@ -99,11 +99,13 @@ void printDryRun(const DevCleanerManager& manager) {
                                          [&](const CleanerDefinition& each) { return each.id == item.id; });
     if (definition != definitions.end() && definition->isDocker()) {
       std::string command = *definition->customCommand;
-      for (const auto& argument : definition->customArgs.value_or(std::vector<std::string>{})) command += " " + argument;
+      for (const auto& argument : definition->customArgs.value_or(std::vector<std::string>{}))
+        command += " " + argument;
       printLine(localizedFormat("cli.clean.dry_run_command", command));
     }
   }
-  printLine(localizedFormat("cli.clean.dry_run_total", formatByteCount(manager.selectedSize()), manager.selectedSize()));
+  printLine(
+      localizedFormat("cli.clean.dry_run_total", formatByteCount(manager.selectedSize()), manager.selectedSize()));
 }
 
 std::string lowercase(std::string text) {
@@ -139,7 +141,8 @@ bool applySelection(DevCleanerManager& manager, const CleanOptions& options) {
   for (const auto& definition : manager.definitions()) known += (known.empty() ? "" : ", ") + definition.id;
   for (const auto& id : options.select) {
     const auto& definitions = manager.definitions();
-    if (std::none_of(definitions.begin(), definitions.end(), [&](const CleanerDefinition& each) { return each.id == id; })) {
+    if (std::none_of(definitions.begin(), definitions.end(),
+                     [&](const CleanerDefinition& each) { return each.id == id; })) {
       printErrorLine(localizedFormat("cli.clean.unknown_item", id, known));
       return false;
     }
@@ -186,8 +189,8 @@ int runClean(const CleanOptions& options) {
   }
 
   const auto& items = manager.items();
-  const auto selectedCount =
-      static_cast<std::size_t>(std::count_if(items.begin(), items.end(), [](const CleanItem& item) { return item.isSelected; }));
+  const auto selectedCount = static_cast<std::size_t>(
+      std::count_if(items.begin(), items.end(), [](const CleanItem& item) { return item.isSelected; }));
   if (selectedCount == 0) {
     options.json ? printJson(manager, options) : printLine(localized("cli.clean.nothing_selected"));
     return kExitSuccess;
@@ -229,7 +232,8 @@ int runClean(const CleanOptions& options) {
   if (options.json) {
     printJson(manager, options);
   } else {
-    printLine(localizedFormat("cli.clean.reclaimed", formatByteCount(manager.totalCleanedSize()), manager.totalCleanedSize()));
+    printLine(localizedFormat("cli.clean.reclaimed", formatByteCount(manager.totalCleanedSize()),
+                              manager.totalCleanedSize()));
     if (failed > 0) printErrorLine(localizedFormat("cli.clean.some_failed", failed));
   }
   return failed > 0 ? kExitFailure : kExitSuccess;

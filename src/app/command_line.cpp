@@ -7,8 +7,8 @@
 #include "app/headless_modes.h"
 #include "app/localized_cli.h"
 #include "app/user_output.h"
-#include "support/diagnostic_log.h"
 #include "settings/localization.h"
+#include "support/diagnostic_log.h"
 
 namespace corvane {
 

@@ -5,9 +5,9 @@
 #include "app/command_line.h"
 #include "app/language_names.h"
 #include "app/user_output.h"
-#include "support/diagnostic_log.h"
 #include "settings/localization.h"
 #include "settings/localization_manager.h"
+#include "support/diagnostic_log.h"
 
 namespace corvane {
 
@@ -42,7 +42,8 @@ std::optional<int> applyEarlyGlobalOptions(int argc, const char* const* argv) {
 }
 
 void addLanguageOption(CLI::App& app) {
-  app.add_option_function<std::string>("--lang", [](const std::string&) {}, localized("cli.option.lang"))
+  app.add_option_function<std::string>(
+         "--lang", [](const std::string&) {}, localized("cli.option.lang"))
       ->type_name(localized("cli.help.language_code"));
 }
 

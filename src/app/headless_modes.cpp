@@ -6,8 +6,8 @@
 #include <string_view>
 #include <vector>
 
-#include "engine/switch/migration_privileged_helper.h"
 #include "engine/preflight/migration_socket_probe.h"
+#include "engine/switch/migration_privileged_helper.h"
 
 namespace corvane {
 

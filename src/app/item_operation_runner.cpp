@@ -44,9 +44,12 @@ int runItemOperation(const ItemOperation& operation, const PromptOptions& prompt
   }
   display.clear();
   switch (result->kind) {
-    case MigrationManager::OperationResult::Kind::succeeded: return kExitSuccess;
-    case MigrationManager::OperationResult::Kind::deferred: return kExitDeferred;
-    default: return kExitFailure;
+    case MigrationManager::OperationResult::Kind::succeeded:
+      return kExitSuccess;
+    case MigrationManager::OperationResult::Kind::deferred:
+      return kExitDeferred;
+    default:
+      return kExitFailure;
   }
 }
 

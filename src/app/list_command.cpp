@@ -27,11 +27,16 @@ enum class LinkCondition { inPlace, pointsElsewhere, replacedByRealItem, missing
 
 const char* conditionName(LinkCondition condition) {
   switch (condition) {
-    case LinkCondition::inPlace: return "inPlace";
-    case LinkCondition::pointsElsewhere: return "pointsElsewhere";
-    case LinkCondition::replacedByRealItem: return "replacedByRealItem";
-    case LinkCondition::missing: return "missing";
-    case LinkCondition::diskMissing: return "diskMissing";
+    case LinkCondition::inPlace:
+      return "inPlace";
+    case LinkCondition::pointsElsewhere:
+      return "pointsElsewhere";
+    case LinkCondition::replacedByRealItem:
+      return "replacedByRealItem";
+    case LinkCondition::missing:
+      return "missing";
+    case LinkCondition::diskMissing:
+      return "diskMissing";
   }
   return "missing";
 }
@@ -64,7 +69,9 @@ int runList(const ListOptions& options) {
       item["link"] = conditionName(conditionOf(app));
       nlohmann::ordered_json backups = nlohmann::ordered_json::array();
       for (const auto& backup : app.backupVersions) {
-        backups.push_back({{"id", backup.id}, {"path", backup.backupPath}, {"date", dateText(backup.backupDate)},
+        backups.push_back({{"id", backup.id},
+                           {"path", backup.backupPath},
+                           {"date", dateText(backup.backupDate)},
                            {"exists", static_cast<bool>(MigrationEntry::read(backup.backupPath, AT_FDCWD))}});
       }
       item["backups"] = backups;
@@ -83,7 +90,8 @@ int runList(const ListOptions& options) {
     printLine(localizedFormat("cli.list.original", app.originalPath));
     printLine(localizedFormat("cli.list.target", app.targetPath));
     printLine(localizedFormat("cli.list.date", dateText(app.migratedDate)));
-    if (auto version = AppBundleMetadata::version(app.targetPath)) printLine(localizedFormat("cli.list.version", *version));
+    if (auto version = AppBundleMetadata::version(app.targetPath))
+      printLine(localizedFormat("cli.list.version", *version));
     printLine(localized(std::string("cli.list.link.") + conditionName(conditionOf(app))));
     for (const auto& backup : app.backupVersions) {
       const bool exists = static_cast<bool>(MigrationEntry::read(backup.backupPath, AT_FDCWD));

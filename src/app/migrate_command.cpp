@@ -31,10 +31,14 @@ struct MigrateOptions {
 
 std::string_view outcomeName(MigrationManager::ItemOutcome::Kind kind) {
   switch (kind) {
-    case MigrationManager::ItemOutcome::Kind::succeeded: return "migrated";
-    case MigrationManager::ItemOutcome::Kind::failed: return "failed";
-    case MigrationManager::ItemOutcome::Kind::skipped: return "skipped";
-    case MigrationManager::ItemOutcome::Kind::deferred: return "deferred";
+    case MigrationManager::ItemOutcome::Kind::succeeded:
+      return "migrated";
+    case MigrationManager::ItemOutcome::Kind::failed:
+      return "failed";
+    case MigrationManager::ItemOutcome::Kind::skipped:
+      return "skipped";
+    case MigrationManager::ItemOutcome::Kind::deferred:
+      return "deferred";
   }
   return "failed";
 }

@@ -13,7 +13,8 @@ namespace {
 
 // The nearest folder above `path` that holds a record file.
 std::optional<std::string> diskHoldingRecordsAbove(const std::string& path) {
-  for (std::string candidate = parentPath(path); !candidate.empty() && candidate != "/"; candidate = parentPath(candidate)) {
+  for (std::string candidate = parentPath(path); !candidate.empty() && candidate != "/";
+       candidate = parentPath(candidate)) {
     if (MigrationEntry::read(MigratedAppsFile::currentPath(candidate), AT_FDCWD) ||
         MigrationEntry::read(MigratedAppsFile::legacyPath(candidate), AT_FDCWD)) {
       return candidate;
@@ -31,8 +32,9 @@ MigratedItemMatch findMigratedItem(const std::string& pathOrName, const std::opt
   if (!chosenDisk && looksLikePath) {
     const auto entry = MigrationEntry::read(path, AT_FDCWD);
     if (entry && entry->kind == MigrationEntry::Kind::symbolicLink && entry->link) {
-      const std::string target =
-          entry->link->front() == '/' ? standardizePath(*entry->link) : standardizePath(joinPath(parentPath(path), *entry->link));
+      const std::string target = entry->link->front() == '/'
+                                     ? standardizePath(*entry->link)
+                                     : standardizePath(joinPath(parentPath(path), *entry->link));
       chosenDisk = diskHoldingRecordsAbove(target);
     }
   }

@@ -4,8 +4,8 @@
 
 #include <cmath>
 
-#include "support/byte_format.h"
 #include "settings/localization.h"
+#include "support/byte_format.h"
 
 namespace corvane {
 
@@ -46,7 +46,8 @@ std::string ProgressDisplay::describe(const MigrationItemProgress& item) {
       line += "  " + (item.totalEntries > 0 ? localizedFormat("progress.detail.entries", entries, item.totalEntries)
                                             : localizedFormat("progress.detail.unmeasured", entries));
       if (copying && item.bytesPerSecond > 0) {
-        line += "  " + localizedFormat("progress.detail.rate", formatByteCount(static_cast<std::int64_t>(item.bytesPerSecond)));
+        line += "  " + localizedFormat("progress.detail.rate",
+                                       formatByteCount(static_cast<std::int64_t>(item.bytesPerSecond)));
         const double remaining = static_cast<double>(std::max<std::int64_t>(total - done, 0)) / item.bytesPerSecond;
         line += "  " + localizedFormat("progress.detail.remaining", formatDuration(remaining));
       }
@@ -67,7 +68,8 @@ void ProgressDisplay::show(const std::vector<MigrationItemProgress>& items) {
       auto last = lastPlain_.find(item.name);
       const bool changed = last == lastPlain_.end() || last->second.phase != item.phase;
       if (!changed && now - last->second.at < std::chrono::seconds(1)) continue;
-      if (!changed && item.phase != Phase::copying && item.phase != Phase::verifying && item.phase != Phase::scanning) continue;
+      if (!changed && item.phase != Phase::copying && item.phase != Phase::verifying && item.phase != Phase::scanning)
+        continue;
       std::fprintf(stream_, "%s\n", describe(item).c_str());
       lastPlain_[item.name] = {item.phase, now};
     }

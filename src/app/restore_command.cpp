@@ -48,8 +48,9 @@ int runRestore(const RestoreOptions& options) {
   if (!backup) {
     printErrorLine(localizedFormat("cli.restore.version_not_found", options.version, match.app.appName));
     for (const auto& version : match.app.backupVersions) {
-      printErrorLine(localizedFormat("cli.restore.version_line", MigratedBackupCatalog::formatTimestamp(version.backupDate),
-                                     version.id, version.backupPath));
+      printErrorLine(localizedFormat("cli.restore.version_line",
+                                     MigratedBackupCatalog::formatTimestamp(version.backupDate), version.id,
+                                     version.backupPath));
     }
     return kExitFailure;
   }

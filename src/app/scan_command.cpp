@@ -10,12 +10,12 @@
 #include "app/commands.h"
 #include "app/user_output.h"
 #include "engine/manifest/migration_copy_workload.h"
-#include "engine/verify/migration_integrity_verifier.h"
-#include "engine/migration_issue.h"
 #include "engine/manifest/migration_link_plan.h"
+#include "engine/migration_issue.h"
+#include "engine/verify/migration_integrity_verifier.h"
 #include "platform/file_system.h"
-#include "support/byte_format.h"
 #include "settings/localization.h"
+#include "support/byte_format.h"
 #include "support/paths.h"
 
 namespace corvane {
@@ -37,7 +37,8 @@ std::int64_t countHardLinkGroups(const MigrationManifest& manifest) {
 }
 
 int runScan(const ScanOptions& options) {
-  const std::string root = options.path.size() > 1 && options.path.back() == '/' ? parentPath(options.path + "x") : options.path;
+  const std::string root =
+      options.path.size() > 1 && options.path.back() == '/' ? parentPath(options.path + "x") : options.path;
   if (!platform::statNoFollow(AT_FDCWD, root)) throw MigrationIssue("error.item_not_found", root);
   const auto manifest =
       MigrationIntegrityVerifier::snapshot(root, RuntimeEntries::allow, ReadableCheck::check, RemovableCheck::check);

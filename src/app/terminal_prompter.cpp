@@ -56,11 +56,13 @@ std::size_t TerminalPrompter::ask(const MigrationPreflightQuestion& question, st
       return fallback;
     }
     std::string_view answer(line);
-    while (!answer.empty() && (answer.back() == '\n' || answer.back() == '\r' || answer.back() == ' ')) answer.remove_suffix(1);
+    while (!answer.empty() && (answer.back() == '\n' || answer.back() == '\r' || answer.back() == ' '))
+      answer.remove_suffix(1);
     while (!answer.empty() && answer.front() == ' ') answer.remove_prefix(1);
     std::size_t number = 0;
     auto [end, error] = std::from_chars(answer.data(), answer.data() + answer.size(), number);
-    if (error == std::errc() && end == answer.data() + answer.size() && number >= 1 && number <= count) return number - 1;
+    if (error == std::errc() && end == answer.data() + answer.size() && number >= 1 && number <= count)
+      return number - 1;
     print(localizedFormat("cli.prompt.invalid", count));
   }
   return fallback;

@@ -3,14 +3,13 @@
 // with neither, items are left for later and the user is told why.
 #pragma once
 
+#include <CLI/CLI.hpp>
 #include <cstdio>
 #include <memory>
 #include <mutex>
 #include <optional>
 #include <string>
 #include <vector>
-
-#include <CLI/CLI.hpp>
 
 #include "engine/preflight/migration_preflight_prompter.h"
 

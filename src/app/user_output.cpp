@@ -6,8 +6,8 @@
 #include "app/command_line.h"
 #include "engine/migration_issue.h"
 #include "platform/posix_error.h"
-#include "support/diagnostic_log.h"
 #include "settings/localization.h"
+#include "support/diagnostic_log.h"
 
 namespace corvane {
 

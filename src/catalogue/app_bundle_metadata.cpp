@@ -51,8 +51,8 @@ std::optional<std::string> AppBundleMetadata::version(const std::string& bundleP
     // Opened like a file on an untrusted disk: a FIFO or a huge file in its place reads as absent.
     platform::UniqueFd directory(::open(contents.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (!directory) platform::throwErrno(contents);
-    const std::string data = platform::readRegularFileNoFollow(directory.get(), "Info.plist",
-                                                               kMaximumPropertyListSize, contents + "/Info.plist");
+    const std::string data = platform::readRegularFileNoFollow(directory.get(), "Info.plist", kMaximumPropertyListSize,
+                                                               contents + "/Info.plist");
     return versionFromPropertyList(data);
   } catch (const platform::PosixError& error) {
     logDebug("Info.plist unreadable: " + std::string(error.what()));

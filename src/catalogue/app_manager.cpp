@@ -2,12 +2,12 @@
 
 #include <dirent.h>
 #include <fcntl.h>
+#include <fmt/format.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
-#include <fmt/format.h>
 #include <system_error>
 
 #include "catalogue/migrated_apps_file.h"
@@ -224,8 +224,8 @@ std::vector<MigratedApp> AppManager::loadRecords(const std::optional<std::string
         logError(fmt::format("保存补全后的副本记录失败: {}", error.what()));
       }
     }
-    logInfo(fmt::format("📋 从隐藏目录记录文件加载了 {} 个有效迁移项目 (过滤前: {})", reconciled.apps.size(),
-                        decodedCount));
+    logInfo(
+        fmt::format("📋 从隐藏目录记录文件加载了 {} 个有效迁移项目 (过滤前: {})", reconciled.apps.size(), decodedCount));
     return std::move(reconciled.apps);
   } catch (const std::exception& error) {
     // A disk without records yet is the common case, not a problem.
@@ -234,7 +234,8 @@ std::vector<MigratedApp> AppManager::loadRecords(const std::optional<std::string
   }
   try {
     auto legacy = MigratedAppsFile::readLegacy(*disk);
-    auto reconciled = reconcileBackupVersions(withoutConflicts(std::move(legacy), "⚠️ 发现冲突状态 (Legacy):"));
+    auto reconciled =
+        reconcileBackupVersions(withoutConflicts(std::move(legacy), "⚠️ 发现冲突状态 (Legacy):"));
     migrateRecordsToNewLocation(reconciled.apps, *disk);
     logInfo(fmt::format("📋 从旧位置加载了 {} 个有效迁移项目", reconciled.apps.size()));
     return std::move(reconciled.apps);
@@ -292,8 +293,9 @@ bool AppManager::saveMigratedApp(const MigratedApp& appToSave, const std::option
                                  const std::optional<std::string>& backupPath) {
   // A copy: the caller may pass an element of the list that is about to change.
   const MigratedApp app = appToSave;
-  const auto existing = std::find_if(migratedApps_.begin(), migratedApps_.end(),
-                                     [&](const MigratedApp& candidate) { return candidate.originalPath == app.originalPath; });
+  const auto existing = std::find_if(migratedApps_.begin(), migratedApps_.end(), [&](const MigratedApp& candidate) {
+    return candidate.originalPath == app.originalPath;
+  });
   if (existing != migratedApps_.end()) {
     *existing = MigratedBackupCatalog::appByMerging(app, *existing, backupPath);
     logInfo(fmt::format("✅ 已更新现有记录 (总共 {} 个)", migratedApps_.size()));
@@ -307,8 +309,8 @@ bool AppManager::saveMigratedApp(const MigratedApp& appToSave, const std::option
   try {
     writeMigratedApps(migratedApps_, filePath);
     const auto status = platform::statNoFollow(AT_FDCWD, filePath);
-    logInfo(fmt::format("💾 已成功保存迁移记录文件: {} ({} 字节, 共 {} 个记录)", filePath,
-                        status ? status->size : 0, migratedApps_.size()));
+    logInfo(fmt::format("💾 已成功保存迁移记录文件: {} ({} 字节, 共 {} 个记录)", filePath, status ? status->size : 0,
+                        migratedApps_.size()));
     return true;
   } catch (const std::exception& error) {
     logError("❌ 保存迁移记录失败: " + filePath);
@@ -322,7 +324,8 @@ bool AppManager::removeMigratedApp(const MigratedApp& appToRemove, const std::op
   const MigratedApp app = appToRemove;
   const std::size_t before = migratedApps_.size();
   std::erase_if(migratedApps_, [&](const MigratedApp& candidate) { return candidate.id == app.id; });
-  logInfo(fmt::format("🗑️ 删除记录: {} (删除前 {} 个, 删除后 {} 个)", app.appName, before, migratedApps_.size()));
+  logInfo(fmt::format("🗑️ 删除记录: {} (删除前 {} 个, 删除后 {} 个)", app.appName, before,
+                      migratedApps_.size()));
   if (before != migratedApps_.size()) notify();
   if (!disk) return false;
   const std::string filePath = getMigratedAppsFilePath(*disk);
@@ -354,7 +357,7 @@ bool AppManager::removeMigratedApp(const MigratedApp& appToRemove, const std::op
 }
 
 bool AppManager::removeMigratedAppAndSaveToAllDisks(const MigratedApp& app,
-                                                   const std::vector<std::string>& externalDisks) {
+                                                    const std::vector<std::string>& externalDisks) {
   const std::string id = app.id;
   const std::size_t before = migratedApps_.size();
   std::erase_if(migratedApps_, [&](const MigratedApp& candidate) { return candidate.id == id; });

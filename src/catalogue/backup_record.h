@@ -8,10 +8,10 @@
 namespace corvane {
 
 struct BackupRecord {
-  std::string id;          // canonical upper-case UUID
-  std::string backupPath;  // absolute and standardized (no ".", "..", trailing slash)
+  std::string id;            // canonical upper-case UUID
+  std::string backupPath;    // absolute and standardized (no ".", "..", trailing slash)
   ReferenceDate backupDate;  // taken from the copy's name
-  bool exists = false;     // something stood at backupPath when last reconciled
+  bool exists = false;       // something stood at backupPath when last reconciled
 
   bool operator==(const BackupRecord&) const = default;
 };

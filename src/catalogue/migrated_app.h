@@ -12,10 +12,10 @@
 namespace corvane {
 
 struct MigratedApp {
-  std::string id;            // canonical upper-case UUID; removal goes by it
-  std::string appName;       // for applications the bundle's file name, ".app" included
-  std::string originalPath;  // where the link now stands; identifies the item when saving
-  std::string targetPath;    // the item on the external disk
+  std::string id;                  // canonical upper-case UUID; removal goes by it
+  std::string appName;             // for applications the bundle's file name, ".app" included
+  std::string originalPath;        // where the link now stands; identifies the item when saving
+  std::string targetPath;          // the item on the external disk
   std::string rollbackScriptPath;  // empty where there is none
   ReferenceDate migratedDate;
   std::vector<std::string> supportFiles;

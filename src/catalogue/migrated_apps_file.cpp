@@ -23,8 +23,8 @@ platform::UniqueFd openDiskRoot(const std::string& disk) {
 }
 
 std::vector<MigratedApp> readIn(int directoryDescriptor, const std::string& name, const std::string& path) {
-  const std::string data = platform::readRegularFileNoFollow(directoryDescriptor, name,
-                                                             MigratedAppsFileFormat::kMaximumFileSize, path);
+  const std::string data =
+      platform::readRegularFileNoFollow(directoryDescriptor, name, MigratedAppsFileFormat::kMaximumFileSize, path);
   return MigratedAppsFileFormat::decode(data);
 }
 
@@ -32,9 +32,7 @@ std::vector<MigratedApp> readIn(int directoryDescriptor, const std::string& name
 
 std::string MigratedAppsFile::directoryPath(const std::string& disk) { return joinPath(disk, kDirectoryName); }
 
-std::string MigratedAppsFile::currentPath(const std::string& disk) {
-  return joinPath(directoryPath(disk), kFileName);
-}
+std::string MigratedAppsFile::currentPath(const std::string& disk) { return joinPath(directoryPath(disk), kFileName); }
 
 std::string MigratedAppsFile::legacyPath(const std::string& disk) { return joinPath(disk, kFileName); }
 

@@ -1,10 +1,9 @@
 #include "catalogue/migrated_apps_file_format.h"
 
-#include <nlohmann/json.hpp>
-
 #include <algorithm>
 #include <cctype>
 #include <cmath>
+#include <nlohmann/json.hpp>
 
 #include "catalogue/sorted_pretty_json.h"
 #include "support/paths.h"

@@ -93,7 +93,7 @@ std::optional<ReferenceDate> MigratedBackupCatalog::parseTimestamp(std::string_v
     for (std::size_t index = start; index < start + length; ++index) value = value * 10 + (text[index] - '0');
     return value;
   };
-  std::tm fields {};
+  std::tm fields{};
   fields.tm_year = number(0, 4) - 1900;
   fields.tm_mon = number(4, 2) - 1;
   fields.tm_mday = number(6, 2);
@@ -104,7 +104,7 @@ std::optional<ReferenceDate> MigratedBackupCatalog::parseTimestamp(std::string_v
   const std::time_t moment = std::mktime(&fields);
   // mktime rolls a 13th month or a 25th hour over into the next; formatting the result again
   // shows it, and so does a local time that a clock change skipped.
-  std::tm local {};
+  std::tm local{};
   if (::localtime_r(&moment, &local) == nullptr) return std::nullopt;
   if (formatLocalTime(local) != text) return std::nullopt;
   return ReferenceDate::fromUnixSeconds(static_cast<double>(moment));
@@ -112,7 +112,7 @@ std::optional<ReferenceDate> MigratedBackupCatalog::parseTimestamp(std::string_v
 
 std::string MigratedBackupCatalog::formatTimestamp(ReferenceDate date) {
   const auto moment = static_cast<std::time_t>(std::floor(date.unixSeconds()));
-  std::tm local {};
+  std::tm local{};
   ::localtime_r(&moment, &local);
   return formatLocalTime(local);
 }
@@ -159,7 +159,8 @@ std::vector<BackupRecord> MigratedBackupCatalog::reconciledRecords(const Migrate
   return sortedValues(byPath);
 }
 
-MigratedApp MigratedBackupCatalog::appByMerging(const MigratedApp& newApp, const std::optional<MigratedApp>& existingApp,
+MigratedApp MigratedBackupCatalog::appByMerging(const MigratedApp& newApp,
+                                                const std::optional<MigratedApp>& existingApp,
                                                 const std::optional<std::string>& backupPath) {
   std::map<std::string, BackupRecord> byPath;
   if (existingApp) {

@@ -4,8 +4,10 @@ namespace corvane {
 
 std::string_view storedValue(MigratedItemType type) {
   switch (type) {
-    case MigratedItemType::application: return "app";
-    case MigratedItemType::directory: return "dir";
+    case MigratedItemType::application:
+      return "app";
+    case MigratedItemType::directory:
+      return "dir";
   }
   return "dir";
 }

@@ -77,9 +77,7 @@ ProtectedLocations ProtectedLocations::forHost(platform::HostSystem system, cons
   return ProtectedLocations(system == platform::HostSystem::macOS ? macLocations(home) : linuxLocations(home));
 }
 
-ProtectedLocations ProtectedLocations::forCurrentUser() {
-  return forHost(platform::hostSystem(), userHomeDirectory());
-}
+ProtectedLocations ProtectedLocations::forCurrentUser() { return forHost(platform::hostSystem(), userHomeDirectory()); }
 
 bool ProtectedLocations::isProtected(const std::string& path) const {
   if (path.empty() || path.front() != '/') return true;

@@ -52,14 +52,30 @@ void appendString(std::string& out, const std::string& text) {
       continue;
     }
     switch (c) {
-      case '"': out += "\\\""; break;
-      case '\\': out += "\\\\"; break;
-      case '/': out += "\\/"; break;
-      case '\b': out += "\\b"; break;
-      case '\f': out += "\\f"; break;
-      case '\n': out += "\\n"; break;
-      case '\r': out += "\\r"; break;
-      case '\t': out += "\\t"; break;
+      case '"':
+        out += "\\\"";
+        break;
+      case '\\':
+        out += "\\\\";
+        break;
+      case '/':
+        out += "\\/";
+        break;
+      case '\b':
+        out += "\\b";
+        break;
+      case '\f':
+        out += "\\f";
+        break;
+      case '\n':
+        out += "\\n";
+        break;
+      case '\r':
+        out += "\\r";
+        break;
+      case '\t':
+        out += "\\t";
+        break;
       default:
         if (c < 0x20) {
           out += "\\u00";
@@ -78,12 +94,24 @@ void appendIndent(std::string& out, int depth) { out.append(static_cast<std::siz
 
 void appendValue(std::string& out, const nlohmann::json& value, int depth) {
   switch (value.type()) {
-    case nlohmann::json::value_t::null: out += "null"; return;
-    case nlohmann::json::value_t::boolean: out += value.get<bool>() ? "true" : "false"; return;
-    case nlohmann::json::value_t::string: appendString(out, value.get_ref<const std::string&>()); return;
-    case nlohmann::json::value_t::number_integer: out += std::to_string(value.get<std::int64_t>()); return;
-    case nlohmann::json::value_t::number_unsigned: out += std::to_string(value.get<std::uint64_t>()); return;
-    case nlohmann::json::value_t::number_float: out += formatJsonDouble(value.get<double>()); return;
+    case nlohmann::json::value_t::null:
+      out += "null";
+      return;
+    case nlohmann::json::value_t::boolean:
+      out += value.get<bool>() ? "true" : "false";
+      return;
+    case nlohmann::json::value_t::string:
+      appendString(out, value.get_ref<const std::string&>());
+      return;
+    case nlohmann::json::value_t::number_integer:
+      out += std::to_string(value.get<std::int64_t>());
+      return;
+    case nlohmann::json::value_t::number_unsigned:
+      out += std::to_string(value.get<std::uint64_t>());
+      return;
+    case nlohmann::json::value_t::number_float:
+      out += formatJsonDouble(value.get<double>());
+      return;
     case nlohmann::json::value_t::array: {
       out += "[\n";
       bool first = true;
@@ -116,7 +144,8 @@ void appendValue(std::string& out, const nlohmann::json& value, int depth) {
       return;
     }
     case nlohmann::json::value_t::binary:
-    case nlohmann::json::value_t::discarded: throw JsonEncodingError("value has no JSON form");
+    case nlohmann::json::value_t::discarded:
+      throw JsonEncodingError("value has no JSON form");
   }
 }
 

@@ -6,18 +6,24 @@ namespace corvane {
 
 std::string_view categoryDisplayString(CleanCategoryType category) {
   switch (category) {
-    case CleanCategoryType::system: return "System Junk";
-    case CleanCategoryType::development: return "Developer Caches";
-    case CleanCategoryType::largeFiles: return "Space Hogs";
+    case CleanCategoryType::system:
+      return "System Junk";
+    case CleanCategoryType::development:
+      return "Developer Caches";
+    case CleanCategoryType::largeFiles:
+      return "Space Hogs";
   }
   return "";
 }
 
 std::string_view categoryTitleKey(CleanCategoryType category) {
   switch (category) {
-    case CleanCategoryType::system: return "cleaner.category.system";
-    case CleanCategoryType::development: return "cleaner.category.development";
-    case CleanCategoryType::largeFiles: return "cleaner.category.large_files";
+    case CleanCategoryType::system:
+      return "cleaner.category.system";
+    case CleanCategoryType::development:
+      return "cleaner.category.development";
+    case CleanCategoryType::largeFiles:
+      return "cleaner.category.large_files";
   }
   return "";
 }
@@ -26,9 +32,12 @@ std::string_view riskName(CleanRiskLevel risk) { return risk == CleanRiskLevel::
 
 std::string_view statusName(CleanItemStatus::Kind kind) {
   switch (kind) {
-    case CleanItemStatus::Kind::pending: return "pending";
-    case CleanItemStatus::Kind::success: return "success";
-    case CleanItemStatus::Kind::failed: return "failed";
+    case CleanItemStatus::Kind::pending:
+      return "pending";
+    case CleanItemStatus::Kind::success:
+      return "success";
+    case CleanItemStatus::Kind::failed:
+      return "failed";
   }
   return "";
 }

@@ -88,8 +88,7 @@ class SizingWalk {
 
   void count(const platform::FileStatus& status) {
     // A file with several names frees its blocks only once, and du counts it once too.
-    if (!S_ISDIR(status.mode) && status.linkCount > 1 &&
-        !hardLinked_.emplace(status.device, status.inode).second) {
+    if (!S_ISDIR(status.mode) && status.linkCount > 1 && !hardLinked_.emplace(status.device, status.inode).second) {
       return;
     }
     result_.bytes += status.allocatedBytes;

@@ -121,7 +121,8 @@ class RemovalWalk {
   }
 
   // Removes everything inside `root` except `excludedNames` at its top. True when all went.
-  bool emptyDirectory(platform::UniqueFd root, const std::string& rootPath, const std::vector<std::string>& excludedNames) {
+  bool emptyDirectory(platform::UniqueFd root, const std::string& rootPath,
+                      const std::vector<std::string>& excludedNames) {
     DirectoryChain chain(std::move(root), rootPath);
     std::vector<Frame> frames;
     Frame top;

@@ -18,7 +18,7 @@ namespace corvane {
 
 struct RemovalProblem {
   std::string path;
-  int errnoValue = 0;  // 0: the entry changed while being cleaned, or is another volume
+  int errnoValue = 0;     // 0: the entry changed while being cleaned, or is another volume
   std::string reasonKey;  // set when errnoValue is 0
 };
 

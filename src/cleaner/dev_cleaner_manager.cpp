@@ -12,8 +12,8 @@
 #include "cleaner/cleaner_tree_removal.h"
 #include "platform/file_system.h"
 #include "platform/host_system.h"
-#include "support/diagnostic_log.h"
 #include "settings/localization.h"
+#include "support/diagnostic_log.h"
 
 namespace corvane {
 namespace {
@@ -45,11 +45,16 @@ const CleanerDefinition* findDefinition(const std::vector<CleanerDefinition>& de
 
 std::string_view stateName(CleanerState state) {
   switch (state) {
-    case CleanerState::idle: return "idle";
-    case CleanerState::scanning: return "scanning";
-    case CleanerState::resultsReady: return "resultsReady";
-    case CleanerState::cleaning: return "cleaning";
-    case CleanerState::done: return "done";
+    case CleanerState::idle:
+      return "idle";
+    case CleanerState::scanning:
+      return "scanning";
+    case CleanerState::resultsReady:
+      return "resultsReady";
+    case CleanerState::cleaning:
+      return "cleaning";
+    case CleanerState::done:
+      return "done";
   }
   return "";
 }
@@ -122,14 +127,14 @@ bool DevCleanerManager::startScanning() {
   notify(DevCleanerChange::items);
   notify(DevCleanerChange::totals);
 
-  scanTask_ = std::jthread([configuration = configuration_, queue = &mainQueue_, lifetime = Lifetime(lifetime_),
-                            run](std::stop_token stop) {
-    auto scanned = scan(configuration, stop);
-    if (stop.stop_requested()) return;
-    queue->post(guarded(lifetime, run, [scanned = std::move(scanned)](DevCleanerManager& manager) mutable {
-      manager.deliverScan(std::move(scanned));
-    }));
-  });
+  scanTask_ = std::jthread(
+      [configuration = configuration_, queue = &mainQueue_, lifetime = Lifetime(lifetime_), run](std::stop_token stop) {
+        auto scanned = scan(configuration, stop);
+        if (stop.stop_requested()) return;
+        queue->post(guarded(lifetime, run, [scanned = std::move(scanned)](DevCleanerManager& manager) mutable {
+          manager.deliverScan(std::move(scanned));
+        }));
+      });
   return true;
 }
 
@@ -150,8 +155,8 @@ std::vector<DevCleanerManager::ScannedItem> DevCleanerManager::scan(const Config
       item.sizeBytes = *reclaimable;
     } else {
       item.paths = existingDirectories(definition, configuration.homeDirectory);
-      const auto sizing = CleanerDirectorySizer(stop).calculateDirectorySizeSynchronously(item.paths,
-                                                                                         definition.excludedNames);
+      const auto sizing =
+          CleanerDirectorySizer(stop).calculateDirectorySizeSynchronously(item.paths, definition.excludedNames);
       if (sizing.cancelled) break;
       item.sizeBytes = sizing.bytes;
     }
@@ -160,8 +165,9 @@ std::vector<DevCleanerManager::ScannedItem> DevCleanerManager::scan(const Config
     scanned.push_back({std::move(item), definition.nameKey});
   }
   // Grouped by category; within one, the definitions' order.
-  std::stable_sort(scanned.begin(), scanned.end(),
-                   [](const ScannedItem& left, const ScannedItem& right) { return left.item.category < right.item.category; });
+  std::stable_sort(scanned.begin(), scanned.end(), [](const ScannedItem& left, const ScannedItem& right) {
+    return left.item.category < right.item.category;
+  });
   return scanned;
 }
 

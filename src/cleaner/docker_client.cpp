@@ -166,7 +166,8 @@ std::optional<std::int64_t> DockerClient::getDockerReclaimableSpace() const {
       const auto fields = splitTabs(line);
       if (fields.size() < 2) continue;
       if (!counted.emplace(bareImageId(fields[0])).second) continue;
-      const bool used = std::any_of(inUse.begin(), inUse.end(), [&](const std::string& id) { return sameImage(id, fields[0]); });
+      const bool used =
+          std::any_of(inUse.begin(), inUse.end(), [&](const std::string& id) { return sameImage(id, fields[0]); });
       if (!used) total += parseDockerSize(fields[1]);
     }
   }

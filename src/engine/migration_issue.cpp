@@ -5,7 +5,9 @@
 namespace corvane {
 
 MigrationIssue::MigrationIssue(std::string key, std::string detail)
-    : std::runtime_error(detail.empty() ? key : key + ": " + detail), key_(std::move(key)), detail_(std::move(detail)) {}
+    : std::runtime_error(detail.empty() ? key : key + ": " + detail),
+      key_(std::move(key)),
+      detail_(std::move(detail)) {}
 
 std::string MigrationIssue::localizedDescription() const { return localizedWithDetail(key_, detail_); }
 

@@ -17,8 +17,8 @@
 #include "platform/file_system.h"
 #include "platform/item_processes.h"
 #include "platform/posix_error.h"
-#include "support/diagnostic_log.h"
 #include "settings/localization.h"
+#include "support/diagnostic_log.h"
 #include "support/paths.h"
 #include "support/update_activity.h"
 #include "support/uuid.h"
@@ -173,8 +173,8 @@ void MigrationManager::perform(std::shared_ptr<Batch> batch) {
       appendLog(batch->runID, name, "log.migrate_already_done", {});
       batch->tracker->setPhase(source, MigrationItemProgress::Phase::skipped);
       std::lock_guard lock(batch->mutex);
-      batch->outcomes[index] = ItemOutcome{source, name, target, ItemOutcome::Kind::skipped,
-                                           localized("log.migrate_already_done"), {}, {}};
+      batch->outcomes[index] =
+          ItemOutcome{source, name, target, ItemOutcome::Kind::skipped, localized("log.migrate_already_done"), {}, {}};
       batch->progress->finish(static_cast<std::int64_t>(index), MigrationBatchProgress::Outcome::skipped);
       continue;
     }
@@ -205,8 +205,13 @@ void MigrationManager::runItem(const std::shared_ptr<Batch>& batch, std::size_t 
   for (const auto& process : running) pids.push_back(process.pid);
   if (!pids.empty() && !(hooks_.closeRunningApp && hooks_.closeRunningApp(source, name, pids))) {
     appendLog(batch->runID, name, "log.migrate_item_skip", {});
-    outcome = ItemOutcome{source, name, destinationFor(source, batch->disk), ItemOutcome::Kind::skipped,
-                          localized("migration.running_app_skipped"), {}, {}};
+    outcome = ItemOutcome{source,
+                          name,
+                          destinationFor(source, batch->disk),
+                          ItemOutcome::Kind::skipped,
+                          localized("migration.running_app_skipped"),
+                          {},
+                          {}};
     batch->tracker->setPhase(source, MigrationItemProgress::Phase::skipped);
   } else {
     appendLog(batch->runID, name, "log.migrate_item_start", {});
@@ -285,18 +290,22 @@ MigrationManager::ItemOutcome MigrationManager::performSingleAppMigration(const 
   std::vector<std::string> madeParents;
   try {
     madeParents = makeParents(outcome.target);
-    auto configuration = transferConfiguration(
-        [this, runID = batch->runID, name = outcome.name] { appendLog(runID, name, "migration.occupancy.rechecking", {}); });
+    auto configuration = transferConfiguration([this, runID = batch->runID, name = outcome.name] {
+      appendLog(runID, name, "migration.occupancy.rechecking", {});
+    });
     MigrationTransfer transfer(std::move(configuration));
     const auto result = transfer.transfer(
         source, outcome.target, MigrationTransfer::Placement::migrate, *batch->tracker, source, hooks_.retainOriginal,
-        [&] { SimulatorMigrationPreflight::check(source, outcome.target, SimulatorMigrationPreflight::defaultServices()); },
+        [&] {
+          SimulatorMigrationPreflight::check(source, outcome.target, SimulatorMigrationPreflight::defaultServices());
+        },
         [&](const std::string& key, const std::vector<std::string>& arguments) {
           appendLog(batch->runID, outcome.name, key, arguments);
         });
     outcome.kind = ItemOutcome::Kind::succeeded;
     outcome.retainedPath = result.retainedPath;
-    if (result.retainedSource && result.retentionReason) appendLog(batch->runID, outcome.name, *result.retentionReason, {});
+    if (result.retainedSource && result.retentionReason)
+      appendLog(batch->runID, outcome.name, *result.retentionReason, {});
   } catch (...) {
     const auto failure = std::current_exception();
     outcome.message = migrationErrorDescription(failure);
@@ -316,8 +325,9 @@ MigrationManager::ItemOutcome MigrationManager::performSingleAppMigration(const 
     } catch (...) {
     }
     removeEmptyParents(madeParents);
-    batch->tracker->setPhase(source, outcome.kind == ItemOutcome::Kind::deferred ? MigrationItemProgress::Phase::skipped
-                                                                                 : MigrationItemProgress::Phase::failed);
+    batch->tracker->setPhase(source, outcome.kind == ItemOutcome::Kind::deferred
+                                         ? MigrationItemProgress::Phase::skipped
+                                         : MigrationItemProgress::Phase::failed);
   }
   return outcome;
 }
@@ -330,7 +340,8 @@ void MigrationManager::finishBatch(const std::shared_ptr<Batch>& batch) {
   }
   appManager_.loadMigratedApps(batch->disk);
   for (const auto& app : batch->apps) {
-    if (kSpecialApplications.count(lastComponent(app))) appendLogNow(logLine(lastComponent(app), "migration.special_app_notice", {}));
+    if (kSpecialApplications.count(lastComponent(app)))
+      appendLogNow(logLine(lastComponent(app), "migration.special_app_notice", {}));
   }
   const bool clean = snapshot_.failed == 0;
   appendLogNow(logLine("", clean ? "log.migration_summary" : "log.migration_summary_failed",
@@ -344,7 +355,7 @@ void MigrationManager::finishBatch(const std::shared_ptr<Batch>& batch) {
 }
 
 std::string MigrationManager::logLine(const std::string& item, const std::string& key,
-                                     const std::vector<std::string>& arguments) {
+                                      const std::vector<std::string>& arguments) {
   std::string line = formatLocalizedText(localized(key), arguments);
   if (!item.empty()) line = localizedFormat("migration.log.item", item, line);
   return line;

@@ -16,8 +16,8 @@
 #include <vector>
 
 #include "catalogue/app_manager.h"
-#include "engine/progress/migration_batch_progress.h"
 #include "engine/preflight/migration_preflight.h"
+#include "engine/progress/migration_batch_progress.h"
 #include "engine/progress/migration_progress_tracker.h"
 #include "engine/transfer/migration_transfer.h"
 #include "support/main_queue.h"
@@ -122,14 +122,16 @@ class MigrationManager {
   // Admission of a move-back or restore of `app`: refused during a batch, during another
   // operation on the item and while an update installs; otherwise the item is marked as moving
   // until `work` has finished in the background.
-  bool admitItemOperation(const MigratedApp& app, std::function<OperationResult()> work, OperationCompletion completion);
+  bool admitItemOperation(const MigratedApp& app, std::function<OperationResult()> work,
+                          OperationCompletion completion);
 
   struct Batch;
   void perform(std::shared_ptr<Batch> batch);
   void runItem(const std::shared_ptr<Batch>& batch, std::size_t index);
   ItemOutcome performSingleAppMigration(const std::shared_ptr<Batch>& batch, const std::string& source);
   void finishBatch(const std::shared_ptr<Batch>& batch);
-  static std::string logLine(const std::string& item, const std::string& key, const std::vector<std::string>& arguments);
+  static std::string logLine(const std::string& item, const std::string& key,
+                             const std::vector<std::string>& arguments);
   // Owner thread.
   void appendLogNow(const std::string& line);
   // Any thread: appends one localized line (the item's name first, when given).

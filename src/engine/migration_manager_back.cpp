@@ -2,12 +2,12 @@
 // beside the link, verified and exchanged with the link; only then does the record go.
 #include <fcntl.h>
 
-#include "engine/switch/migration_file_safety.h"
 #include "engine/migration_issue.h"
 #include "engine/migration_manager.h"
 #include "engine/preflight/migration_open_files.h"
-#include "support/diagnostic_log.h"
+#include "engine/switch/migration_file_safety.h"
 #include "settings/localization.h"
+#include "support/diagnostic_log.h"
 #include "support/paths.h"
 
 namespace corvane {
@@ -20,7 +20,8 @@ std::optional<std::string> diskRootFromLayout(const MigratedApp& app) {
   const std::string target = standardizePath(app.targetPath);
   const std::string original = standardizePath(app.originalPath);
   const std::string mirrored = "/Directories" + original;
-  if (target.size() > mirrored.size() && target.compare(target.size() - mirrored.size(), mirrored.size(), mirrored) == 0) {
+  if (target.size() > mirrored.size() &&
+      target.compare(target.size() - mirrored.size(), mirrored.size(), mirrored) == 0) {
     return target.substr(0, target.size() - mirrored.size());
   }
   const std::string parent = parentPath(target);
@@ -46,8 +47,8 @@ bool isDeferral(const std::exception_ptr& failure) {
 
 bool MigrationManager::migrateBackToMainDisk(const MigratedApp& app, const std::optional<std::string>& currentDisk,
                                              OperationCompletion completion) {
-  return admitItemOperation(app, [this, app, currentDisk] { return performMigrateBack(app, currentDisk); },
-                            std::move(completion));
+  return admitItemOperation(
+      app, [this, app, currentDisk] { return performMigrateBack(app, currentDisk); }, std::move(completion));
 }
 
 MigrationManager::OperationResult MigrationManager::performMigrateBack(const MigratedApp& app,
@@ -79,7 +80,8 @@ MigrationManager::OperationResult MigrationManager::performMigrateBack(const Mig
     }
     MigrationFileSafety::requireRestoreLink(original, target);
 
-    auto configuration = transferConfiguration([this, name] { appendItemLog(name, "migration.occupancy.rechecking", {}); });
+    auto configuration =
+        transferConfiguration([this, name] { appendItemLog(name, "migration.occupancy.rechecking", {}); });
     MigrationTransfer transfer(std::move(configuration));
     transferred = transfer.transfer(target, original, MigrationTransfer::Placement::restore, tracker, original,
                                     RetainOriginal::no, {},

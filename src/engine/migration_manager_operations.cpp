@@ -4,8 +4,8 @@
 
 #include "engine/migration_manager.h"
 #include "platform/item_processes.h"
-#include "support/diagnostic_log.h"
 #include "settings/localization.h"
+#include "support/diagnostic_log.h"
 #include "support/paths.h"
 #include "support/update_activity.h"
 

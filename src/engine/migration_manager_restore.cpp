@@ -16,15 +16,17 @@
 namespace corvane {
 namespace {
 
-std::string failureText(const std::exception_ptr& failure) { return MigrationManager::migrationErrorDescription(failure); }
+std::string failureText(const std::exception_ptr& failure) {
+  return MigrationManager::migrationErrorDescription(failure);
+}
 
 }  // namespace
 
 bool MigrationManager::restoreFromBackup(const BackupRecord& backup, const MigratedApp& app,
                                          const std::optional<std::string>& disk, OperationCompletion completion) {
   // One operation per item: the item counts as being moved while its version is swapped.
-  return admitItemOperation(app, [this, backup, app, disk] { return performRestoreFromBackup(backup, app, disk); },
-                            std::move(completion));
+  return admitItemOperation(
+      app, [this, backup, app, disk] { return performRestoreFromBackup(backup, app, disk); }, std::move(completion));
 }
 
 MigrationManager::OperationResult MigrationManager::performRestoreFromBackup(const BackupRecord& backup,
@@ -104,22 +106,22 @@ MigrationManager::OperationResult MigrationManager::performRestoreFromBackup(con
   MigratedBackupCatalog::sortNewestFirst(updated.backupVersions);
 
   if (disk) appManager_.loadMigratedApps(*disk);
-  mainQueue_.post([lifetime = std::weak_ptr<MigrationManager*>(lifetime_), updated, disk, kept, name, versionBefore,
-                   versionAfter] {
-    auto alive = lifetime.lock();
-    if (!alive) return;
-    MigrationManager& manager = **alive;
-    manager.appendItemLog(name, "log.restore_update_record", {});
-    if (!manager.appManager_.saveMigratedApp(updated, disk, kept)) {
-      manager.appendItemLog(name, "migration.safety.catalog_failed", {});
-    }
-    if (versionBefore && versionAfter) {
-      manager.appendItemLog(name, "log.restore_complete_versions", {*versionBefore, *versionAfter});
-    } else {
-      manager.appendItemLog(name, "log.restore_complete", {});
-    }
-    manager.appendItemLog("", "log.separator_line", {});
-  });
+  mainQueue_.post(
+      [lifetime = std::weak_ptr<MigrationManager*>(lifetime_), updated, disk, kept, name, versionBefore, versionAfter] {
+        auto alive = lifetime.lock();
+        if (!alive) return;
+        MigrationManager& manager = **alive;
+        manager.appendItemLog(name, "log.restore_update_record", {});
+        if (!manager.appManager_.saveMigratedApp(updated, disk, kept)) {
+          manager.appendItemLog(name, "migration.safety.catalog_failed", {});
+        }
+        if (versionBefore && versionAfter) {
+          manager.appendItemLog(name, "log.restore_complete_versions", {*versionBefore, *versionAfter});
+        } else {
+          manager.appendItemLog(name, "log.restore_complete", {});
+        }
+        manager.appendItemLog("", "log.separator_line", {});
+      });
   return OperationResult{OperationResult::Kind::succeeded, {}};
 }
 

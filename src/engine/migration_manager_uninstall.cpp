@@ -9,9 +9,9 @@
 #include "platform/file_system.h"
 #include "platform/posix_error.h"
 #include "platform/tree_removal.h"
+#include "settings/localization.h"
 #include "support/diagnostic_log.h"
 #include "support/home_directory.h"
-#include "settings/localization.h"
 #include "support/paths.h"
 #include "support/update_activity.h"
 
@@ -44,7 +44,8 @@ void MigrationManager::uninstallApp(const MigratedApp& app, const std::vector<st
   if (!registered) {
     const std::string name = app.appName.empty() ? lastComponent(app.originalPath) : app.appName;
     appendItemLog(name, "log.migrate_back_blocked_by_update", {});
-    if (completion) completion(OperationResult{OperationResult::Kind::refused, localized("log.migrate_back_blocked_by_update")});
+    if (completion)
+      completion(OperationResult{OperationResult::Kind::refused, localized("log.migrate_back_blocked_by_update")});
     return;
   }
   runInBackground(
@@ -79,7 +80,8 @@ MigrationManager::OperationResult MigrationManager::performUninstall(const Migra
     try {
       // Still the same link object when it goes.
       const auto now = MigrationEntry::read(original, AT_FDCWD);
-      if (!now || !standing || now->identity() != standing->identity() || now->kind != MigrationEntry::Kind::symbolicLink) {
+      if (!now || !standing || now->identity() != standing->identity() ||
+          now->kind != MigrationEntry::Kind::symbolicLink) {
         throw MigrationIssue("error.migration_restore_conflict", original);
       }
       if (unlink(original.c_str()) != 0) platform::throwErrno(original);

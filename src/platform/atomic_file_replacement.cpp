@@ -28,8 +28,8 @@ AtomicFileReplacement::AtomicFileReplacement(int directoryDescriptor, std::strin
   if (!directory_) throwErrno(pathForErrors_);
   for (unsigned attempt = 0;; ++attempt) {
     temporaryName_ = temporaryNameFor(name_, attempt);
-    file_.reset(::openat(directory_.get(), temporaryName_.c_str(),
-                         O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0666));
+    file_.reset(
+        ::openat(directory_.get(), temporaryName_.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0666));
     if (file_) break;
     if (errno != EEXIST || attempt >= 16) throwErrno(pathForErrors_);
   }

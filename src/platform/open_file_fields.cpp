@@ -10,13 +10,26 @@ std::string escapeListerText(std::string_view bytes) {
   for (char character : bytes) {
     const auto byte = static_cast<unsigned char>(character);
     switch (byte) {
-      case '\\': text += "\\\\"; continue;
-      case '\b': text += "\\b"; continue;
-      case '\f': text += "\\f"; continue;
-      case '\n': text += "\\n"; continue;
-      case '\r': text += "\\r"; continue;
-      case '\t': text += "\\t"; continue;
-      default: break;
+      case '\\':
+        text += "\\\\";
+        continue;
+      case '\b':
+        text += "\\b";
+        continue;
+      case '\f':
+        text += "\\f";
+        continue;
+      case '\n':
+        text += "\\n";
+        continue;
+      case '\r':
+        text += "\\r";
+        continue;
+      case '\t':
+        text += "\\t";
+        continue;
+      default:
+        break;
     }
     if (byte >= 0x20 && byte < 0x7f) {
       text += character;
@@ -56,12 +69,30 @@ std::string unescapeListerText(std::string_view text) {
     }
     const char next = text[i + 1];
     switch (next) {
-      case '\\': bytes += '\\'; ++i; continue;
-      case 'b': bytes += '\b'; ++i; continue;
-      case 'f': bytes += '\f'; ++i; continue;
-      case 'n': bytes += '\n'; ++i; continue;
-      case 'r': bytes += '\r'; ++i; continue;
-      case 't': bytes += '\t'; ++i; continue;
+      case '\\':
+        bytes += '\\';
+        ++i;
+        continue;
+      case 'b':
+        bytes += '\b';
+        ++i;
+        continue;
+      case 'f':
+        bytes += '\f';
+        ++i;
+        continue;
+      case 'n':
+        bytes += '\n';
+        ++i;
+        continue;
+      case 'r':
+        bytes += '\r';
+        ++i;
+        continue;
+      case 't':
+        bytes += '\t';
+        ++i;
+        continue;
       case 'x':
         if (i + 3 < text.size() && hexValue(text[i + 2]) >= 0 && hexValue(text[i + 3]) >= 0) {
           bytes += static_cast<char>(hexValue(text[i + 2]) * 16 + hexValue(text[i + 3]));
@@ -69,7 +100,8 @@ std::string unescapeListerText(std::string_view text) {
           continue;
         }
         break;
-      default: break;
+      default:
+        break;
     }
     // Not an escape lsof writes: keep the text as printed.
     bytes += character;

@@ -104,9 +104,18 @@ struct ChildProcess::State {
       int count = 0;
       fds[count++] = {wake.read.get(), POLLIN, 0};
       int outIndex = -1, errIndex = -1, inIndex = -1;
-      if (outputRead) { outIndex = count; fds[count++] = {outputRead.get(), POLLIN, 0}; }
-      if (errorRead) { errIndex = count; fds[count++] = {errorRead.get(), POLLIN, 0}; }
-      if (inputWrite) { inIndex = count; fds[count++] = {inputWrite.get(), POLLOUT, 0}; }
+      if (outputRead) {
+        outIndex = count;
+        fds[count++] = {outputRead.get(), POLLIN, 0};
+      }
+      if (errorRead) {
+        errIndex = count;
+        fds[count++] = {errorRead.get(), POLLIN, 0};
+      }
+      if (inputWrite) {
+        inIndex = count;
+        fds[count++] = {inputWrite.get(), POLLOUT, 0};
+      }
       if (poll(fds, static_cast<nfds_t>(count), -1) < 0) {
         if (errno == EINTR) continue;
         break;
@@ -224,9 +233,10 @@ ChildProcess ChildProcess::spawn(const ProcessRequest& request) {
 
   pid_t pid = -1;
   const bool searchPath = request.executable.find('/') == std::string::npos;
-  int result = searchPath
-                   ? posix_spawnp(&pid, request.executable.c_str(), &setup.actions_, &setup.attributes_, argv.data(), environment)
-                   : posix_spawn(&pid, request.executable.c_str(), &setup.actions_, &setup.attributes_, argv.data(), environment);
+  int result = searchPath ? posix_spawnp(&pid, request.executable.c_str(), &setup.actions_, &setup.attributes_,
+                                         argv.data(), environment)
+                          : posix_spawn(&pid, request.executable.c_str(), &setup.actions_, &setup.attributes_,
+                                        argv.data(), environment);
   if (result != 0) throwErrno(result, request.executable);
 
   state->pid = pid;

@@ -19,12 +19,12 @@
 namespace corvane::platform {
 
 struct ProcessRequest {
-  std::string executable;               // absolute path, or a name looked up in PATH
-  std::vector<std::string> arguments;   // without the program name
+  std::string executable;                                         // absolute path, or a name looked up in PATH
+  std::vector<std::string> arguments;                             // without the program name
   std::optional<std::map<std::string, std::string>> environment;  // absent: inherit
-  std::string workingDirectory;         // empty: inherit
-  std::optional<std::string> standardInput;  // written, then closed; absent: /dev/null
-  std::size_t outputLimit = 16 * 1024 * 1024;  // per stream; the rest is read and dropped
+  std::string workingDirectory;                                   // empty: inherit
+  std::optional<std::string> standardInput;                       // written, then closed; absent: /dev/null
+  std::size_t outputLimit = 16 * 1024 * 1024;                     // per stream; the rest is read and dropped
   // The child leads its own process group, so terminate() and kill() reach what it started.
   bool ownProcessGroup = true;
 };
@@ -76,8 +76,8 @@ struct ProcessDeadlines {
 
 struct ProcessResult {
   ProcessExit exit;
-  bool timedOut = false;          // the exit bound ran out and the child was stopped
-  bool readersTimedOut = false;   // the output pipes stayed open past their bound
+  bool timedOut = false;         // the exit bound ran out and the child was stopped
+  bool readersTimedOut = false;  // the output pipes stayed open past their bound
   bool outputTruncated = false;
   bool outputReadFailed = false;
   std::string standardOutput;

@@ -13,8 +13,8 @@
 namespace corvane::platform {
 
 struct ProcessDetails {
-  std::string executablePath;           // empty when unknown (kernel threads, no permission)
-  std::vector<std::string> arguments;   // argv, the program name first; empty when unknown
+  std::string executablePath;          // empty when unknown (kernel threads, no permission)
+  std::vector<std::string> arguments;  // argv, the program name first; empty when unknown
 };
 
 std::optional<ProcessDetails> describeProcess(pid_t pid);

@@ -1,6 +1,6 @@
-#include <fmt/args.h>
-
 #include "settings/localization.h"
+
+#include <fmt/args.h>
 
 #include "settings/localization_manager.h"
 

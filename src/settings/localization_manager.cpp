@@ -3,8 +3,8 @@
 #include <utility>
 
 #include "platform/preferred_languages.h"
-#include "support/diagnostic_log.h"
 #include "settings/resource_directory.h"
+#include "support/diagnostic_log.h"
 
 namespace corvane {
 namespace {
@@ -156,10 +156,14 @@ LocalizationManager::Subscription LocalizationManager::observe(Observer observer
 
 std::string LocalizationManager::codeFor(Language language) const {
   switch (language) {
-    case Language::system: return systemLanguageCode(configuration_.preferredLanguages());
-    case Language::zhHans: return "zh-Hans";
-    case Language::zhHant: return "zh-Hant";
-    case Language::en: return "en";
+    case Language::system:
+      return systemLanguageCode(configuration_.preferredLanguages());
+    case Language::zhHans:
+      return "zh-Hans";
+    case Language::zhHant:
+      return "zh-Hant";
+    case Language::en:
+      return "en";
   }
   return "en";
 }

@@ -13,8 +13,8 @@
 #include <string_view>
 #include <vector>
 
-#include "support/language.h"
 #include "settings/settings_store.h"
+#include "support/language.h"
 #include "support/strings_table.h"
 
 namespace corvane {

@@ -7,11 +7,20 @@ std::string appleScriptStringEscape(std::string_view text) {
   escaped.reserve(text.size() + text.size() / 8 + 2);
   for (char c : text) {
     switch (c) {
-      case '\\': escaped += "\\\\"; break;
-      case '"': escaped += "\\\""; break;
-      case '\n': escaped += "\\n"; break;
-      case '\r': escaped += "\\r"; break;
-      default: escaped.push_back(c);
+      case '\\':
+        escaped += "\\\\";
+        break;
+      case '"':
+        escaped += "\\\"";
+        break;
+      case '\n':
+        escaped += "\\n";
+        break;
+      case '\r':
+        escaped += "\\r";
+        break;
+      default:
+        escaped.push_back(c);
     }
   }
   return escaped;

@@ -1,13 +1,12 @@
 #include "support/debug_logger.h"
 
 #include <fcntl.h>
+#include <fmt/format.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
 #include <ctime>
-
-#include <fmt/format.h>
 
 #include "support/diagnostic_log.h"
 
@@ -16,7 +15,7 @@ namespace {
 
 std::string timestampNow() {
   const std::time_t now = std::time(nullptr);
-  std::tm local {};
+  std::tm local{};
   localtime_r(&now, &local);
   char stamp[32];
   std::strftime(stamp, sizeof stamp, "%Y-%m-%d %H:%M:%S", &local);

@@ -1,10 +1,10 @@
 #include "support/diagnostic_log.h"
 
+#include <fmt/format.h>
+
 #include <cstdio>
 #include <ctime>
 #include <mutex>
-
-#include <fmt/format.h>
 
 namespace corvane {
 namespace {
@@ -46,7 +46,7 @@ void logDiagnostic(LogLevel level, std::string_view message) {
   if (level > log.verbosity) return;
   std::FILE* out = log.file ? log.file : stderr;
   std::time_t now = std::time(nullptr);
-  std::tm local {};
+  std::tm local{};
   localtime_r(&now, &local);
   char stamp[32];
   std::strftime(stamp, sizeof stamp, "%Y-%m-%d %H:%M:%S", &local);

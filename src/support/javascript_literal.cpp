@@ -11,8 +11,10 @@ std::string javaScriptLiteral(std::string_view text) {
   std::string literal;
   literal.reserve(encoded.size() + 8);
   for (char c : encoded) {
-    if (c == '/') literal += "\\/";
-    else literal.push_back(c);
+    if (c == '/')
+      literal += "\\/";
+    else
+      literal.push_back(c);
   }
   return literal;
 }

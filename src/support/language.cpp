@@ -19,18 +19,20 @@ std::string normalizedTag(std::string_view name) {
   return tag;
 }
 
-bool hasTagPrefix(std::string_view tag, std::string_view prefix) {
-  return tag.substr(0, prefix.size()) == prefix;
-}
+bool hasTagPrefix(std::string_view tag, std::string_view prefix) { return tag.substr(0, prefix.size()) == prefix; }
 
 }  // namespace
 
 std::string_view rawValue(Language language) {
   switch (language) {
-    case Language::system: return "system";
-    case Language::zhHans: return "zh-Hans";
-    case Language::zhHant: return "zh-Hant";
-    case Language::en: return "en";
+    case Language::system:
+      return "system";
+    case Language::zhHans:
+      return "zh-Hans";
+    case Language::zhHant:
+      return "zh-Hant";
+    case Language::en:
+      return "en";
   }
   return "system";
 }

@@ -1,12 +1,11 @@
 #include "support/strings_table.h"
 
 #include <fcntl.h>
+#include <fmt/format.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
-
-#include <fmt/format.h>
 
 #include "support/diagnostic_log.h"
 
@@ -103,9 +102,7 @@ class Parser {
 
  private:
   bool atEnd() const { return position_ >= text_.size(); }
-  char peek(std::size_t ahead = 0) const {
-    return position_ + ahead < text_.size() ? text_[position_ + ahead] : '\0';
-  }
+  char peek(std::size_t ahead = 0) const { return position_ + ahead < text_.size() ? text_[position_ + ahead] : '\0'; }
   char advance() {
     const char c = text_[position_++];
     if (c == '\n') ++line_;
@@ -187,15 +184,30 @@ class Parser {
       if (atEnd()) throw StringsFormatError(startLine, "text is never closed with '\"'");
       const char escaped = advance();
       switch (escaped) {
-        case '"': value.push_back('"'); break;
-        case '\\': value.push_back('\\'); break;
-        case '\'': value.push_back('\''); break;
-        case 'n': value.push_back('\n'); break;
-        case 't': value.push_back('\t'); break;
-        case 'r': value.push_back('\r'); break;
+        case '"':
+          value.push_back('"');
+          break;
+        case '\\':
+          value.push_back('\\');
+          break;
+        case '\'':
+          value.push_back('\'');
+          break;
+        case 'n':
+          value.push_back('\n');
+          break;
+        case 't':
+          value.push_back('\t');
+          break;
+        case 'r':
+          value.push_back('\r');
+          break;
         case 'u':
-        case 'U': appendUtf8(value, readUnicodeEscape()); break;
-        default: fail(fmt::format("unknown escape '\\{}'", escaped));
+        case 'U':
+          appendUtf8(value, readUnicodeEscape());
+          break;
+        default:
+          fail(fmt::format("unknown escape '\\{}'", escaped));
       }
     }
   }

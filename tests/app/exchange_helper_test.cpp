@@ -24,8 +24,9 @@ TEST(ExchangeHelperTest, SwapsOnlyWhenAllThreeIdentitiesHoldAndMakesOrRemovesOnl
   TemporaryDirectory dir;
   writeFile(dir.child("a"), "first");
   writeFile(dir.child("b"), "second");
-  const std::vector<std::string> arguments = {"--corvane-exchange", "--checked", dir.child("a"), dir.child("b"),
-                                              id(dir.path()), id(dir.child("a")), id(dir.child("b"))};
+  const std::vector<std::string> arguments = {"--corvane-exchange", "--checked",    dir.child("a"),
+                                              dir.child("b"),       id(dir.path()), id(dir.child("a")),
+                                              id(dir.child("b"))};
   auto swapped = runCorvane(arguments);
   EXPECT_EQ(swapped.exitStatus, 0) << swapped.standardOutput << swapped.standardError;
   EXPECT_EQ(report(swapped)["result"], "exchanged");
@@ -51,10 +52,10 @@ TEST(ExchangeHelperTest, SwapsOnlyWhenAllThreeIdentitiesHoldAndMakesOrRemovesOnl
   EXPECT_EQ(missing.exitStatus, 66);
   EXPECT_EQ(report(missing)["errno"], ENOENT);
 
-  for (const auto& bad : std::vector<std::vector<std::string>>{
-           {"--corvane-exchange"},
-           {"--corvane-exchange", "--checked", "/a", "/b", "1:2", "3:x", "5:6"},
-           {"--corvane-file-operation", "unknownSelector", "/a"}}) {
+  for (const auto& bad :
+       std::vector<std::vector<std::string>>{{"--corvane-exchange"},
+                                             {"--corvane-exchange", "--checked", "/a", "/b", "1:2", "3:x", "5:6"},
+                                             {"--corvane-file-operation", "unknownSelector", "/a"}}) {
     auto usage = runCorvane(bad);
     EXPECT_EQ(usage.exitStatus, 64);
     EXPECT_EQ(report(usage)["result"], "usage");

@@ -25,10 +25,15 @@ bool contains(const std::string& haystack, const std::string& needle) {
 
 class LanguageCommandTest : public ::testing::Test {
  protected:
-  CorvaneRun run(const std::vector<std::string>& arguments, std::vector<std::pair<std::string, std::string>> extra = {}) {
+  CorvaneRun run(const std::vector<std::string>& arguments,
+                 std::vector<std::pair<std::string, std::string>> extra = {}) {
     CorvaneRunOptions options;
-    options.environment = {{"XDG_CONFIG_HOME", settings_.path()}, {"LANGUAGE", ""}, {"LC_ALL", ""},
-                           {"LC_MESSAGES", ""}, {"LANG", "C.UTF-8"}, {"CORVANE_RESOURCES", ""}};
+    options.environment = {{"XDG_CONFIG_HOME", settings_.path()},
+                           {"LANGUAGE", ""},
+                           {"LC_ALL", ""},
+                           {"LC_MESSAGES", ""},
+                           {"LANG", "C.UTF-8"},
+                           {"CORVANE_RESOURCES", ""}};
     for (auto& pair : extra) options.environment.push_back(std::move(pair));
     return runCorvane(arguments, options);
   }
@@ -57,8 +62,8 @@ TEST_F(LanguageCommandTest, LangShowsErrorsInTraditionalChineseWithThePath) {
 TEST_F(LanguageCommandTest, AChosenLanguagePersistsAcrossRuns) {
   auto first = run({"language"});
   ASSERT_EQ(first.exitStatus, 0) << first.standardError;
-  EXPECT_TRUE(contains(first.standardOutput,
-                       shipped("en", "cli.language.setting", {shipped("en", "language.name.system")})))
+  EXPECT_TRUE(
+      contains(first.standardOutput, shipped("en", "cli.language.setting", {shipped("en", "language.name.system")})))
       << first.standardOutput;
   EXPECT_TRUE(contains(first.standardOutput, shipped("en", "cli.language.in_use", {"English"})));
 

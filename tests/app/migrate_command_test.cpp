@@ -23,7 +23,8 @@ std::vector<std::string> stagingDirectories(const std::string& directory) {
   std::vector<std::string> found;
   if (DIR* dir = opendir(directory.c_str())) {
     while (dirent* item = readdir(dir)) {
-      if (std::string(item->d_name).rfind(".corvane-transfer-", 0) == 0) found.push_back(directory + "/" + item->d_name);
+      if (std::string(item->d_name).rfind(".corvane-transfer-", 0) == 0)
+        found.push_back(directory + "/" + item->d_name);
     }
     closedir(dir);
   }
@@ -153,7 +154,8 @@ TEST(ItemCommandsTest, BackUninstallAndRestoreFromTheCommandLine) {
   // A second move-back finds no record.
   auto again = runCorvane({"back", "Notes", "--disk", external->mountPoint()});
   EXPECT_EQ(again.exitStatus, 1);
-  EXPECT_NE(again.standardError.find(localizedFormat("cli.item.not_found", "Notes")), std::string::npos) << again.standardError;
+  EXPECT_NE(again.standardError.find(localizedFormat("cli.item.not_found", "Notes")), std::string::npos)
+      << again.standardError;
 
   // A version that does not exist names the versions there are and changes nothing.
   auto restore = runCorvane({"restore", "Drafts", "--version", "20000101_000000", "--disk", external->mountPoint()});
@@ -164,7 +166,8 @@ TEST(ItemCommandsTest, BackUninstallAndRestoreFromTheCommandLine) {
   const std::string target = external->child("Directories" + other);
   auto refused = runCorvane({"uninstall", "Drafts", "--disk", external->mountPoint()}, {.standardInput = "y\n"});
   EXPECT_EQ(refused.exitStatus, 1);
-  EXPECT_NE(refused.standardError.find(localized("cli.uninstall.no_terminal")), std::string::npos) << refused.standardError;
+  EXPECT_NE(refused.standardError.find(localized("cli.uninstall.no_terminal")), std::string::npos)
+      << refused.standardError;
   EXPECT_TRUE(MigrationEntry::read(target, AT_FDCWD));
   auto uninstalled = runCorvane({"uninstall", "Drafts", "--disk", external->mountPoint(), "--yes"});
   EXPECT_EQ(uninstalled.exitStatus, 0) << uninstalled.standardOutput << uninstalled.standardError;

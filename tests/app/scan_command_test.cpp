@@ -20,8 +20,8 @@ namespace {
 TEST(ScanCommandTest, JsonIsTheManifestAndSummaryCountsHardLinksOnce) {
   CORVANE_TEST_VOLUME(volume, VolumeKind::ext4);
   writeFile(volume->child("outside.txt"), "outside");
-  buildSampleTree(volume->child("Sample.app"), {.fifo = true, .staleSocket = true, .sparseFile = true,
-                                                .extendedAttributes = true});
+  buildSampleTree(volume->child("Sample.app"),
+                  {.fifo = true, .staleSocket = true, .sparseFile = true, .extendedAttributes = true});
   auto json = runCorvane({"scan", volume->child("Sample.app"), "--json"});
   ASSERT_EQ(json.exitStatus, 0) << json.standardError;
   auto manifest = nlohmann::json::parse(json.standardOutput);
@@ -33,7 +33,8 @@ TEST(ScanCommandTest, JsonIsTheManifestAndSummaryCountsHardLinksOnce) {
   auto summary = runCorvane({"scan", volume->child("Sample.app")});
   ASSERT_EQ(summary.exitStatus, 0) << summary.standardError;
   EXPECT_NE(summary.standardOutput.find(volume->child("outside.txt")), std::string::npos)
-      << "the climbing link is listed with its new absolute target\n" << summary.standardOutput;
+      << "the climbing link is listed with its new absolute target\n"
+      << summary.standardOutput;
 }
 
 TEST(ScanCommandTest, WorksOnAFatVolume) {

@@ -1,10 +1,11 @@
 // The terminal prompter with real streams: numbered answers, bad input, end of input, and the
 // answers given ahead of time when there is no terminal.
+#include "app/terminal_prompter.h"
+
 #include <gtest/gtest.h>
 
 #include <cstdio>
 
-#include "app/terminal_prompter.h"
 #include "engine/preflight/migration_preflight.h"
 #include "settings/localization.h"
 
@@ -18,8 +19,10 @@ using Terminal = TerminalPrompter::Terminal;
 class PromptSession {
  public:
   PromptSession(std::string text, PresetAnswer preset, Terminal terminal)
-      : input_(std::move(text)), in_(fmemopen(input_.data(), input_.size() + input_.empty(), "r")),
-        out_(open_memstream(&buffer_, &size_)), prompter_(std::make_unique<TerminalPrompter>(preset, terminal, in_, out_)) {}
+      : input_(std::move(text)),
+        in_(fmemopen(input_.data(), input_.size() + input_.empty(), "r")),
+        out_(open_memstream(&buffer_, &size_)),
+        prompter_(std::make_unique<TerminalPrompter>(preset, terminal, in_, out_)) {}
   ~PromptSession() {
     prompter_.reset();
     std::fclose(in_);
@@ -49,14 +52,16 @@ TEST(TerminalPrompterTest, AsksOnTheTerminalUntilItGetsANumber) {
   EXPECT_EQ(session.prompter().choose(kBlockers), Choice::retry);
   const std::string output = session.output();
   EXPECT_NE(output.find(localizedFormat("migration.preflight.used_by", "run/app.sock", "server")), std::string::npos);
-  EXPECT_NE(output.find(localizedFormat("cli.prompt.button", 3, localized("migration.preflight.later"))), std::string::npos);
+  EXPECT_NE(output.find(localizedFormat("cli.prompt.button", 3, localized("migration.preflight.later"))),
+            std::string::npos);
 
   PromptSession patient("stop\n0\n 1 \n", PresetAnswer::none, Terminal::present);
   EXPECT_EQ(patient.prompter().choose(kBlockers), Choice::stop);
   const std::string complaints = patient.output();
   const std::string invalid = localizedFormat("cli.prompt.invalid", 3);
   EXPECT_NE(complaints.find(invalid), std::string::npos);
-  EXPECT_NE(complaints.find(invalid, complaints.find(invalid) + 1), std::string::npos) << "both bad answers are refused";
+  EXPECT_NE(complaints.find(invalid, complaints.find(invalid) + 1), std::string::npos)
+      << "both bad answers are refused";
 
   PromptSession closed("", PresetAnswer::none, Terminal::present);
   EXPECT_EQ(closed.prompter().choose(kBlockers), Choice::later) << "end of input leaves the item for later";

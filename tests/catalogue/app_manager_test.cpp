@@ -1,3 +1,5 @@
+#include "catalogue/app_manager.h"
+
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -5,7 +7,6 @@
 
 #include <algorithm>
 
-#include "catalogue/app_manager.h"
 #include "catalogue/catalogue_test_support.h"
 #include "catalogue/migrated_apps_file.h"
 #include "catalogue/migrated_apps_file_format.h"
@@ -24,7 +25,9 @@ class AppManagerTest : public ::testing::Test {
     queue_.runPending();
     return manager_.migratedApps();
   }
-  std::vector<MigratedApp> fileRecords() { return MigratedAppsFileFormat::decode(readFile(recordFilePath(disk_.path()))); }
+  std::vector<MigratedApp> fileRecords() {
+    return MigratedAppsFileFormat::decode(readFile(recordFilePath(disk_.path())));
+  }
   static std::vector<std::string> names(const std::vector<MigratedApp>& apps) {
     std::vector<std::string> result;
     for (const auto& app : apps) result.push_back(app.appName);
@@ -51,7 +54,8 @@ TEST_F(AppManagerTest, LoadingHidesRecordsWhoseOriginalPlaceHoldsARealObjectAndL
   const MigratedApp absent = makeRecord("Absent", internal_.child("Absent"), disk_.child("Directories/Absent"));
   MigratedApp dangling = makeRecord("Dangling", internal_.child("Dangling"), disk_.child("Directories/Gone"));
   ASSERT_EQ(::symlink(dangling.targetPath.c_str(), dangling.originalPath.c_str()), 0);
-  const MigratedApp movedBack = makeRecord("MovedBack", internal_.child("MovedBack"), disk_.child("Directories/MovedBack"));
+  const MigratedApp movedBack =
+      makeRecord("MovedBack", internal_.child("MovedBack"), disk_.child("Directories/MovedBack"));
   makeDirectories(movedBack.originalPath);
   writeRecordFile(disk_.path(), {linked, movedBack, absent, dangling});
   const std::string before = readFile(recordFilePath(disk_.path()));
@@ -79,7 +83,8 @@ TEST_F(AppManagerTest, UnreadableCurrentFileFallsBackToTheLegacyFile) {
   missingKey.erase(missingKey.find("    \"rollbackScriptPath\" : \"\",\n"), 31);
   std::string applicationType = MigratedAppsFileFormat::encode({folder});
   applicationType.replace(applicationType.find("\"dir\""), 5, "\"application\"");
-  for (const std::string& damaged : {missingKey, applicationType, std::string("[{\"id\":"), std::string("\xff\xfe[]")}) {
+  for (const std::string& damaged :
+       {missingKey, applicationType, std::string("[{\"id\":"), std::string("\xff\xfe[]")}) {
     SCOPED_TRACE(damaged.substr(0, 60));
     makeDirectories(disk_.child(".corvane"));
     writeFile(recordFilePath(disk_.path()), damaged);
@@ -115,7 +120,8 @@ TEST_F(AppManagerTest, LinkedHiddenDirectoryIsNeitherReadNorWrittenThrough) {
   const auto loaded = load();
   ASSERT_EQ(loaded.size(), 1u);
   EXPECT_NE(loaded[0].id, bait.id);
-  EXPECT_FALSE(manager_.saveMigratedApp(makeRecord("New", "/x/New", disk_.child("Directories/New")), disk_.path(), std::nullopt));
+  EXPECT_FALSE(manager_.saveMigratedApp(makeRecord("New", "/x/New", disk_.child("Directories/New")), disk_.path(),
+                                        std::nullopt));
   EXPECT_FALSE(manager_.removeMigratedApp(loaded[0], disk_.path()));
   EXPECT_FALSE(manager_.removeMigratedAppAndSaveToAllDisks(loaded[0], {disk_.path()}));
   EXPECT_EQ(treeNames(outside_.path()), outsideBefore);
@@ -159,7 +165,8 @@ TEST_F(AppManagerTest, OddObjectsInPlaceOfTheFileNeitherHangNorCrashTheLoader) {
   // A directory of that name cannot be replaced by a file.
   makeDirectories(file);
   EXPECT_TRUE(load().empty());
-  EXPECT_FALSE(manager_.saveMigratedApp(makeRecord("A", "/nowhere/A", disk_.child("Directories/A")), disk_.path(), std::nullopt));
+  EXPECT_FALSE(manager_.saveMigratedApp(makeRecord("A", "/nowhere/A", disk_.child("Directories/A")), disk_.path(),
+                                        std::nullopt));
   EXPECT_EQ(treeNames(disk_.child(".corvane")), std::set<std::string>{"migrated_apps.json"});
 }
 
@@ -222,7 +229,8 @@ TEST_F(AppManagerTest, RemovalWritesTheRemainingListToEveryDiskAndReadsItBack) {
   // Removal from all disks writes the same remaining list everywhere a disk is.
   TemporaryDirectory second;
   ASSERT_TRUE(manager_.saveMigratedApp(drop, disk_.path(), std::nullopt));
-  EXPECT_FALSE(manager_.removeMigratedAppAndSaveToAllDisks(drop, {disk_.path(), outside_.child("missing"), second.path()}));
+  EXPECT_FALSE(
+      manager_.removeMigratedAppAndSaveToAllDisks(drop, {disk_.path(), outside_.child("missing"), second.path()}));
   EXPECT_EQ(fileRecords(), std::vector<MigratedApp>{keep});
   EXPECT_EQ(MigratedAppsFileFormat::decode(readFile(recordFilePath(second.path()))), std::vector<MigratedApp>{keep});
   EXPECT_TRUE(treeNames(outside_.path()).empty());

@@ -85,13 +85,15 @@ TEST_F(DiskScanTest, RebuildsOneRecordPerMigratedBundleAndFolder) {
 
 TEST(AppBundleMetadataTest, ReadsTheShortVersionFromEitherFormAndNothingElse) {
   TemporaryDirectory dir;
-  EXPECT_EQ(AppBundleMetadata::versionFromPropertyList(infoPropertyList("10.0 (beta)", PropertyListForm::xml)), "10.0 (beta)");
+  EXPECT_EQ(AppBundleMetadata::versionFromPropertyList(infoPropertyList("10.0 (beta)", PropertyListForm::xml)),
+            "10.0 (beta)");
   EXPECT_EQ(AppBundleMetadata::versionFromPropertyList(infoPropertyList("版本 3", PropertyListForm::binary)), "版本 3");
   const std::string numeric =
       "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version=\"1.0\"><dict>"
       "<key>CFBundleShortVersionString</key><integer>3</integer></dict></plist>";
   EXPECT_FALSE(AppBundleMetadata::versionFromPropertyList(numeric).has_value());
-  EXPECT_FALSE(AppBundleMetadata::versionFromPropertyList("<plist><dict><key>CFBundleShortVersionString</key>").has_value());
+  EXPECT_FALSE(
+      AppBundleMetadata::versionFromPropertyList("<plist><dict><key>CFBundleShortVersionString</key>").has_value());
   std::string binary = infoPropertyList("1.0", PropertyListForm::binary);
   EXPECT_FALSE(AppBundleMetadata::versionFromPropertyList(binary.substr(0, binary.size() / 2)).has_value());
   for (std::size_t index = 8; index < binary.size(); index += 3) {

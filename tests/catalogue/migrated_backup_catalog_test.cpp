@@ -1,10 +1,11 @@
+#include "catalogue/migrated_backup_catalog.h"
+
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <ctime>
 #include <set>
 
-#include "catalogue/migrated_backup_catalog.h"
 #include "fixtures/sample_tree.h"
 #include "fixtures/temporary_directory.h"
 #include "support/localization_test_support.h"
@@ -43,8 +44,9 @@ TEST(MigratedBackupCatalogTest, TimestampsAreLocalTimeAndMustFormatBackToThemsel
   EXPECT_DOUBLE_EQ(unixSecondsOf("20240131_235959"), 1706763599.0);  // 2024-02-01 04:59:59 UTC
   EXPECT_DOUBLE_EQ(unixSecondsOf("20240701_120000"), 1719849600.0);  // summer time, UTC-4
   EXPECT_DOUBLE_EQ(unixSecondsOf("20240229_000000"), 1709182800.0);  // a leap day
-  for (const std::string bad : {"20240230_101010", "20240101_240000", "20240310_023000" /* skipped by the clock change */,
-                                "2024013_235959", "20240131_2359590", "+0240131_235959"}) {
+  for (const std::string bad :
+       {"20240230_101010", "20240101_240000", "20240310_023000" /* skipped by the clock change */, "2024013_235959",
+        "20240131_2359590", "+0240131_235959"}) {
     EXPECT_FALSE(MigratedBackupCatalog::parseTimestamp(bad).has_value()) << bad;
   }
   const auto date = MigratedBackupCatalog::parseTimestamp("20241103_013000");  // occurs twice that night
@@ -56,17 +58,26 @@ TEST(MigratedBackupCatalogTest, BackupNamesBelongToTheirTargetOnly) {
   ScopedTimeZone zone("UTC");
   const auto dir = MigratedItemType::directory;
   const auto app = MigratedItemType::application;
-  EXPECT_TRUE(MigratedBackupCatalog::backupDate("/D/Directories/a/Foo_backup_20240131_235959", "/D/Directories/a/Foo", dir));
-  EXPECT_TRUE(MigratedBackupCatalog::backupDate("/D/Directories/a/./b/../Foo_backup_20240131_235959/", "/D/Directories/a/Foo", dir));
-  EXPECT_FALSE(MigratedBackupCatalog::backupDate("/D/Directories/b/Foo_backup_20240131_235959", "/D/Directories/a/Foo", dir));
-  EXPECT_FALSE(MigratedBackupCatalog::backupDate("/D/Directories/a/FooBar_backup_20240131_235959", "/D/Directories/a/Foo", dir));
-  EXPECT_FALSE(MigratedBackupCatalog::backupDate("/D/Directories/a/Foo_backup_20240131_235959_2", "/D/Directories/a/Foo", dir));
-  EXPECT_TRUE(MigratedBackupCatalog::backupDate("/D/Applications/Foo_backup_20240101_120000.APP", "/D/Applications/Foo.app", app));
-  EXPECT_FALSE(MigratedBackupCatalog::backupDate("/D/Applications/Foo_backup_20240101_120000", "/D/Applications/Foo.app", app));
-  EXPECT_EQ(MigratedBackupCatalog::backupPathFor("/D/Applications/Foo.app/", app, ReferenceDate::fromUnixSeconds(1704110400)),
-            "/D/Applications/Foo_backup_20240101_120000.app");
-  EXPECT_EQ(MigratedBackupCatalog::backupPathFor("/D/Directories/a/Foo", dir, ReferenceDate::fromUnixSeconds(1704110400)),
-            "/D/Directories/a/Foo_backup_20240101_120000");
+  EXPECT_TRUE(
+      MigratedBackupCatalog::backupDate("/D/Directories/a/Foo_backup_20240131_235959", "/D/Directories/a/Foo", dir));
+  EXPECT_TRUE(MigratedBackupCatalog::backupDate("/D/Directories/a/./b/../Foo_backup_20240131_235959/",
+                                                "/D/Directories/a/Foo", dir));
+  EXPECT_FALSE(
+      MigratedBackupCatalog::backupDate("/D/Directories/b/Foo_backup_20240131_235959", "/D/Directories/a/Foo", dir));
+  EXPECT_FALSE(
+      MigratedBackupCatalog::backupDate("/D/Directories/a/FooBar_backup_20240131_235959", "/D/Directories/a/Foo", dir));
+  EXPECT_FALSE(
+      MigratedBackupCatalog::backupDate("/D/Directories/a/Foo_backup_20240131_235959_2", "/D/Directories/a/Foo", dir));
+  EXPECT_TRUE(MigratedBackupCatalog::backupDate("/D/Applications/Foo_backup_20240101_120000.APP",
+                                                "/D/Applications/Foo.app", app));
+  EXPECT_FALSE(
+      MigratedBackupCatalog::backupDate("/D/Applications/Foo_backup_20240101_120000", "/D/Applications/Foo.app", app));
+  EXPECT_EQ(
+      MigratedBackupCatalog::backupPathFor("/D/Applications/Foo.app/", app, ReferenceDate::fromUnixSeconds(1704110400)),
+      "/D/Applications/Foo_backup_20240101_120000.app");
+  EXPECT_EQ(
+      MigratedBackupCatalog::backupPathFor("/D/Directories/a/Foo", dir, ReferenceDate::fromUnixSeconds(1704110400)),
+      "/D/Directories/a/Foo_backup_20240101_120000");
 }
 
 class BackupReconciliationTest : public ::testing::Test {
@@ -93,7 +104,7 @@ class BackupReconciliationTest : public ::testing::Test {
 TEST_F(BackupReconciliationTest, DuplicatesCollapseVanishedCopiesStayAndUnlistedCopiesAreAdopted) {
   const std::string listed = backup("Foo_backup_20240101_120000.app");
   const std::string unlisted = backup("Foo_backup_20240301_080000.APP");
-  backup("Bar_backup_20240101_120000.app");          // another item's copy
+  backup("Bar_backup_20240101_120000.app");                              // another item's copy
   makeDirectories(disk_.child("Other/Foo_backup_20240401_000000.app"));  // not beside the target
   const std::string vanished = disk_.child("Applications/Foo_backup_20231224_180000.app");
 
@@ -139,14 +150,15 @@ TEST_F(BackupReconciliationTest, EqualDatesAreOrderedLikeTheFileBrowser) {
 
 TEST_F(BackupReconciliationTest, MergingKeepsTheExistingIdentityAndAccumulatesBothLists) {
   MigratedApp existing = app_;
-  existing.backupVersions = {{makeUuidString(), backup("Foo_backup_20230101_000000.app"),
-                              ReferenceDate::fromUnixSeconds(1672531200), true}};
+  existing.backupVersions = {
+      {makeUuidString(), backup("Foo_backup_20230101_000000.app"), ReferenceDate::fromUnixSeconds(1672531200), true}};
   MigratedApp fresh = app_;
   fresh.id = makeUuidString();
   fresh.appName = "Foo 2.app";
   fresh.migratedDate = ReferenceDate::fromUnixSeconds(1710000000);
   fresh.supportFiles = {"/Users/a/Library/Foo"};
-  fresh.backupVersions = {{makeUuidString(), existing.backupVersions[0].backupPath + "/.", ReferenceDate::fromUnixSeconds(5), true}};
+  fresh.backupVersions = {
+      {makeUuidString(), existing.backupVersions[0].backupPath + "/.", ReferenceDate::fromUnixSeconds(5), true}};
 
   const std::string justMade = backup("Foo_backup_20240309_160000.app");
   const auto merged = MigratedBackupCatalog::appByMerging(fresh, existing, justMade);

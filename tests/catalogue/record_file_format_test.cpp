@@ -102,8 +102,10 @@ TEST(RecordFileFormatTest, DatesSurviveRewritingAndNumbersAndTextTakeTheEncoders
 std::string fixtureWith(const std::string& from, const std::string& to) {
   std::string file = kMacFile;
   const auto at = file.find(from);
-  if (at == std::string::npos) ADD_FAILURE() << "fixture lacks " << from;
-  else file.replace(at, from.size(), to);
+  if (at == std::string::npos)
+    ADD_FAILURE() << "fixture lacks " << from;
+  else
+    file.replace(at, from.size(), to);
   return file;
 }
 
@@ -126,24 +128,32 @@ TEST(RecordFileFormatTest, AnyMissingKeyNullOrWrongTypeMakesTheWholeFileUnreadab
     EXPECT_THROW(MigratedAppsFileFormat::decode(fixtureWith(line, key + " : [],")), MigratedAppsFormatError);
   }
   // The last keys of their objects (no comma after them).
-  EXPECT_THROW(MigratedAppsFileFormat::decode(fixtureWith(",\n    \"targetPath\" : \"\\/Volumes\\/Disk\\/Applications\\/微信.app\"", "")),
+  EXPECT_THROW(MigratedAppsFileFormat::decode(
+                   fixtureWith(",\n    \"targetPath\" : \"\\/Volumes\\/Disk\\/Applications\\/微信.app\"", "")),
                MigratedAppsFormatError);
-  EXPECT_THROW(MigratedAppsFileFormat::decode(fixtureWith(",\n        \"id\" : \"0B0F1C6E-2D4A-4E35-9A0B-6F1D2C3B4A59\"", "")),
+  EXPECT_THROW(
+      MigratedAppsFileFormat::decode(fixtureWith(",\n        \"id\" : \"0B0F1C6E-2D4A-4E35-9A0B-6F1D2C3B4A59\"", "")),
+      MigratedAppsFormatError);
+  EXPECT_THROW(MigratedAppsFileFormat::decode(fixtureWith("\"supportFiles\" : [\n\n    ],", "")),
                MigratedAppsFormatError);
-  EXPECT_THROW(MigratedAppsFileFormat::decode(fixtureWith("\"supportFiles\" : [\n\n    ],", "")), MigratedAppsFormatError);
   EXPECT_THROW(MigratedAppsFileFormat::decode(fixtureWith("\"supportFiles\" : [\n\n    ]", "\"supportFiles\" : [ 7 ]")),
                MigratedAppsFormatError);
-  EXPECT_THROW(MigratedAppsFileFormat::decode(fixtureWith("\"exists\" : true", "\"exists\" : 1")), MigratedAppsFormatError);
-  EXPECT_THROW(MigratedAppsFileFormat::decode(fixtureWith("\"migratedDate\" : 735000000.123456", "\"migratedDate\" : \"2024-01-01\"")),
+  EXPECT_THROW(MigratedAppsFileFormat::decode(fixtureWith("\"exists\" : true", "\"exists\" : 1")),
                MigratedAppsFormatError);
-  EXPECT_THROW(MigratedAppsFileFormat::decode(fixtureWith("\"migratedDate\" : 735000000.123456", "\"migratedDate\" : 1e999")),
+  EXPECT_THROW(MigratedAppsFileFormat::decode(
+                   fixtureWith("\"migratedDate\" : 735000000.123456", "\"migratedDate\" : \"2024-01-01\"")),
                MigratedAppsFormatError);
+  EXPECT_THROW(
+      MigratedAppsFileFormat::decode(fixtureWith("\"migratedDate\" : 735000000.123456", "\"migratedDate\" : 1e999")),
+      MigratedAppsFormatError);
   EXPECT_THROW(MigratedAppsFileFormat::decode(fixtureWith("F47AC10B-58CC-4372-A567-0E02B2C3D479", "not-a-uuid")),
                MigratedAppsFormatError);
   // Only the two short type names decode.
   for (const std::string type : {"application", "directory", "App", "", "app "}) {
-    EXPECT_THROW(MigratedAppsFileFormat::decode(fixtureWith("\"itemType\" : \"app\"", "\"itemType\" : \"" + type + "\"")),
-                 MigratedAppsFormatError) << type;
+    EXPECT_THROW(
+        MigratedAppsFileFormat::decode(fixtureWith("\"itemType\" : \"app\"", "\"itemType\" : \"" + type + "\"")),
+        MigratedAppsFormatError)
+        << type;
   }
   EXPECT_THROW(MigratedAppsFileFormat::decode("{}"), MigratedAppsFormatError);
   EXPECT_THROW(MigratedAppsFileFormat::decode("[ 1 ]"), MigratedAppsFormatError);
@@ -181,8 +191,10 @@ TEST(RecordFileFormatTest, TruncatedGarbledAndAbusiveInputsFailCleanly) {
         << "prefix of " << length << " bytes";
   }
   EXPECT_THROW(MigratedAppsFileFormat::decode(std::string(200000, '[')), MigratedAppsFormatError);
-  EXPECT_THROW(MigratedAppsFileFormat::decode(std::string(200000, '[') + std::string(200000, ']')), MigratedAppsFormatError);
-  EXPECT_THROW(MigratedAppsFileFormat::decode(fixtureWith("微信.app\",\n    \"backupVersions", "\xff\xfe.app\",\n    \"backupVersions")),
+  EXPECT_THROW(MigratedAppsFileFormat::decode(std::string(200000, '[') + std::string(200000, ']')),
+               MigratedAppsFormatError);
+  EXPECT_THROW(MigratedAppsFileFormat::decode(
+                   fixtureWith("微信.app\",\n    \"backupVersions", "\xff\xfe.app\",\n    \"backupVersions")),
                MigratedAppsFormatError);
   EXPECT_THROW(MigratedAppsFileFormat::decode(std::string("\0[]", 3)), MigratedAppsFormatError);
   EXPECT_THROW(MigratedAppsFileFormat::decode(std::string(MigratedAppsFileFormat::kMaximumFileSize + 1, ' ')),

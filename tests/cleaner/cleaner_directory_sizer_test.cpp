@@ -46,7 +46,8 @@ TEST(CleanerDirectorySizerTest, AgreesWithDuBelowTheRootWithoutFollowingLinksOrC
   ASSERT_EQ(::link((root + "/a/b/c/large").c_str(), home.child("second/large").c_str()), 0);
   writeSizedFile(home.child("a-file"), 5000);
   EXPECT_EQ(CleanerDirectorySizer()
-                .calculateDirectorySizeSynchronously({root, home.child("missing"), home.child("a-file"), home.child("second")})
+                .calculateDirectorySizeSynchronously(
+                    {root, home.child("missing"), home.child("a-file"), home.child("second")})
                 .bytes,
             duBytesBelow(root));
 }

@@ -91,10 +91,8 @@ std::vector<std::string> fakeDockerCalls(const std::string& directory) {
 void giveToNobody(const std::string& path) {
   ::nftw(
       path.c_str(),
-      [](const char* name, const struct stat*, int, FTW*) {
-        return ::lchown(name, kNobody, kNobody) == 0 ? 0 : 1;
-      },
-      32, FTW_PHYS);
+      [](const char* name, const struct stat*, int, FTW*) { return ::lchown(name, kNobody, kNobody) == 0 ? 0 : 1; }, 32,
+      FTW_PHYS);
 }
 
 }  // namespace corvane::cleaner_test

@@ -99,8 +99,8 @@ TEST(CleanerTreeRemovalTest, ALinkedRootPointingAtAFolderAboveItIsRefused) {
   makeDirectories(home.child("Library"));
   ASSERT_EQ(::symlink(home.path().c_str(), home.child("Library/Caches").c_str()), 0);
   ASSERT_EQ(::symlink("/", home.child("Library/Logs").c_str()), 0);
-  const auto report =
-      CleanerTreeRemoval().clean({home.child("Library/Caches"), home.child("Library/Logs")}, PathCleaning::emptyInPlace);
+  const auto report = CleanerTreeRemoval().clean({home.child("Library/Caches"), home.child("Library/Logs")},
+                                                 PathCleaning::emptyInPlace);
   EXPECT_EQ(report.problemCount, 2u);
   EXPECT_EQ(report.removedEntries, 0u);
   EXPECT_EQ(readFile(home.child("Documents-file")), "irreplaceable");
@@ -186,7 +186,8 @@ TEST(CleanerTreeRemovalTest, ACancelledCleanStopsAndSaysSo) {
   for (int file = 0; file < 2500; ++file) writeFile(home.child("cache/f" + std::to_string(file)), "x");
   std::stop_source stop;
   stop.request_stop();
-  const auto failure = CleanerTreeRemoval(stop.get_token()).deleteDirectories({home.child("cache")}, PathCleaning::remove);
+  const auto failure =
+      CleanerTreeRemoval(stop.get_token()).deleteDirectories({home.child("cache")}, PathCleaning::remove);
   ASSERT_TRUE(failure.has_value());
   EXPECT_EQ(failure->key, "cleaner.error.cancelled");
   EXPECT_EQ(namesIn(home.child("cache")).size(), 1501u);

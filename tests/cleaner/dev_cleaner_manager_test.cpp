@@ -96,7 +96,7 @@ TEST_F(DevCleanerManagerTest, MacHomeIsScannedInOrderWithSafeItemsPreselectedAnd
   clean(*manager);
 
   EXPECT_EQ(states, (std::vector<CleanerState>{CleanerState::scanning, CleanerState::resultsReady,
-                                                CleanerState::cleaning, CleanerState::done}));
+                                               CleanerState::cleaning, CleanerState::done}));
   EXPECT_EQ(manager->totalCleanedSize(), expectedCleaned);
   for (const char* folder : {"Library/Caches", "Library/Developer/Xcode/DerivedData", ".Trash"}) {
     struct stat status {};

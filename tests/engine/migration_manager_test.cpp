@@ -1,5 +1,7 @@
 // Transfers and the manager's operations on two real ext4 volumes (changing sources, filling or unfit
 // destinations, batches, moving back, admission), and restoring versions and uninstalling on real folders.
+#include "engine/migration_manager.h"
+
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
@@ -12,9 +14,8 @@
 #include "catalogue/app_manager.h"
 #include "catalogue/migrated_apps_file.h"
 #include "engine/manifest/migration_copy_workload.h"
-#include "engine/migration_manager.h"
-#include "engine/preflight/migration_socket_probe.h"
 #include "engine/migration_test_support.h"
+#include "engine/preflight/migration_socket_probe.h"
 #include "engine/transfer/migration_transfer.h"
 #include "fixtures/corvane_binary.h"
 #include "fixtures/sample_tree.h"
@@ -39,8 +40,9 @@ class MigrateBackTest : public ::testing::Test {
     internal_ = std::move(internal);
     external_ = std::move(external);
     item_ = internal_->child("home/me/Project");
-    buildSampleTree(item_, {.fifo = true, .staleSocket = true, .sparseFile = true, .extendedAttributes = true,
-                            .accessControlList = true});
+    buildSampleTree(
+        item_,
+        {.fifo = true, .staleSocket = true, .sparseFile = true, .extendedAttributes = true, .accessControlList = true});
     writeFile(internal_->child("home/me/outside.txt"), "outside");
     chown((item_ + "/Contents/Info.plist").c_str(), 1234, 5678);
     disk_ = external_->mountPoint();
@@ -52,7 +54,9 @@ class MigrateBackTest : public ::testing::Test {
     MigrationManager::Hooks result;
     result.prompter = &prompter_;
     result.services.probe = MigrationSocketProbe::probeWith(std::string(corvaneBinaryPath()));
-    result.checkUsage = [this](const auto& item, const auto& manifest) { if (duringCheck_) duringCheck_(item, manifest); };
+    result.checkUsage = [this](const auto& item, const auto& manifest) {
+      if (duringCheck_) duringCheck_(item, manifest);
+    };
     return result;
   }
 
@@ -110,7 +114,8 @@ class MigrateBackTest : public ::testing::Test {
   MigrationManager::OperationResult moveBack(const MigratedApp& app) {
     MigrationManager manager(queue_, apps_, hooks());
     std::optional<MigrationManager::OperationResult> result;
-    manager.migrateBackToMainDisk(app, disk_, [&](const MigrationManager::OperationResult& outcome) { result = outcome; });
+    manager.migrateBackToMainDisk(app, disk_,
+                                  [&](const MigrationManager::OperationResult& outcome) { result = outcome; });
     EXPECT_TRUE(queue_.runUntil([&] { return result.has_value(); }, std::chrono::minutes(2)));
     log_ = manager.logText();
     return result.value_or(MigrationManager::OperationResult{});
@@ -136,7 +141,8 @@ TEST_F(MigrateBackTest, RoundTripRestoresEverythingButInodesAndChangeTimes) {
   // A link that climbed out of the item got an absolute target on the way out and keeps it: same file.
   const std::string climbing = "Contents/Resources/deep/climbs-out";
   ASSERT_TRUE(before.count(climbing));
-  EXPECT_EQ(resolvingSymlinksInPath(item_ + "/" + climbing), resolvingSymlinksInPath(internal_->child("home/me/outside.txt")));
+  EXPECT_EQ(resolvingSymlinksInPath(item_ + "/" + climbing),
+            resolvingSymlinksInPath(internal_->child("home/me/outside.txt")));
   before.erase(climbing);
   after.erase(climbing);
   before.erase("Contents/stale.sock");  // left out on the way there
@@ -160,7 +166,8 @@ TEST_F(MigrateBackTest, RealFolderAtTheOriginalPathIsNeverReplaced) {
   ASSERT_EQ(symlink(elsewhere.c_str(), item_.c_str()), 0);
   auto result = moveBack(app);
   EXPECT_EQ(result.kind, MigrationManager::OperationResult::Kind::failed);
-  EXPECT_NE(result.message.find(localized("migration.preflight.restore_wrong_target")), std::string::npos) << result.message;
+  EXPECT_NE(result.message.find(localized("migration.preflight.restore_wrong_target")), std::string::npos)
+      << result.message;
   EXPECT_EQ(MigrationEntry::read(item_, AT_FDCWD).value().link, elsewhere);
   EXPECT_EQ(fullManifest(app.targetPath), external);
   // Then the user's own folder.
@@ -376,7 +383,8 @@ TEST_F(MigrationManagerTest, ProtectedItemsAreRefusedAndOnesAlreadyLinkedAreSkip
 }
 
 TEST(MigrationDiskRootTest, TargetsUnderVolumesNameTheirVolume) {
-  EXPECT_EQ(MigrationManager::destinationFor("/home/me/./data/", "/media/me/disk"), "/media/me/disk/Directories/home/me/data");
+  EXPECT_EQ(MigrationManager::destinationFor("/home/me/./data/", "/media/me/disk"),
+            "/media/me/disk/Directories/home/me/data");
   EXPECT_EQ(MigrationManager::diskRootFromTargetPath("/Volumes/X/Applications/Foo.app"), "/Volumes/X");
   EXPECT_EQ(MigrationManager::diskRootFromTargetPath("/Volumes/My Disk/Directories/Users/a/b"), "/Volumes/My Disk");
   EXPECT_EQ(MigrationManager::diskRootFromTargetPath("/media/x/Applications/Foo.app"), std::nullopt);
@@ -387,7 +395,8 @@ void makeBundle(const std::string& path, const std::string& version) {
   writeFile(path + "/Contents/MacOS/Tool", "#!/bin/sh\necho " + version + "\n", 0755);
   writeFile(path + "/Contents/Info.plist",
             "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version=\"1.0\"><dict>"
-            "<key>CFBundleShortVersionString</key><string>" + version + "</string></dict></plist>\n");
+            "<key>CFBundleShortVersionString</key><string>" +
+                version + "</string></dict></plist>\n");
 }
 
 std::vector<std::string> namesIn(const std::string& directory) {
@@ -454,11 +463,13 @@ TEST_F(ItemOperationsTest, RestoringPutsTheVersionInPlaceAndKeepsTheCurrentOne) 
   EXPECT_EQ(names[1].rfind("Tool_backup_", 0), 0u);
   const std::string kept = disk_ + "/Applications/" + names[1];
   EXPECT_EQ(AppBundleMetadata::version(kept), "2.0");
-  EXPECT_NE(log_.find(formatLocalizedText(localized("log.restore_complete_versions"), {"2.0", "1.0"})), std::string::npos)
+  EXPECT_NE(log_.find(formatLocalizedText(localized("log.restore_complete_versions"), {"2.0", "1.0"})),
+            std::string::npos)
       << log_;
   const auto backups = AppManager::loadRecords(disk_).at(0).backupVersions;
-  EXPECT_TRUE(std::any_of(backups.begin(), backups.end(), [&](const auto& b) { return b.backupPath == kept && b.exists; }))
-      << "the record lists the kept version, which exists";
+  EXPECT_TRUE(std::any_of(backups.begin(), backups.end(), [&](const auto& b) {
+    return b.backupPath == kept && b.exists;
+  })) << "the record lists the kept version, which exists";
   EXPECT_EQ(MigrationEntry::read(original_, AT_FDCWD).value().kind, MigrationEntry::Kind::symbolicLink);
 }
 
@@ -472,7 +483,8 @@ TEST_F(ItemOperationsTest, VersionWithoutExecutablesChangesNothingAndAFailedRest
   EXPECT_EQ(AppManager::loadRecords(disk_).at(0), app_);
   // The chosen version vanishes at the last moment: the failed restore puts the current one back.
   makeBundle(version_, "1.0");
-  const auto result = operate(Operation::restore, [&] { platform::renameExclusive(version_, root_.child("moved-away.app")); });
+  const auto result =
+      operate(Operation::restore, [&] { platform::renameExclusive(version_, root_.child("moved-away.app")); });
   EXPECT_EQ(result.kind, MigrationManager::OperationResult::Kind::failed);
   EXPECT_NE(log_.find(localized("log.restore_rollback_success")), std::string::npos) << log_;
   EXPECT_EQ(AppBundleMetadata::version(target_), "2.0");

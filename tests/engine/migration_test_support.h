@@ -6,10 +6,10 @@
 #include <map>
 #include <string>
 
+#include "engine/item_test_support.h"
 #include "engine/manifest/migration_entry.h"
 #include "engine/migration_issue.h"
 #include "engine/preflight/migration_preflight_prompter.h"
-#include "engine/item_test_support.h"
 
 namespace corvane {
 

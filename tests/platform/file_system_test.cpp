@@ -1,3 +1,5 @@
+#include "platform/file_system.h"
+
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -10,7 +12,6 @@
 #include "fixtures/sample_tree.h"
 #include "fixtures/temporary_directory.h"
 #include "fixtures/test_volume.h"
-#include "platform/file_system.h"
 #include "platform/posix_error.h"
 #include "platform/read_ahead.h"
 #include "platform/volume.h"
@@ -126,14 +127,12 @@ TEST_P(VolumeCapabilityTest, ProbeTellsWhatTheVolumeCanHoldAndLeavesNothingBehin
   }
 }
 
-INSTANTIATE_TEST_SUITE_P(Volumes, VolumeCapabilityTest,
-                         ::testing::Values(CapabilityCase{VolumeKind::ext4, true, true},
-                                           CapabilityCase{VolumeKind::xfs, true, true},
-                                           CapabilityCase{VolumeKind::btrfs, true, true},
-                                           CapabilityCase{VolumeKind::tmpfs, true, true},
-                                           CapabilityCase{VolumeKind::fat, false, false},
-                                           CapabilityCase{VolumeKind::exfat, false, false}),
-                         [](const auto& info) { return std::string(volumeKindName(info.param.kind)); });
+INSTANTIATE_TEST_SUITE_P(
+    Volumes, VolumeCapabilityTest,
+    ::testing::Values(CapabilityCase{VolumeKind::ext4, true, true}, CapabilityCase{VolumeKind::xfs, true, true},
+                      CapabilityCase{VolumeKind::btrfs, true, true}, CapabilityCase{VolumeKind::tmpfs, true, true},
+                      CapabilityCase{VolumeKind::fat, false, false}, CapabilityCase{VolumeKind::exfat, false, false}),
+    [](const auto& info) { return std::string(volumeKindName(info.param.kind)); });
 
 TEST(VolumeCapabilityTest, MissingDirectoryIsAnErrorWithItsPath) {
   EXPECT_EQ(errnoOf([] { volumeCapabilities("/nonexistent/corvane"); }), ENOENT);

@@ -1,3 +1,5 @@
+#include "platform/process.h"
+
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/wait.h>
@@ -6,7 +8,6 @@
 
 #include "fixtures/temporary_directory.h"
 #include "platform/posix_error.h"
-#include "platform/process.h"
 #include "support/shell_quote.h"
 
 namespace corvane::platform {
@@ -119,9 +120,9 @@ TEST(ProcessTest, MissingExecutableIsAnErrorNamingIt) {
 }
 
 TEST(ShellQuoteTest, AnyTextSurvivesTheShellUnchanged) {
-  for (const std::string text : {"plain", "with space", "it's", "''", "\"double\"", "back\\slash", "line\nbreak",
-                                 "$(touch /tmp/pwned)", "`id`", "*?[a]", "中文 名字.app", "-n", "", "tab\there",
-                                 "semi;colon&amp|pipe"}) {
+  for (const std::string text :
+       {"plain", "with space", "it's", "''", "\"double\"", "back\\slash", "line\nbreak", "$(touch /tmp/pwned)", "`id`",
+        "*?[a]", "中文 名字.app", "-n", "", "tab\there", "semi;colon&amp|pipe"}) {
     auto result = runProcess(shell("printf '%s' " + shellQuote(text)));
     EXPECT_TRUE(result.exit.succeeded()) << text;
     EXPECT_EQ(result.standardOutput, text);

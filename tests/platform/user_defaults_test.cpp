@@ -1,3 +1,5 @@
+#include "platform/user_defaults.h"
+
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -9,9 +11,8 @@
 #include "fixtures/sample_tree.h"
 #include "fixtures/temporary_directory.h"
 #include "platform/posix_error.h"
-#include "platform/user_defaults.h"
-#include "support/localization_test_support.h"
 #include "settings/settings_store.h"
+#include "support/localization_test_support.h"
 
 namespace corvane {
 namespace {

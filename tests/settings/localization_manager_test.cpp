@@ -1,3 +1,5 @@
+#include "settings/localization_manager.h"
+
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -8,9 +10,8 @@
 #include "fixtures/sample_tree.h"
 #include "fixtures/temporary_directory.h"
 #include "settings/localization.h"
-#include "settings/localization_manager.h"
-#include "support/localization_test_support.h"
 #include "settings/localized_string.h"
+#include "support/localization_test_support.h"
 
 namespace corvane {
 namespace {

@@ -22,8 +22,8 @@ const char* const kLanguages[] = {"en", "zh-Hans", "zh-Hant"};
 const char* const kKeyTakingCalls[] = {"localizedWithDetail", "localizedFormat", "localized", "MigrationIssue"};
 
 // Literals with these prefixes are keys wherever they appear (tables of definitions, maps).
-const char* const kKeyPrefixes[] = {"app",     "log",       "migration", "error",    "progress",           "disk",
-                                    "cleaner", "cli",       "language",  "fstab",    "disk_authorization", "settings",
+const char* const kKeyPrefixes[] = {"app",         "log",        "migration", "error", "progress",           "disk",
+                                    "cleaner",     "cli",        "language",  "fstab", "disk_authorization", "settings",
                                     "ghost_files", "disk_rename"};
 
 bool isWordCharacter(char c) { return std::isalnum(static_cast<unsigned char>(c)) || c == '_'; }
@@ -119,7 +119,8 @@ std::set<int> placeholders(const std::string& text) {
   for (std::size_t open = text.find('{'); open != std::string::npos; open = text.find('{', open + 1)) {
     std::size_t end = open + 1;
     while (end < text.size() && std::isdigit(static_cast<unsigned char>(text[end]))) ++end;
-    if (end > open + 1 && end < text.size() && text[end] == '}') found.insert(std::stoi(text.substr(open + 1, end - open - 1)));
+    if (end > open + 1 && end < text.size() && text[end] == '}')
+      found.insert(std::stoi(text.substr(open + 1, end - open - 1)));
   }
   return found;
 }
@@ -128,12 +129,12 @@ TEST(LocalizationTablesTest, TheExtractorFindsKeysWhereverCodeUsesThem) {
   const std::string source = R"CPP(
     // localized("commented.out") is no use of a key
     auto a = localized("cli.scan.title");
-    auto b = localizedFormat(
-        "any.prefix.counts", x);
+    auto b = localizedFormat("any.prefix.counts", x);
     throw MigrationIssue("error.migration_source_changed", path);
     const char* table[] = {"cleaner.item.npm", "cleaner.item."};
     auto c = relocalized("not.a.call");
-    auto d = 'x'; auto e = "plain text \" with a quote";
+    auto d = 'x';
+    auto e = "plain text \" with a quote";
     auto f = localized("migration.occupancy.reason_" + name);
     auto g = R"(localized("inside.a.raw.string"))";
   )CPP";
@@ -142,7 +143,7 @@ TEST(LocalizationTablesTest, TheExtractorFindsKeysWhereverCodeUsesThem) {
   std::set<std::string> keys;
   for (const auto& [key, file] : found.keys) keys.insert(key);
   EXPECT_EQ(keys, (std::set<std::string>{"cli.scan.title", "any.prefix.counts", "error.migration_source_changed",
-                                          "cleaner.item.npm"}));
+                                         "cleaner.item.npm"}));
   ASSERT_EQ(found.prefixes.size(), 1u);
   EXPECT_EQ(found.prefixes.begin()->first, "migration.occupancy.reason_");
 }

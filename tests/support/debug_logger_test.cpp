@@ -1,10 +1,11 @@
+#include "support/debug_logger.h"
+
 #include <gtest/gtest.h>
 
 #include <thread>
 
 #include "fixtures/sample_tree.h"
 #include "fixtures/temporary_directory.h"
-#include "support/debug_logger.h"
 #include "support/diagnostic_log.h"
 #include "support/localization_test_support.h"
 

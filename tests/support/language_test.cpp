@@ -1,7 +1,8 @@
+#include "support/language.h"
+
 #include <gtest/gtest.h>
 
 #include "platform/preferred_languages.h"
-#include "support/language.h"
 #include "support/localization_test_support.h"
 
 namespace corvane {
@@ -11,8 +12,13 @@ TEST(LanguageTest, SavedValuesParseExactlyAndTheSystemLanguageMapsToOneOfTheThre
   for (const Language language : kAllLanguages) EXPECT_EQ(parseLanguage(rawValue(language)), language);
   for (const char* raw : {"zh-hans", "zh_Hans", "zh-CN", "fr"}) EXPECT_FALSE(parseLanguage(raw)) << raw;
   const std::pair<const char*, const char*> cases[] = {
-      {"zh-Hans", "zh-Hans"}, {"zh-Hant-TW", "zh-Hant"}, {"zh_CN.UTF-8", "zh-Hans"}, {"zh-HK", "zh-Hant"},
-      {"zh_SG.UTF-8", "en"},  {"ja_JP.UTF-8", "en"},     {"C", "en"},
+      {"zh-Hans", "zh-Hans"},
+      {"zh-Hant-TW", "zh-Hant"},
+      {"zh_CN.UTF-8", "zh-Hans"},
+      {"zh-HK", "zh-Hant"},
+      {"zh_SG.UTF-8", "en"},
+      {"ja_JP.UTF-8", "en"},
+      {"C", "en"},
   };
   for (const auto& [preferred, expected] : cases) EXPECT_EQ(systemLanguageCode({preferred}), expected) << preferred;
   EXPECT_EQ(systemLanguageCode({"ja", "zh-Hans"}), "en") << "only the most preferred language counts";

@@ -1,9 +1,10 @@
+#include "support/strings_table.h"
+
 #include <gtest/gtest.h>
 
 #include "fixtures/sample_tree.h"
 #include "fixtures/temporary_directory.h"
 #include "support/localization_test_support.h"
-#include "support/strings_table.h"
 
 namespace corvane {
 namespace {
@@ -47,7 +48,7 @@ TEST(StringsTableTest, MalformedTablesAreRefusedWithTheLine) {
     std::size_t line;
   };
   const Case cases[] = {
-      {"\"a\" = \"b\"\n\"c\" = \"d\";", 2},          // missing semicolon, noticed at the next entry
+      {"\"a\" = \"b\"\n\"c\" = \"d\";", 2},           // missing semicolon, noticed at the next entry
       {"\"a\" = \"never closed;\n", 1},               // unterminated text
       {"\"a\" = \"b\";\n/* open comment\n", 2},       // unterminated comment
       {"\"a\" = \"bad \\q escape\";", 1},             // unknown escape

@@ -10,18 +10,25 @@
 namespace corvane {
 namespace {
 
-constexpr std::array<std::string_view, 6> kKindNames = {"directory", "regular", "symbolicLink", "fifo", "socket", "special"};
+constexpr std::array<std::string_view, 6> kKindNames = {"directory", "regular", "symbolicLink",
+                                                        "fifo",      "socket",  "special"};
 
 }  // namespace
 
 MigrationEntry::Kind MigrationEntry::kindOfMode(std::uint32_t mode) {
   switch (mode & S_IFMT) {
-    case S_IFDIR: return Kind::directory;
-    case S_IFREG: return Kind::regular;
-    case S_IFLNK: return Kind::symbolicLink;
-    case S_IFIFO: return Kind::fifo;
-    case S_IFSOCK: return Kind::socket;
-    default: return Kind::special;
+    case S_IFDIR:
+      return Kind::directory;
+    case S_IFREG:
+      return Kind::regular;
+    case S_IFLNK:
+      return Kind::symbolicLink;
+    case S_IFIFO:
+      return Kind::fifo;
+    case S_IFSOCK:
+      return Kind::socket;
+    default:
+      return Kind::special;
   }
 }
 
@@ -96,7 +103,8 @@ Integer integerField(const nlohmann::json& json, const char* key) {
     }
     return static_cast<Integer>(value);
   } else {
-    if (found->is_number_unsigned() && found->get<std::uint64_t>() > static_cast<std::uint64_t>(std::numeric_limits<Integer>::max())) {
+    if (found->is_number_unsigned() &&
+        found->get<std::uint64_t>() > static_cast<std::uint64_t>(std::numeric_limits<Integer>::max())) {
       throw MigrationIssue("error.migration_manifest_invalid", key);
     }
     auto value = found->get<std::int64_t>();
@@ -112,7 +120,8 @@ Integer integerField(const nlohmann::json& json, const char* key) {
 MigrationEntry entryFromJson(const nlohmann::json& json) {
   if (!json.is_object()) throw MigrationIssue("error.migration_manifest_invalid", "");
   auto kindField = json.find("kind");
-  if (kindField == json.end() || !kindField->is_string()) throw MigrationIssue("error.migration_manifest_invalid", "kind");
+  if (kindField == json.end() || !kindField->is_string())
+    throw MigrationIssue("error.migration_manifest_invalid", "kind");
   auto kind = kindFromName(kindField->get<std::string>());
   if (!kind) throw MigrationIssue("error.migration_manifest_invalid", "kind");
   MigrationEntry entry;

@@ -17,6 +17,7 @@ struct MigrationFileIdentity {
 template <>
 struct std::hash<corvane::MigrationFileIdentity> {
   std::size_t operator()(const corvane::MigrationFileIdentity& identity) const noexcept {
-    return std::hash<std::uint64_t>{}(identity.inode * 0x9E3779B97F4A7C15ULL ^ static_cast<std::uint32_t>(identity.device));
+    return std::hash<std::uint64_t>{}(identity.inode * 0x9E3779B97F4A7C15ULL ^
+                                      static_cast<std::uint32_t>(identity.device));
   }
 };

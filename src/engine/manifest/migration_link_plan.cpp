@@ -61,8 +61,9 @@ class RelocationDecider {
         auto innerComponents = pathComponents(innerTarget);
         queue.insert(queue.begin(), innerComponents.begin(), innerComponents.end());
       } else {
-        if (innerTarget != source_ && !(innerTarget.size() > source_.size() && innerTarget.compare(0, source_.size(), source_) == 0 &&
-                                        innerTarget[source_.size()] == '/')) {
+        if (innerTarget != source_ &&
+            !(innerTarget.size() > source_.size() && innerTarget.compare(0, source_.size(), source_) == 0 &&
+              innerTarget[source_.size()] == '/')) {
           return false;
         }
         stack = pathComponents(std::string_view(innerTarget).substr(source_.size()));

@@ -7,8 +7,8 @@
 #include <optional>
 #include <vector>
 
-#include "engine/verify/migration_integrity_verifier.h"
 #include "engine/migration_issue.h"
+#include "engine/verify/migration_integrity_verifier.h"
 #include "platform/directory_names.h"
 #include "platform/file_access.h"
 #include "platform/file_system.h"
@@ -53,7 +53,8 @@ class SnapshotWalk {
     if (kind == MigrationEntry::Kind::symbolicLink) linkText = platform::readLinkText(lookupDirectory, name);
     MigrationEntry entry = entryFromStatus(*status, std::move(linkText));
 
-    if (runtime_ == RuntimeEntries::refuse && isRuntimeKind(kind)) throw MigrationIssue("error.migration_special_file", pathOf());
+    if (runtime_ == RuntimeEntries::refuse && isRuntimeKind(kind))
+      throw MigrationIssue("error.migration_special_file", pathOf());
     if (readable_ == ReadableCheck::check && kind == MigrationEntry::Kind::regular && !canOpen(lookupDirectory, name)) {
       throw MigrationIssue("migration.preflight.unreadable", pathOf());
     }
@@ -100,7 +101,8 @@ class SnapshotWalk {
     platform::UniqueFd directory(
         openat(lookupDirectory, name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
     if (!directory) {
-      if (errno == ENOENT || errno == ENOTDIR || errno == ELOOP) throw MigrationIssue("error.migration_source_changed", path);
+      if (errno == ENOENT || errno == ENOTDIR || errno == ELOOP)
+        throw MigrationIssue("error.migration_source_changed", path);
       platform::throwErrno(path);
     }
     // The object opened must be the one just recorded, not something put in its place.
@@ -127,7 +129,6 @@ class SnapshotWalk {
       }
     }
   }
-
 
   RuntimeEntries runtime_;
   ReadableCheck readable_;

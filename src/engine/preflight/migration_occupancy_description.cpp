@@ -28,12 +28,17 @@ std::string shownPath(const std::string& source, const std::string& relativePath
 std::string MigrationOccupancyDescription::groupName(const MigrationOpenFiles::Group& group) {
   using Kind = MigrationOpenFiles::GroupKind;
   switch (group.kind) {
-    case Kind::bundleOrigin: return localizedFormat("migration.occupancy.bundle_origin", group.name);
-    case Kind::gitMonitor: return localized("migration.occupancy.git_monitor");
-    case Kind::filePicker: return localized("migration.occupancy.file_picker");
-    case Kind::unnamed: return localized("migration.occupancy.unnamed");
+    case Kind::bundleOrigin:
+      return localizedFormat("migration.occupancy.bundle_origin", group.name);
+    case Kind::gitMonitor:
+      return localized("migration.occupancy.git_monitor");
+    case Kind::filePicker:
+      return localized("migration.occupancy.file_picker");
+    case Kind::unnamed:
+      return localized("migration.occupancy.unnamed");
     case Kind::postgres:
-    case Kind::process: return group.name;
+    case Kind::process:
+      return group.name;
   }
   return group.name;
 }

@@ -1,13 +1,13 @@
 #include "engine/preflight/migration_open_files.h"
 
+#include <fmt/format.h>
+
 #include <algorithm>
 #include <charconv>
 #include <map>
 #include <stdexcept>
 #include <thread>
 #include <unordered_set>
-
-#include <fmt/format.h>
 
 #include "platform/open_file_fields.h"
 #include "platform/open_file_lister.h"
@@ -191,20 +191,27 @@ MigrationOpenFiles::Reason MigrationOpenFiles::reasonFor(std::string_view descri
 
 std::string_view MigrationOpenFiles::reasonName(Reason reason) {
   switch (reason) {
-    case Reason::directory: return "directory";
-    case Reason::read_only: return "read_only";
-    case Reason::working_directory: return "working_directory";
-    case Reason::runtime: return "runtime";
-    case Reason::endpoint: return "endpoint";
-    case Reason::writable: return "writable";
-    case Reason::unknown: return "unknown";
+    case Reason::directory:
+      return "directory";
+    case Reason::read_only:
+      return "read_only";
+    case Reason::working_directory:
+      return "working_directory";
+    case Reason::runtime:
+      return "runtime";
+    case Reason::endpoint:
+      return "endpoint";
+    case Reason::writable:
+      return "writable";
+    case Reason::unknown:
+      return "unknown";
   }
   return "unknown";
 }
 
 std::vector<MigrationOpenFiles::Reference> MigrationOpenFiles::references(std::string_view output,
-                                                                         const std::string& source,
-                                                                         const FileIndex& index) {
+                                                                          const std::string& source,
+                                                                          const FileIndex& index) {
   std::vector<Reference> result;
   std::unordered_set<Reference, ReferenceKey> seen;
   std::optional<std::string> resolvedSource;
@@ -278,19 +285,32 @@ std::vector<MigrationOpenFiles::Reference> MigrationOpenFiles::references(std::s
           pid = parseNumber<pid_t>(value, 10, id);
           command.clear();
           break;
-        case 'c': command = platform::unescapeListerText(value); break;
+        case 'c':
+          command = platform::unescapeListerText(value);
+          break;
         case 'f':
           finish();
           if (pid < 0) throw std::runtime_error("file record before any process");
           record.active = true;
           record.descriptor = std::string(value);
           break;
-        case 'a': record.access = std::string(value); break;
-        case 't': record.type = std::string(value); break;
-        case 'D': record.device = parseNumber<std::int64_t>(value, 16, id); break;
-        case 'i': record.inode = parseNumber<std::uint64_t>(value, 10, id); break;
-        case 'n': record.name = std::string(value); break;
-        default: break;  // fields this check does not ask for
+        case 'a':
+          record.access = std::string(value);
+          break;
+        case 't':
+          record.type = std::string(value);
+          break;
+        case 'D':
+          record.device = parseNumber<std::int64_t>(value, 16, id);
+          break;
+        case 'i':
+          record.inode = parseNumber<std::uint64_t>(value, 10, id);
+          break;
+        case 'n':
+          record.name = std::string(value);
+          break;
+        default:
+          break;  // fields this check does not ask for
       }
     }
     finish();
@@ -329,7 +349,8 @@ Classification classify(const std::string& command, const std::optional<platform
   const bool monitorArgument =
       details && std::any_of(details->arguments.begin(), details->arguments.end(),
                              [](const std::string& argument) { return argument == "fsmonitor--daemon"; });
-  if ((isGit && monitorArgument) || command.find("fsmonitor--daemon") != std::string::npos) return {Kind::gitMonitor, {}};
+  if ((isGit && monitorArgument) || command.find("fsmonitor--daemon") != std::string::npos)
+    return {Kind::gitMonitor, {}};
   if (command == "postgres" || program == "postgres") return {Kind::postgres, "PostgreSQL"};
   if (auto bundle = bundleName(executable)) return {Kind::bundleOrigin, *bundle};
   if (!command.empty()) return {Kind::process, command};
@@ -360,9 +381,15 @@ std::vector<MigrationOpenFiles::Group> MigrationOpenFiles::grouped(const std::ve
     // Each process is its own group; the named families gather all their processes.
     std::string key;
     switch (classification.kind) {
-      case GroupKind::process: key = fmt::format("process:{}", reference.pid); break;
-      case GroupKind::bundleOrigin: key = "bundle:" + classification.name; break;
-      default: key = fmt::format("family:{}", static_cast<int>(classification.kind)); break;
+      case GroupKind::process:
+        key = fmt::format("process:{}", reference.pid);
+        break;
+      case GroupKind::bundleOrigin:
+        key = "bundle:" + classification.name;
+        break;
+      default:
+        key = fmt::format("family:{}", static_cast<int>(classification.kind));
+        break;
     }
     auto [slot, inserted] = groupByKey.try_emplace(key, groups.size());
     if (inserted) groups.push_back(Group{classification.kind, classification.name, {}, {}, {}});
@@ -404,7 +431,8 @@ void MigrationOpenFiles::requireIdle(const std::string& source, const FileIndex&
   }
 }
 
-MigrationOpenFiles::WaitForRetry MigrationOpenFiles::waitBetweenRechecks(int count, std::chrono::milliseconds interval) {
+MigrationOpenFiles::WaitForRetry MigrationOpenFiles::waitBetweenRechecks(int count,
+                                                                         std::chrono::milliseconds interval) {
   return [count, interval](int attempt) {
     if (attempt > count) return false;
     std::this_thread::sleep_for(interval);

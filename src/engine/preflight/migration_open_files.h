@@ -114,8 +114,7 @@ class MigrationOpenFiles {
   // Parses lsof's NUL-separated field output and keeps the records whose identity is in the
   // index, each record once. Throws MigrationIssue "migration.preflight.occupancy_unknown" on
   // output it cannot read.
-  static std::vector<Reference> references(std::string_view output, const std::string& source,
-                                           const FileIndex& index);
+  static std::vector<Reference> references(std::string_view output, const std::string& source, const FileIndex& index);
 
   static Reason reasonFor(std::string_view descriptor, std::string_view access, std::string_view type);
   static std::string_view reasonName(Reason reason);

@@ -1,17 +1,16 @@
 #include "engine/preflight/migration_preflight.h"
 
 #include <fcntl.h>
+#include <fmt/format.h>
 
 #include <algorithm>
-
-#include <fmt/format.h>
 
 #include "engine/migration_issue.h"
 #include "engine/preflight/migration_open_files.h"
 #include "engine/preflight/migration_socket_owners.h"
 #include "platform/process.h"
-#include "support/diagnostic_log.h"
 #include "settings/localization.h"
+#include "support/diagnostic_log.h"
 #include "support/paths.h"
 
 namespace corvane {
@@ -58,10 +57,12 @@ MigrationPreflight::Services MigrationPreflight::defaultServices() {
   return services;
 }
 
-MigrationManifest MigrationPreflight::scan(const std::string& source, const MigrationIntegrityVerifier::Visited& visited,
+MigrationManifest MigrationPreflight::scan(const std::string& source,
+                                           const MigrationIntegrityVerifier::Visited& visited,
                                            const ScanChecks& checks) {
   try {
-    return MigrationIntegrityVerifier::snapshot(source, RuntimeEntries::allow, checks.readable, checks.removable, visited);
+    return MigrationIntegrityVerifier::snapshot(source, RuntimeEntries::allow, checks.readable, checks.removable,
+                                                visited);
   } catch (const MigrationIssue& issue) {
     logWarning(fmt::format("Migration scan failed: {}", issue.what()));
     throw;
@@ -91,13 +92,15 @@ MigrationPreflight::Assessment MigrationPreflight::assess(const std::string& sou
         assessment.blockers.push_back({"migration.preflight.special", path, {}, std::nullopt});
         break;
       case MigrationEntry::Kind::fifo:
-        if (!confirmedFifos.contains(path)) assessment.blockers.push_back({"migration.preflight.fifo_busy", path, {}, std::nullopt});
+        if (!confirmedFifos.contains(path))
+          assessment.blockers.push_back({"migration.preflight.fifo_busy", path, {}, std::nullopt});
         break;
       case MigrationEntry::Kind::socket: {
         const std::string socketPath = absolutePath(source, path);
         const auto observation = services.probe(socketPath);
         switch (observation.state) {
-          case MigrationSocketProbe::State::missing: break;
+          case MigrationSocketProbe::State::missing:
+            break;
           case MigrationSocketProbe::State::inactive:
             assessment.inactiveSockets.insert(path);
             if (services.log) services.log("migration.preflight.socket_inactive", {path});
@@ -117,7 +120,8 @@ MigrationPreflight::Assessment MigrationPreflight::assess(const std::string& sou
         }
         break;
       }
-      default: break;
+      default:
+        break;
     }
   }
   return assessment;
@@ -144,7 +148,8 @@ MigrationPreflight::Plan MigrationPreflight::plan(const std::string& source,
     if (!fifos.empty()) busy = services.fifosInUse(source, manifest, fifos);
     if (busyWhenAnswered) {
       for (const auto& path : busy) {
-        if (busyWhenAnswered->contains(path)) throw MigrationIssue("migration.preflight.fifo_busy", absolutePath(source, path));
+        if (busyWhenAnswered->contains(path))
+          throw MigrationIssue("migration.preflight.fifo_busy", absolutePath(source, path));
       }
     }
     std::set<std::string> confirmedFifos;
@@ -153,11 +158,14 @@ MigrationPreflight::Plan MigrationPreflight::plan(const std::string& source,
 
     Assessment assessment = assess(source, manifest, confirmedFifos, approvedSockets, services);
     if (assessment.blockers.empty()) {
-      return Plan{std::move(manifest), std::move(assessment.inactiveSockets), std::move(confirmedFifos), approvedSockets};
+      return Plan{std::move(manifest), std::move(assessment.inactiveSockets), std::move(confirmedFifos),
+                  approvedSockets};
     }
     switch (prompter.choose(assessment.blockers)) {
-      case Choice::later: throw MigrationIssue("migration.preflight.deferred", source);
-      case Choice::retry: break;
+      case Choice::later:
+        throw MigrationIssue("migration.preflight.deferred", source);
+      case Choice::retry:
+        break;
       case Choice::stop:
         try {
           stopGit(assessment.blockers, services.run);
@@ -192,13 +200,15 @@ MigrationPreflightQuestion MigrationPreflight::question(const std::vector<Migrat
   if (sockets) message += "\n" + localized("migration.preflight.message_sockets");
   if (git) message += "\n" + localized("migration.preflight.message_git");
   for (const auto& blocker : blockers) message += "\n" + describe(blocker);
-  return {localized("migration.preflight.title"), message,
+  return {localized("migration.preflight.title"),
+          message,
           {localized("migration.preflight.stop"), localized("migration.preflight.retry"),
            localized("migration.preflight.later")}};
 }
 
 MigrationPreflightQuestion MigrationPreflight::authorizationQuestion(const std::string& path) {
-  return {localized("migration.preflight.admin_title"), localizedWithDetail("migration.preflight.admin_message", path),
+  return {localized("migration.preflight.admin_title"),
+          localizedWithDetail("migration.preflight.admin_message", path),
           {localized("migration.preflight.authorize"), localized("migration.preflight.later")}};
 }
 
@@ -209,14 +219,17 @@ void MigrationPreflight::requireRuntimeIdle(const std::string& source, const Mig
     if (entry.kind != MigrationEntry::Kind::socket) continue;
     const std::string socketPath = absolutePath(source, path);
     switch (probe(socketPath).state) {
-      case MigrationSocketProbe::State::active: throw MigrationIssue("migration.preflight.runtime", socketPath);
+      case MigrationSocketProbe::State::active:
+        throw MigrationIssue("migration.preflight.runtime", socketPath);
       case MigrationSocketProbe::State::unknown:
         // A socket that answered before and cannot be judged now may have come alive.
         throw MigrationIssue("migration.preflight.socket_unknown", socketPath);
       case MigrationSocketProbe::State::inactive:
-        if (!inactiveSockets.contains(path)) logInfo(fmt::format("Socket {} is inactive at the final check", socketPath));
+        if (!inactiveSockets.contains(path))
+          logInfo(fmt::format("Socket {} is inactive at the final check", socketPath));
         break;
-      case MigrationSocketProbe::State::missing: break;
+      case MigrationSocketProbe::State::missing:
+        break;
     }
   }
 }
@@ -241,7 +254,8 @@ void MigrationPreflight::stopGit(const std::vector<MigrationRuntimeBlocker>& blo
   for (const auto& directory : directories) {
     const auto stop = run(git, {"--git-dir=.", "fsmonitor--daemon", "stop"}, directory);
     if (stop.status != 0) {
-      logWarning(fmt::format("git fsmonitor--daemon stop in {} exited with {}: {}", directory, stop.status, stop.output));
+      logWarning(
+          fmt::format("git fsmonitor--daemon stop in {} exited with {}: {}", directory, stop.status, stop.output));
       throw MigrationIssue("migration.preflight.tool_failed", directory);
     }
     // "status" answers 0 only while a daemon still watches the repository.
@@ -301,8 +315,8 @@ std::set<std::string> MigrationPreflight::fifosHeldOpen(const std::string& sourc
     if (auto found = manifest.find(path); found != manifest.end()) onlyFifos.emplace(path, found->second);
   }
   std::set<std::string> busy;
-  for (const auto& reference :
-       MigrationOpenFiles::occupyingReferences(source, MigrationOpenFiles::fileIndex(onlyFifos), MigrationOpenFiles::defaultInspect())) {
+  for (const auto& reference : MigrationOpenFiles::occupyingReferences(source, MigrationOpenFiles::fileIndex(onlyFifos),
+                                                                       MigrationOpenFiles::defaultInspect())) {
     busy.insert(reference.itemPath);
   }
   return busy;

@@ -12,10 +12,10 @@
 #include <vector>
 
 #include "engine/manifest/migration_entry.h"
-#include "engine/verify/migration_integrity_verifier.h"
 #include "engine/preflight/migration_preflight_prompter.h"
 #include "engine/preflight/migration_runtime_blocker.h"
 #include "engine/preflight/migration_socket_probe.h"
+#include "engine/verify/migration_integrity_verifier.h"
 
 namespace corvane {
 
@@ -109,7 +109,8 @@ class MigrationPreflight {
   // "migration.preflight.runtime"; one whose state cannot be told with
   // "migration.preflight.socket_unknown".
   static void requireRuntimeIdle(const std::string& source, const MigrationManifest& manifest,
-                                 const std::set<std::string>& inactiveSockets, const MigrationSocketProbe::Probe& probe);
+                                 const std::set<std::string>& inactiveSockets,
+                                 const MigrationSocketProbe::Probe& probe);
 
   // The git directory whose monitor daemon listens on `socketPath`, when it is one.
   static std::optional<std::string> gitDirectory(const std::string& socketPath);

@@ -9,10 +9,10 @@
 namespace corvane {
 
 struct MigrationRuntimeBlocker {
-  std::string key;           // "migration.preflight.socket", ".git_service", ".socket_unknown", ".fifo_busy", ".special"
-  std::string relativePath;  // the entry in the item
-  std::vector<std::string> owners;           // sockets: names of the processes holding it
-  std::optional<std::string> gitDirectory;   // git monitor sockets: the repository's git directory
+  std::string key;  // "migration.preflight.socket", ".git_service", ".socket_unknown", ".fifo_busy", ".special"
+  std::string relativePath;                 // the entry in the item
+  std::vector<std::string> owners;          // sockets: names of the processes holding it
+  std::optional<std::string> gitDirectory;  // git monitor sockets: the repository's git directory
   bool operator==(const MigrationRuntimeBlocker&) const = default;
 };
 

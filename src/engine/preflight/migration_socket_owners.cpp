@@ -1,8 +1,8 @@
 #include "engine/preflight/migration_socket_owners.h"
 
-#include <set>
-
 #include <fmt/format.h>
+
+#include <set>
 
 #include "platform/open_file_fields.h"
 #include "platform/open_file_lister.h"
@@ -16,7 +16,11 @@ bool isValidUtf8(std::string_view text) {
   std::size_t i = 0;
   while (i < text.size()) {
     const auto lead = static_cast<unsigned char>(text[i]);
-    std::size_t length = lead < 0x80 ? 1 : (lead >> 5) == 0x6 ? 2 : (lead >> 4) == 0xE ? 3 : (lead >> 3) == 0x1E ? 4 : 0;
+    std::size_t length = lead < 0x80           ? 1
+                         : (lead >> 5) == 0x6  ? 2
+                         : (lead >> 4) == 0xE  ? 3
+                         : (lead >> 3) == 0x1E ? 4
+                                               : 0;
     if (length == 0 || i + length > text.size()) return false;
     for (std::size_t k = 1; k < length; ++k) {
       if ((static_cast<unsigned char>(text[i + k]) & 0xC0) != 0x80) return false;
@@ -32,7 +36,8 @@ std::vector<std::string> MigrationSocketOwners::lookup(const std::string& socket
   return lookup(socketPath, platform::lsofExecutablePath());
 }
 
-std::vector<std::string> MigrationSocketOwners::lookup(const std::string& socketPath, const std::string& lsofExecutable) {
+std::vector<std::string> MigrationSocketOwners::lookup(const std::string& socketPath,
+                                                       const std::string& lsofExecutable) {
   platform::ProcessRequest request;
   request.executable = lsofExecutable;
   request.arguments = {"-nP", "+c", "0", "-Fpc", "--", socketPath};
@@ -65,7 +70,8 @@ std::vector<std::string> MigrationSocketOwners::parse(std::string_view output) {
     start = end + 1;
     if (line.empty()) continue;
     if (line.front() == 'p') afterProcess = true;
-    if (line.front() == 'c' && afterProcess && line.size() > 1) names.insert(platform::unescapeListerText(line.substr(1)));
+    if (line.front() == 'c' && afterProcess && line.size() > 1)
+      names.insert(platform::unescapeListerText(line.substr(1)));
   }
   return {names.begin(), names.end()};
 }

@@ -1,12 +1,11 @@
 #include "engine/preflight/migration_socket_probe.h"
 
 #include <fcntl.h>
+#include <fmt/format.h>
 #include <unistd.h>
 
 #include <array>
 #include <cerrno>
-
-#include <fmt/format.h>
 
 #include "platform/process.h"
 #include "platform/unix_socket.h"
@@ -87,7 +86,8 @@ MigrationSocketProbe::Observation MigrationSocketProbe::fromJson(const nlohmann:
   return observation;
 }
 
-std::map<std::string, std::string> MigrationSocketProbe::childEnvironment(std::map<std::string, std::string> environment) {
+std::map<std::string, std::string> MigrationSocketProbe::childEnvironment(
+    std::map<std::string, std::string> environment) {
   for (const char* name : {"XCTestConfigurationFilePath", "XCTestSessionIdentifier", "XCInjectBundle",
                            "XCInjectBundleInto", "DYLD_INSERT_LIBRARIES"}) {
     environment.erase(name);
@@ -134,7 +134,8 @@ MigrationSocketProbe::Observation MigrationSocketProbe::inspect(const std::strin
 }
 
 MigrationSocketProbe::Probe MigrationSocketProbe::probeWith(std::optional<std::string> executable) {
-  return [executable = std::move(executable)](const std::string& socketPath) { return inspect(socketPath, executable); };
+  return
+      [executable = std::move(executable)](const std::string& socketPath) { return inspect(socketPath, executable); };
 }
 
 MigrationSocketProbe::Probe MigrationSocketProbe::defaultProbe() {

@@ -5,11 +5,10 @@
 
 #include <chrono>
 #include <functional>
+#include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
 #include <string_view>
-
-#include <nlohmann/json.hpp>
 
 #include "engine/manifest/migration_entry.h"
 

@@ -1,5 +1,7 @@
 #include "engine/preflight/simulator_migration_preflight.h"
 
+#include <sys/stat.h>
+
 #include <nlohmann/json.hpp>
 
 #include "engine/migration_issue.h"
@@ -9,8 +11,6 @@
 #include "support/diagnostic_log.h"
 #include "support/home_directory.h"
 #include "support/paths.h"
-
-#include <sys/stat.h>
 
 namespace corvane {
 namespace {
@@ -60,16 +60,15 @@ void SimulatorMigrationPreflight::check(const std::string& source, const std::st
   validateSystemPath(source);
   if (!isUserData(source, services.homeDirectory)) return;
   const VolumeSupport support = services.volumeSupport(destination);
-  const std::set<std::string> running = services.runningApplications ? services.runningApplications()
-                                                                      : std::set<std::string>{};
+  const std::set<std::string> running =
+      services.runningApplications ? services.runningApplications() : std::set<std::string>{};
   validateEnvironment(support.symbolicLinks, support.accessPermissions, running);
   checkDevices(services.listingTool, services.listingDeadlines);
 }
 
 void SimulatorMigrationPreflight::validateSystemPath(const std::string& source) {
   for (const auto& form : sourceForms(source)) {
-    if (isSameOrDescendant(form, kSystemDirectory))
-      throw MigrationIssue("error.simulator_system_directory", source);
+    if (isSameOrDescendant(form, kSystemDirectory)) throw MigrationIssue("error.simulator_system_directory", source);
   }
 }
 
@@ -117,7 +116,8 @@ void SimulatorMigrationPreflight::validateDeviceList(std::string_view output) {
     // each with a textual "state"; other keys are ignored.
     if (!listing.is_object()) throw std::invalid_argument("the listing is not an object");
     const auto devices = listing.find("devices");
-    if (devices == listing.end() || !devices->is_object()) throw std::invalid_argument("\"devices\" is missing or not an object");
+    if (devices == listing.end() || !devices->is_object())
+      throw std::invalid_argument("\"devices\" is missing or not an object");
     for (const auto& [runtime, list] : devices->items()) {
       if (!list.is_array()) throw std::invalid_argument("the devices of " + runtime + " are not a list");
       for (const auto& device : list) {

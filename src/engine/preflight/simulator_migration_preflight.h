@@ -26,12 +26,11 @@ class SimulatorMigrationPreflight {
   static constexpr std::string_view kShutdownState = "Shutdown";
   // The listing may take 15 s; then it is asked to terminate, 2 s later killed; its output
   // readers get 2 s more.
-  static constexpr platform::ProcessDeadlines kListingDeadlines{std::chrono::milliseconds(15000),
-                                                                std::chrono::milliseconds(2000),
-                                                                std::chrono::milliseconds(2000)};
+  static constexpr platform::ProcessDeadlines kListingDeadlines{
+      std::chrono::milliseconds(15000), std::chrono::milliseconds(2000), std::chrono::milliseconds(2000)};
 
   struct VolumeSupport {
-    std::optional<bool> symbolicLinks;      // absent: the volume did not say
+    std::optional<bool> symbolicLinks;  // absent: the volume did not say
     std::optional<bool> accessPermissions;
   };
 

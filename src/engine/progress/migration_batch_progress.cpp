@@ -21,9 +21,15 @@ MigrationBatchProgress::Snapshot MigrationBatchProgress::snapshot() const {
   result.skipped = initiallySkipped_;
   for (const auto& [item, outcome] : outcomes_) {
     switch (outcome) {
-      case Outcome::succeeded: ++result.succeeded; break;
-      case Outcome::failed: ++result.failed; break;
-      case Outcome::skipped: ++result.skipped; break;
+      case Outcome::succeeded:
+        ++result.succeeded;
+        break;
+      case Outcome::failed:
+        ++result.failed;
+        break;
+      case Outcome::skipped:
+        ++result.skipped;
+        break;
     }
   }
   return result;

@@ -4,9 +4,9 @@
 
 namespace corvane {
 namespace {
-constexpr std::array<std::string_view, 13> kPhaseNames = {"waiting",  "preparing", "scanning",    "copying", "verifying",
-                                                          "checking", "switching", "supporting",  "cleaning",
-                                                          "rollingBack", "done",   "failed",      "skipped"};
+constexpr std::array<std::string_view, 13> kPhaseNames = {
+    "waiting",    "preparing", "scanning",    "copying", "verifying", "checking", "switching",
+    "supporting", "cleaning",  "rollingBack", "done",    "failed",    "skipped"};
 }
 
 std::string_view phaseName(MigrationItemProgress::Phase phase) { return kPhaseNames[static_cast<std::size_t>(phase)]; }

@@ -10,8 +10,19 @@ namespace corvane {
 
 struct MigrationItemProgress {
   enum class Phase : std::uint8_t {
-    waiting, preparing, scanning, copying, verifying, checking, switching, supporting, cleaning, rollingBack, done,
-    failed, skipped
+    waiting,
+    preparing,
+    scanning,
+    copying,
+    verifying,
+    checking,
+    switching,
+    supporting,
+    cleaning,
+    rollingBack,
+    done,
+    failed,
+    skipped
   };
 
   std::string name;

@@ -5,8 +5,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "engine/switch/migration_file_safety.h"
 #include "engine/migration_issue.h"
+#include "engine/switch/migration_file_safety.h"
 #include "engine/switch/migration_source_switch.h"
 #include "platform/file_access.h"
 #include "platform/file_system.h"
@@ -42,7 +42,8 @@ MigrationAccess::MigrationAccess(std::string source, std::optional<MigrationEntr
       parent_(parentPath(source_)),
       administrator_(configuration.administrator ? std::move(configuration.administrator)
                                                  : platform::systemAdministratorRunner()),
-      commands_(configuration.commands ? std::move(*configuration.commands) : MigrationPrivilegedCommands::forThisSystem()),
+      commands_(configuration.commands ? std::move(*configuration.commands)
+                                       : MigrationPrivilegedCommands::forThisSystem()),
       requireIdle_(std::move(configuration.requireIdle)) {
   parentIdentity_ = readParent(parent_);
   auto current = MigrationEntry::read(source_, AT_FDCWD);
@@ -211,7 +212,8 @@ void MigrationAccess::restore(const MigrationEntry& copy, const std::string& dat
 
 void MigrationAccess::cleanupBackup(const std::string& directory, const MigrationManifest& manifest,
                                     const std::set<std::string>& inactiveSockets,
-                                    const std::map<std::string, std::string>& relocatedLinks, const Checking& checking) {
+                                    const std::map<std::string, std::string>& relocatedLinks,
+                                    const Checking& checking) {
   // Only after a committed switch is the original a backup: the link must stand at the item's
   // path, pointing at the copy that is still there.
   if (!committedTarget_) throw MigrationIssue("migration.safety.conflict", directory);

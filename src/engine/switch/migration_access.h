@@ -64,8 +64,8 @@ class MigrationAccess {
   // nothing is removed unless the whole tree matches. Inactive sockets and relocated links are
   // accepted as they are.
   void cleanupBackup(const std::string& directory, const MigrationManifest& manifest,
-                     const std::set<std::string>& inactiveSockets, const std::map<std::string, std::string>& relocatedLinks,
-                     const Checking& checking = {});
+                     const std::set<std::string>& inactiveSockets,
+                     const std::map<std::string, std::string>& relocatedLinks, const Checking& checking = {});
   // The same for the data replaced by restore(), while `destination` must still be
   // `expectedDestination`.
   void cleanupRestoredSource(const std::string& directory, const MigrationManifest& manifest,

@@ -13,9 +13,9 @@
 #include <thread>
 #include <vector>
 
+#include "engine/migration_issue.h"
 #include "engine/switch/migration_access.h"
 #include "engine/verify/migration_integrity_verifier.h"
-#include "engine/migration_issue.h"
 #include "platform/directory_names.h"
 #include "platform/file_system.h"
 #include "platform/posix_error.h"
@@ -95,7 +95,8 @@ class VerifiedRemoval {
 
   void removeSideBySide(int directory, const std::string& path, const std::string& relativePath) {
     const std::vector<std::string> names = platform::directoryNames(directory, path);
-    const std::size_t threads = std::min<std::size_t>(names.size(), std::clamp(std::thread::hardware_concurrency(), 1u, 4u));
+    const std::size_t threads =
+        std::min<std::size_t>(names.size(), std::clamp(std::thread::hardware_concurrency(), 1u, 4u));
     // A single child (a bundle's one top folder) is entered first, so its branches spread instead.
     if (threads < 2) {
       for (const auto& name : names) removeChild(directory, path, relativePath, name, Spread::sideBySide);
@@ -168,7 +169,6 @@ class VerifiedRemoval {
     }
   }
 
-
   const MigrationManifest& present_;
   bool directoriesLater_;
   std::atomic<bool> stopped_{false};
@@ -196,7 +196,8 @@ void MigrationAccess::cleanupVerifiedData(const std::string& directory, const Mi
     present = MigrationIntegrityVerifier::snapshot(directory, RuntimeEntries::allow, ReadableCheck::skip,
                                                    RemovableCheck::skip, checking);
   } catch (const MigrationIssue& issue) {
-    if (issue.key() == "error.migration_source_changed") throw MigrationIssue("error.migration_source_changed", directory);
+    if (issue.key() == "error.migration_source_changed")
+      throw MigrationIssue("error.migration_source_changed", directory);
     throw;
   }
   if (present.at("").identity() != root->second.identity()) {
@@ -230,7 +231,8 @@ void MigrationAccess::cleanupVerifiedData(const std::string& directory, const Mi
     // rmdir removes nothing but empty directories, so a name swapped since the check costs no data.
     std::vector<std::string> directories = removal.emptiedDirectories();
     directories.push_back(directory);
-    for (const auto& command : MigrationPrivilegedCommands::removeDirectoriesCommands(directories)) administrate(command);
+    for (const auto& command : MigrationPrivilegedCommands::removeDirectoriesCommands(directories))
+      administrate(command);
   } else {
     auto now = MigrationEntry::read(directory, AT_FDCWD);
     if (!now || now->identity() != rootEntry.identity()) throw MigrationIssue("migration.safety.conflict", directory);

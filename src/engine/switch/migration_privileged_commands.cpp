@@ -44,7 +44,8 @@ std::string MigrationPrivilegedCommands::exchangeScript(const std::string& first
   if (check == ExchangeCheck::checked) {
     for (const std::string& path : {parentPath(first), first, second}) {
       const MigrationEntry entry = identityNow(path);
-      script += "var a=$.NSFileManager.defaultManager.attributesOfItemAtPathError(" + javaScriptLiteral(path) + ",null);";
+      script +=
+          "var a=$.NSFileManager.defaultManager.attributesOfItemAtPathError(" + javaScriptLiteral(path) + ",null);";
       script += "if(!a || a.objectForKey($.NSFileSystemFileNumber).stringValue.js!==" +
                 javaScriptLiteral(std::to_string(entry.inode)) +
                 " || a.objectForKey($.NSFileSystemNumber).stringValue.js!==" +
@@ -99,12 +100,12 @@ std::string MigrationPrivilegedCommands::rehearsalCommand(const std::string& pro
   const std::string cleanup = "/bin/rm -f " + shellQuote(link) + "; /bin/rmdir " + shellQuote(b) +
                               " 2>/dev/null; /bin/rmdir " + shellQuote(probe);
   return "set -e; /bin/mkdir -m 700 " + shellQuote(probe) + "; trap " + shellQuote(cleanup) + " EXIT; /bin/mkdir " +
-         shellQuote(a) + "; /bin/mv " + shellQuote(a) + " " + shellQuote(b) + "; /bin/ln -s " + shellQuote(source) + " " +
-         shellQuote(link) + "; " + exchangeCommand(b, link, ExchangeCheck::rehearsal);
+         shellQuote(a) + "; /bin/mv " + shellQuote(a) + " " + shellQuote(b) + "; /bin/ln -s " + shellQuote(source) +
+         " " + shellQuote(link) + "; " + exchangeCommand(b, link, ExchangeCheck::rehearsal);
 }
 
-std::vector<std::string> MigrationPrivilegedCommands::removeDirectoriesCommands(const std::vector<std::string>& directories,
-                                                                              std::size_t limit) {
+std::vector<std::string> MigrationPrivilegedCommands::removeDirectoriesCommands(
+    const std::vector<std::string>& directories, std::size_t limit) {
   const std::string program = "/bin/rmdir";
   std::vector<std::string> commands;
   std::string command;

@@ -39,7 +39,8 @@ std::optional<MigrationFileIdentity> parseIdentity(const std::string& text) {
   const char* end = begin + text.size();
   auto device = std::from_chars(begin, middle, identity.device);
   auto inode = std::from_chars(middle + 1, end, identity.inode);
-  if (device.ec != std::errc() || device.ptr != middle || inode.ec != std::errc() || inode.ptr != end) return std::nullopt;
+  if (device.ec != std::errc() || device.ptr != middle || inode.ec != std::errc() || inode.ptr != end)
+    return std::nullopt;
   return identity;
 }
 

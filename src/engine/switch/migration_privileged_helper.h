@@ -27,10 +27,10 @@ inline constexpr const char* kRehearseArgument = "--rehearse";
 
 // Exit statuses. 126 and 127 are left to the shell and the launcher (126: dialog dismissed).
 enum class HelperExit : int {
-  done = 0,             // {"result":"exchanged"}, {"result":"rehearsed"}, {"result":"done"}
-  usage = 64,           // {"result":"usage"}
-  identityChanged = 65, // {"result":"identity_changed","path":P}: nothing was touched
-  operationFailed = 66, // {"result":"failed","path":P,"errno":N}
+  done = 0,              // {"result":"exchanged"}, {"result":"rehearsed"}, {"result":"done"}
+  usage = 64,            // {"result":"usage"}
+  identityChanged = 65,  // {"result":"identity_changed","path":P}: nothing was touched
+  operationFailed = 66,  // {"result":"failed","path":P,"errno":N}
 };
 
 std::string helperIdentityArgument(const MigrationFileIdentity& identity);

@@ -24,9 +24,10 @@ std::optional<MigrationEntry> readEntry(const std::string& path) { return Migrat
 // The rename that moves the original may move its status-change time; everything else must
 // be as it was read.
 bool sameOriginal(const MigrationEntry& now, const MigrationEntry& before) {
-  return now.kind == before.kind && now.device == before.device && now.inode == before.inode && now.size == before.size &&
-         now.modifiedSeconds == before.modifiedSeconds && now.modifiedNanoseconds == before.modifiedNanoseconds &&
-         now.link == before.link && now.mode == before.mode && now.flags == before.flags;
+  return now.kind == before.kind && now.device == before.device && now.inode == before.inode &&
+         now.size == before.size && now.modifiedSeconds == before.modifiedSeconds &&
+         now.modifiedNanoseconds == before.modifiedNanoseconds && now.link == before.link && now.mode == before.mode &&
+         now.flags == before.flags;
 }
 
 bool isLinkTo(const std::optional<MigrationEntry>& entry, const std::string& target) {

@@ -77,7 +77,8 @@ void MigrationStagingArea::refreshDirectories() {
 void MigrationStagingArea::record(const std::string& relative, RecordScope scope) {
   auto known = owned_.find(relative);
   if (scope == RecordScope::onlyKnown && known == owned_.end()) return;
-  auto entry = relative.empty() ? MigrationEntry::read(root_, AT_FDCWD) : MigrationEntry::read(relative, rootDescriptor_.get());
+  auto entry =
+      relative.empty() ? MigrationEntry::read(root_, AT_FDCWD) : MigrationEntry::read(relative, rootDescriptor_.get());
   if (!entry) {
     if (known != owned_.end()) owned_.erase(known);
     return;

@@ -7,14 +7,14 @@
 #include <set>
 
 #include "engine/manifest/migration_copy_workload.h"
-#include "engine/transfer/migration_destination_transaction.h"
-#include "engine/verify/migration_entry_repair.h"
-#include "engine/switch/migration_file_safety.h"
-#include "engine/verify/migration_integrity_verifier.h"
-#include "engine/migration_issue.h"
 #include "engine/manifest/migration_link_plan.h"
+#include "engine/migration_issue.h"
+#include "engine/switch/migration_file_safety.h"
+#include "engine/transfer/migration_destination_transaction.h"
 #include "engine/transfer/migration_staging_area.h"
 #include "engine/transfer/progress_file_copier.h"
+#include "engine/verify/migration_entry_repair.h"
+#include "engine/verify/migration_integrity_verifier.h"
 #include "platform/file_system.h"
 #include "platform/posix_error.h"
 #include "platform/unique_fd.h"
@@ -81,7 +81,8 @@ void flushToMedium(const std::string& directory) {
 
 MigrationEntry requireDirectory(const std::string& path) {
   auto entry = MigrationEntry::read(path, AT_FDCWD);
-  if (!entry || entry->kind != MigrationEntry::Kind::directory) throw MigrationIssue("migration.preflight.parent", path);
+  if (!entry || entry->kind != MigrationEntry::Kind::directory)
+    throw MigrationIssue("migration.preflight.parent", path);
   return *entry;
 }
 
@@ -97,7 +98,8 @@ MigrationTransfer::Result MigrationTransfer::transfer(const std::string& source,
     if (log) log(key, arguments);
   };
   auto stopIfCancelled = [&] {
-    if (configuration_.cancelled && configuration_.cancelled->load()) throw MigrationIssue("migration.transfer.cancelled", source);
+    if (configuration_.cancelled && configuration_.cancelled->load())
+      throw MigrationIssue("migration.transfer.cancelled", source);
   };
 
   MigrationDestinationTransaction transaction(destination);
@@ -142,7 +144,8 @@ MigrationTransfer::Result MigrationTransfer::transfer(const std::string& source,
 
     // 4. What the copy involves.
     relocated = MigrationLinkPlan::relocatedTargets(source, plan.manifest);
-    if (!plan.inactiveSockets.empty()) say("migration.preflight.omitted", {std::to_string(plan.inactiveSockets.size())});
+    if (!plan.inactiveSockets.empty())
+      say("migration.preflight.omitted", {std::to_string(plan.inactiveSockets.size())});
     if (!relocated.empty()) say("migration.preflight.links_preserved", {std::to_string(relocated.size())});
     const MigrationCopyWorkload workload(plan.manifest, plan.inactiveSockets);
     tracker.plan(name, workload);
@@ -182,11 +185,13 @@ MigrationTransfer::Result MigrationTransfer::transfer(const std::string& source,
       staging->recordCreated(relative.empty() ? staging->payload() : staging->payload() + "/" + relative);
     };
     MigrationIntegrityVerifier::verify(source, staging->payload(), plan.manifest, options);
-    if (requireDirectory(parent).identity() != parentEntry.identity()) throw MigrationIssue("migration.preflight.parent", parent);
+    if (requireDirectory(parent).identity() != parentEntry.identity())
+      throw MigrationIssue("migration.preflight.parent", parent);
     say("log.verification_success", {name});
 
     // 9. A bundle without its Info.plist is not a whole application.
-    if (isApplicationBundle(destination) && !MigrationEntry::read(staging->payload() + "/Contents/Info.plist", AT_FDCWD)) {
+    if (isApplicationBundle(destination) &&
+        !MigrationEntry::read(staging->payload() + "/Contents/Info.plist", AT_FDCWD)) {
       throw MigrationIssue("log.symlink_incomplete", name);
     }
 
@@ -207,10 +212,12 @@ MigrationTransfer::Result MigrationTransfer::transfer(const std::string& source,
     if (placement == Placement::migrate) {
       transaction.promote(staging->payload());
       flushToMedium(parent);
-      originalKeptAt = access->install(destination, configuration_.beforeCommit ? configuration_.beforeCommit : [] {});
+      originalKeptAt = access->install(
+          destination, configuration_.beforeCommit ? configuration_.beforeCommit : [] {});
       say("log.symlink_success", {name});
     } else {
-      access->restore(*stagedRoot, staging->payload(), configuration_.beforeCommit ? configuration_.beforeCommit : [] {});
+      access->restore(
+          *stagedRoot, staging->payload(), configuration_.beforeCommit ? configuration_.beforeCommit : [] {});
       staging->receivedLinkAfterRestore(*restoreLink);
       flushToMedium(parent);
       say("log.migrate_back_swap_success", {name});

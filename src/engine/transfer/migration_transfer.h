@@ -13,10 +13,10 @@
 #include <string>
 #include <vector>
 
-#include "engine/switch/migration_access.h"
 #include "engine/manifest/migration_entry.h"
 #include "engine/preflight/migration_preflight.h"
 #include "engine/progress/migration_progress_tracker.h"
+#include "engine/switch/migration_access.h"
 
 namespace corvane {
 

@@ -23,9 +23,10 @@ using platform::CopyWhat;
 
 class CopyContext {
  public:
-  CopyContext(const std::string& source, const MigrationManifest& manifest, const std::set<std::string>& inactiveSockets,
-              const ProgressFileCopier::Progress& progress, MigrationStagingArea& ownership,
-              const std::map<std::string, std::string>& relocatedLinks, const ProgressFileCopier::Cancelled& cancelled)
+  CopyContext(const std::string& source, const MigrationManifest& manifest,
+              const std::set<std::string>& inactiveSockets, const ProgressFileCopier::Progress& progress,
+              MigrationStagingArea& ownership, const std::map<std::string, std::string>& relocatedLinks,
+              const ProgressFileCopier::Cancelled& cancelled)
       : source_(source),
         manifest_(manifest),
         inactiveSockets_(inactiveSockets),
@@ -53,7 +54,8 @@ class CopyContext {
       }
       if (event.what == CopyWhat::recurseFile && event.stage == CopyStage::finish) {
         if (const MigrationEntry* entry = entryFor(event.source)) {
-          if (entry->kind == MigrationEntry::Kind::regular) credit(std::max<std::int64_t>(entry->size, 0), entry->identity());
+          if (entry->kind == MigrationEntry::Kind::regular)
+            credit(std::max<std::int64_t>(entry->size, 0), entry->identity());
         }
         ++completed_;
         report(event.source);
@@ -129,7 +131,8 @@ class CopyContext {
         return CopyAnswer::skip;
       case MigrationEntry::Kind::symbolicLink:
         if (auto relocated = relocatedLinks_.find(*relative); relocated != relocatedLinks_.end()) {
-          if (symlink(relocated->second.c_str(), event.destination.c_str()) != 0) platform::throwErrno(event.destination);
+          if (symlink(relocated->second.c_str(), event.destination.c_str()) != 0)
+            platform::throwErrno(event.destination);
           ownership_.recordCreated(event.destination);
           ++completed_;
           report(event.source);
@@ -194,8 +197,8 @@ void bringDirectoryRecordsUpToDate(MigrationStagingArea& ownership) {
 
 void ProgressFileCopier::copy(const std::string& source, const std::string& destination,
                               const MigrationManifest& manifest, const std::set<std::string>& inactiveSockets,
-                              const std::map<std::string, std::string>& relocatedLinks,
-                              MigrationStagingArea& ownership, const Progress& progress, const Cancelled& cancelled) {
+                              const std::map<std::string, std::string>& relocatedLinks, MigrationStagingArea& ownership,
+                              const Progress& progress, const Cancelled& cancelled) {
   if (MigrationEntry::read(destination, AT_FDCWD)) throw platform::PosixError(EEXIST, destination);
   CopyContext context(source, manifest, inactiveSockets, progress, ownership, relocatedLinks, cancelled);
   try {

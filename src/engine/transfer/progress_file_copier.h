@@ -31,8 +31,9 @@ class ProgressFileCopier {
   // Throws platform::PosixError(EEXIST) when anything exists at `destination`, the first error
   // seen while copying (MigrationIssue or PosixError), or PosixError(ECANCELED) when cancelled.
   static void copy(const std::string& source, const std::string& destination, const MigrationManifest& manifest,
-                   const std::set<std::string>& inactiveSockets, const std::map<std::string, std::string>& relocatedLinks,
-                   MigrationStagingArea& ownership, const Progress& progress, const Cancelled& cancelled = {});
+                   const std::set<std::string>& inactiveSockets,
+                   const std::map<std::string, std::string>& relocatedLinks, MigrationStagingArea& ownership,
+                   const Progress& progress, const Cancelled& cancelled = {});
 };
 
 }  // namespace corvane

@@ -1,15 +1,16 @@
 // The verification of a staged copy against the manifest of its source.
+#include "engine/verify/migration_integrity_verifier.h"
+
 #include <fcntl.h>
 #include <fmt/format.h>
 
 #include <unordered_map>
 #include <vector>
 
-#include "engine/verify/migration_content_comparison.h"
-#include "engine/transfer/migration_copy_read_ahead.h"
-#include "engine/verify/migration_integrity_verifier.h"
-#include "engine/migration_issue.h"
 #include "engine/manifest/migration_link_plan.h"
+#include "engine/migration_issue.h"
+#include "engine/transfer/migration_copy_read_ahead.h"
+#include "engine/verify/migration_content_comparison.h"
 #include "platform/file_system.h"
 #include "platform/posix_error.h"
 #include "platform/unique_fd.h"
@@ -57,7 +58,10 @@ class Verification {
  public:
   Verification(const std::string& source, const std::string& destination, const MigrationManifest& manifest,
                const MigrationVerificationOptions& options)
-      : source_(source), destination_(destination), manifest_(manifest), options_(options),
+      : source_(source),
+        destination_(destination),
+        manifest_(manifest),
+        options_(options),
         treeLabel_(lastComponent(destination)) {}
 
   void run() {
@@ -135,8 +139,8 @@ class Verification {
       if (auto found = groups_.find(expected.identity()); found != groups_.end()) {
         group = &found->second;
         const auto present = MigrationEntry::read(copy, AT_FDCWD);
-        compareContents = !(options_.hardLinks == HardLinkPolicy::preserve && present &&
-                            present->identity() == group->copyIdentity);
+        compareContents =
+            !(options_.hardLinks == HardLinkPolicy::preserve && present && present->identity() == group->copyIdentity);
       }
     }
     const bool countBytes = expected.kind == Kind::regular && group == nullptr;
@@ -154,7 +158,8 @@ class Verification {
 
     std::optional<platform::OpenedAhead> openedAhead;
     if (expected.kind == Kind::regular && compareContents) openedAhead = readAhead_->take(relativePath);
-    if (!matchesEntry(original, copy, expected, link, comparison_, bytesRead, compareContents, std::move(openedAhead))) {
+    if (!matchesEntry(original, copy, expected, link, comparison_, bytesRead, compareContents,
+                      std::move(openedAhead))) {
       if (!options_.repair) throw MigrationIssue("error.migration_copy_mismatch", copy);
       MigrationRepairRequest request{relativePath, original, copy, expected, link, std::nullopt};
       if (group && options_.hardLinks == HardLinkPolicy::preserve) {
@@ -196,7 +201,8 @@ class Verification {
     }
   }
 
-  void requireSameGroup(const std::string& relativePath, const std::string& first, const MigrationFileIdentity& shared) {
+  void requireSameGroup(const std::string& relativePath, const std::string& first,
+                        const MigrationFileIdentity& shared) {
     const std::string copy = entryPath(destination_, relativePath);
     auto present = MigrationEntry::read(copy, AT_FDCWD);
     if (present && present->identity() == shared) return;
@@ -206,8 +212,8 @@ class Verification {
       throw MigrationIssue("error.migration_copy_mismatch", copy);
     }
     const MigrationEntry& expected = manifest_.at(relativePath);
-    options_.repair({relativePath, entryPath(source_, relativePath), copy, expected, std::nullopt,
-                     entryPath(destination_, first)});
+    options_.repair(
+        {relativePath, entryPath(source_, relativePath), copy, expected, std::nullopt, entryPath(destination_, first)});
     repairedPaths_.insert(relativePath);
     if (options_.repaired) options_.repaired(relativePath);
     present = MigrationEntry::read(copy, AT_FDCWD);
@@ -218,8 +224,8 @@ class Verification {
   // The copy as a whole: nothing live was started inside it, nothing appeared or vanished, and
   // nothing changed after its check.
   void checkFinalSnapshot() {
-    const auto snapshot =
-        MigrationIntegrityVerifier::snapshot(destination_, RuntimeEntries::allow, ReadableCheck::skip, RemovableCheck::skip);
+    const auto snapshot = MigrationIntegrityVerifier::snapshot(destination_, RuntimeEntries::allow, ReadableCheck::skip,
+                                                               RemovableCheck::skip);
     for (const auto& [relativePath, present] : snapshot) {
       if (present.kind == Kind::socket) {
         throw MigrationIssue("migration.preflight.runtime", entryPath(destination_, relativePath));
@@ -264,13 +270,15 @@ class Verification {
 void MigrationIntegrityVerifier::validateLocations(const std::string& source, const std::string& destination) {
   const std::string resolvedSource = standardizePath(resolvingSymlinksInPath(source));
   const std::string resolvedDestination = standardizePath(resolvingSymlinksInPath(destination));
-  if (isSameOrDescendant(resolvedSource, resolvedDestination) || isSameOrDescendant(resolvedDestination, resolvedSource)) {
+  if (isSameOrDescendant(resolvedSource, resolvedDestination) ||
+      isSameOrDescendant(resolvedDestination, resolvedSource)) {
     throw MigrationIssue("error.migration_overlapping_paths", destination);
   }
 }
 
 void MigrationIntegrityVerifier::verify(const std::string& source, const std::string& destination,
-                                        const MigrationManifest& manifest, const MigrationVerificationOptions& options) {
+                                        const MigrationManifest& manifest,
+                                        const MigrationVerificationOptions& options) {
   Verification(source, destination, manifest, options).run();
 }
 

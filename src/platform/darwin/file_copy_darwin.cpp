@@ -19,7 +19,8 @@ void copyRegularFile(const std::string& from, const std::string& to) {
 
 void copyObjectMetadata(const std::string& from, const std::string& to) {
   // 0x000C0007: the object's ACL, stat information and extended attributes, no data.
-  if (copyfile(from.c_str(), to.c_str(), nullptr, COPYFILE_ACL | COPYFILE_STAT | COPYFILE_XATTR | COPYFILE_NOFOLLOW) != 0) {
+  if (copyfile(from.c_str(), to.c_str(), nullptr, COPYFILE_ACL | COPYFILE_STAT | COPYFILE_XATTR | COPYFILE_NOFOLLOW) !=
+      0) {
     throwErrno(to);
   }
 }

@@ -1,8 +1,7 @@
-#include "platform/hidden_flag.h"
-
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "platform/hidden_flag.h"
 #include "platform/posix_error.h"
 
 namespace corvane::platform {

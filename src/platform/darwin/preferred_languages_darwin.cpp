@@ -1,8 +1,7 @@
-#include "platform/preferred_languages.h"
-
 #include <CoreFoundation/CoreFoundation.h>
 
 #include "platform/darwin/core_foundation_strings.h"
+#include "platform/preferred_languages.h"
 
 namespace corvane::platform {
 

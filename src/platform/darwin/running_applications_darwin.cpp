@@ -1,12 +1,11 @@
 // NSWorkspace is an Objective-C interface; this file stays plain C++ and talks to it through
 // the Objective-C runtime, so the build needs no Objective-C++ sources. Link with AppKit.
-#include "platform/running_applications.h"
-
 #include <CoreFoundation/CoreFoundation.h>
-
-#include "platform/darwin/core_foundation_strings.h"
 #include <objc/message.h>
 #include <objc/runtime.h>
+
+#include "platform/darwin/core_foundation_strings.h"
+#include "platform/running_applications.h"
 
 namespace corvane::platform {
 namespace {

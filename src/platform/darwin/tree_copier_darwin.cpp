@@ -15,9 +15,12 @@ struct Bridge {
 
 int answerCode(CopyAnswer answer) {
   switch (answer) {
-    case CopyAnswer::skip: return COPYFILE_SKIP;
-    case CopyAnswer::quit: return COPYFILE_QUIT;
-    case CopyAnswer::proceed: break;
+    case CopyAnswer::skip:
+      return COPYFILE_SKIP;
+    case CopyAnswer::quit:
+      return COPYFILE_QUIT;
+    case CopyAnswer::proceed:
+      break;
   }
   return COPYFILE_CONTINUE;
 }
@@ -26,18 +29,34 @@ int status(int what, int stage, copyfile_state_t state, const char* src, const c
   auto* bridge = static_cast<Bridge*>(context);
   CopyWhat kind;
   switch (what) {
-    case COPYFILE_RECURSE_FILE: kind = CopyWhat::recurseFile; break;
-    case COPYFILE_RECURSE_DIR: kind = CopyWhat::recurseDirectory; break;
-    case COPYFILE_RECURSE_DIR_CLEANUP: kind = CopyWhat::recurseDirectoryCleanup; break;
-    case COPYFILE_COPY_DATA: kind = CopyWhat::copyData; break;
-    default: return COPYFILE_CONTINUE;
+    case COPYFILE_RECURSE_FILE:
+      kind = CopyWhat::recurseFile;
+      break;
+    case COPYFILE_RECURSE_DIR:
+      kind = CopyWhat::recurseDirectory;
+      break;
+    case COPYFILE_RECURSE_DIR_CLEANUP:
+      kind = CopyWhat::recurseDirectoryCleanup;
+      break;
+    case COPYFILE_COPY_DATA:
+      kind = CopyWhat::copyData;
+      break;
+    default:
+      return COPYFILE_CONTINUE;
   }
   CopyStage phase = CopyStage::progress;
   switch (stage) {
-    case COPYFILE_START: phase = CopyStage::start; break;
-    case COPYFILE_FINISH: phase = CopyStage::finish; break;
-    case COPYFILE_ERR: phase = CopyStage::error; break;
-    default: break;
+    case COPYFILE_START:
+      phase = CopyStage::start;
+      break;
+    case COPYFILE_FINISH:
+      phase = CopyStage::finish;
+      break;
+    case COPYFILE_ERR:
+      phase = CopyStage::error;
+      break;
+    default:
+      break;
   }
   off_t copied = 0;
   if (kind == CopyWhat::copyData && phase == CopyStage::progress) {
@@ -45,7 +64,8 @@ int status(int what, int stage, copyfile_state_t state, const char* src, const c
   }
   const std::string source = src ? src : "";
   const std::string destination = dst ? dst : "";
-  return answerCode((*bridge->callback)(CopyEvent{kind, phase, source, destination, copied, phase == CopyStage::error ? errno : 0}));
+  return answerCode(
+      (*bridge->callback)(CopyEvent{kind, phase, source, destination, copied, phase == CopyStage::error ? errno : 0}));
 }
 
 }  // namespace
@@ -61,8 +81,9 @@ void copyTree(const std::string& source, const std::string& destination, const C
     copyfile_state_free(state);
     throwErrno(error, destination);
   }
-  const int result = copyfile(source.c_str(), destination.c_str(), state,
-                              COPYFILE_ALL | COPYFILE_RECURSIVE | COPYFILE_EXCL | COPYFILE_NOFOLLOW | COPYFILE_DATA_SPARSE);
+  const int result =
+      copyfile(source.c_str(), destination.c_str(), state,
+               COPYFILE_ALL | COPYFILE_RECURSIVE | COPYFILE_EXCL | COPYFILE_NOFOLLOW | COPYFILE_DATA_SPARSE);
   const int error = errno;
   copyfile_state_free(state);
   if (result != 0) throwErrno(error, destination);

@@ -1,12 +1,10 @@
-#include "platform/user_defaults.h"
-
 #include <CoreFoundation/CoreFoundation.h>
-
-#include "platform/darwin/core_foundation_strings.h"
 
 #include <cerrno>
 
+#include "platform/darwin/core_foundation_strings.h"
 #include "platform/posix_error.h"
+#include "platform/user_defaults.h"
 
 namespace corvane::platform {
 namespace {

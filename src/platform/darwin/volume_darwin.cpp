@@ -20,8 +20,8 @@ bool booleanResource(CFURLRef url, CFStringRef key) {
 VolumeCapabilities volumeCapabilities(const std::string& directory) {
   struct statfs st {};
   if (statfs(directory.c_str(), &st) != 0) throwErrno(directory);
-  CFURLRef url = CFURLCreateFromFileSystemRepresentation(
-      nullptr, reinterpret_cast<const UInt8*>(directory.c_str()), static_cast<CFIndex>(directory.size()), true);
+  CFURLRef url = CFURLCreateFromFileSystemRepresentation(nullptr, reinterpret_cast<const UInt8*>(directory.c_str()),
+                                                         static_cast<CFIndex>(directory.size()), true);
   if (url == nullptr) throwErrno(EINVAL, directory);
   VolumeCapabilities capabilities;
   capabilities.symbolicLinks = booleanResource(url, kCFURLVolumeSupportsSymbolicLinksKey);
@@ -31,8 +31,8 @@ VolumeCapabilities volumeCapabilities(const std::string& directory) {
 }
 
 std::int64_t availableCapacity(const std::string& path) {
-  CFURLRef url = CFURLCreateFromFileSystemRepresentation(
-      nullptr, reinterpret_cast<const UInt8*>(path.c_str()), static_cast<CFIndex>(path.size()), true);
+  CFURLRef url = CFURLCreateFromFileSystemRepresentation(nullptr, reinterpret_cast<const UInt8*>(path.c_str()),
+                                                         static_cast<CFIndex>(path.size()), true);
   if (url == nullptr) throwErrno(EINVAL, path);
   CFNumberRef value = nullptr;
   std::int64_t bytes = -1;

@@ -1,5 +1,3 @@
-#include "platform/file_system.h"
-
 #include <acl/libacl.h>
 #include <fcntl.h>
 #include <linux/fs.h>
@@ -12,6 +10,7 @@
 
 #include <cstring>
 
+#include "platform/file_system.h"
 #include "platform/posix_error.h"
 #include "platform/unique_fd.h"
 

@@ -10,6 +10,7 @@
 // the process order.
 #include <dirent.h>
 #include <fcntl.h>
+#include <fmt/format.h>
 #include <linux/types.h>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
@@ -34,8 +35,6 @@
 #include <unordered_map>
 #include <unordered_set>
 #include <vector>
-
-#include <fmt/format.h>
 
 #include "platform/open_file_fields.h"
 #include "platform/open_file_lister.h"
@@ -106,34 +105,51 @@ struct UnixSocket {
 
 std::string_view typeName(mode_t mode) {
   switch (mode & S_IFMT) {
-    case S_IFREG: return "REG";
-    case S_IFDIR: return "DIR";
-    case S_IFCHR: return "CHR";
-    case S_IFBLK: return "BLK";
-    case S_IFIFO: return "FIFO";
-    case S_IFLNK: return "LINK";
-    case S_IFSOCK: return "sock";
-    default: return "unknown";
+    case S_IFREG:
+      return "REG";
+    case S_IFDIR:
+      return "DIR";
+    case S_IFCHR:
+      return "CHR";
+    case S_IFBLK:
+      return "BLK";
+    case S_IFIFO:
+      return "FIFO";
+    case S_IFLNK:
+      return "LINK";
+    case S_IFSOCK:
+      return "sock";
+    default:
+      return "unknown";
   }
 }
 
 std::string_view unixTypeName(unsigned type) {
   switch (type) {
-    case 1: return "STREAM";
-    case 2: return "DGRAM";
-    case 3: return "RAW";
-    case 4: return "RDM";
-    case 5: return "SEQPACKET";
-    default: return "UNKNOWN";
+    case 1:
+      return "STREAM";
+    case 2:
+      return "DGRAM";
+    case 3:
+      return "RAW";
+    case 4:
+      return "RDM";
+    case 5:
+      return "SEQPACKET";
+    default:
+      return "UNKNOWN";
   }
 }
 
 // The access letter lsof derives from the descriptor link's own mode bits.
 char accessOf(mode_t linkMode) {
   switch (linkMode & (S_IRUSR | S_IWUSR)) {
-    case S_IRUSR: return 'r';
-    case S_IWUSR: return 'w';
-    default: return 'u';
+    case S_IRUSR:
+      return 'r';
+    case S_IWUSR:
+      return 'w';
+    default:
+      return 'u';
   }
 }
 
@@ -489,7 +505,8 @@ class ProcessScan {
       const std::string_view device = nextToken();
       const std::string_view inodeText = nextToken();
       ino_t inode = 0;
-      if (std::from_chars(inodeText.data(), inodeText.data() + inodeText.size(), inode).ec != std::errc() || inode == 0) {
+      if (std::from_chars(inodeText.data(), inodeText.data() + inodeText.size(), inode).ec != std::errc() ||
+          inode == 0) {
         continue;
       }
       const auto colon = device.find(':');
@@ -509,7 +526,8 @@ class ProcessScan {
   void descriptors() {
     UniqueFd fds(openat(directory_, "fd", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (!fds) {
-      if (errno != ENOENT) unnamedFile("NOFD", ' ', fmt::format("/proc/{}/fd (opendir: {})", pid_, std::strerror(errno)));
+      if (errno != ENOENT)
+        unnamedFile("NOFD", ' ', fmt::format("/proc/{}/fd (opendir: {})", pid_, std::strerror(errno)));
       return;
     }
     for (unsigned long number : numericEntries(fds.get())) {
@@ -525,7 +543,8 @@ class ProcessScan {
       auto text = readLinkAt(fds.get(), descriptor.c_str(), error);
       if (!text) {
         if (error == ENOENT) continue;  // closed meanwhile
-        unnamedFile(descriptor, ' ', fmt::format("/proc/{}/fd/{} (readlink: {})", pid_, descriptor, std::strerror(error)));
+        unnamedFile(descriptor, ' ',
+                    fmt::format("/proc/{}/fd/{} (readlink: {})", pid_, descriptor, std::strerror(error)));
         continue;
       }
       struct stat link {};
@@ -626,8 +645,8 @@ std::string listOpenFilesNatively(const OpenFileFilter& filter) {
     }
   };
   const unsigned cores = std::max(1u, std::thread::hardware_concurrency());
-  const std::size_t workers =
-      std::clamp<std::size_t>(std::min<std::size_t>(cores, kMaximumWorkers), 1, std::max<std::size_t>(1, pids.size() / kProcessesPerWorker));
+  const std::size_t workers = std::clamp<std::size_t>(std::min<std::size_t>(cores, kMaximumWorkers), 1,
+                                                      std::max<std::size_t>(1, pids.size() / kProcessesPerWorker));
   std::vector<std::thread> threads;
   for (std::size_t i = 1; i < workers; ++i) threads.emplace_back(work);
   work();

@@ -1,7 +1,7 @@
-#include "platform/preferred_languages.h"
-
 #include <cstdlib>
 #include <string_view>
+
+#include "platform/preferred_languages.h"
 
 namespace corvane::platform {
 

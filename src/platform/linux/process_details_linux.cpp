@@ -21,7 +21,8 @@ std::optional<ProcessDetails> describeProcess(pid_t pid) {
     std::string content;
     char buffer[4096];
     ssize_t count = 0;
-    while ((count = ::read(fd.get(), buffer, sizeof buffer)) > 0) content.append(buffer, static_cast<std::size_t>(count));
+    while ((count = ::read(fd.get(), buffer, sizeof buffer)) > 0)
+      content.append(buffer, static_cast<std::size_t>(count));
     std::size_t start = 0;
     while (start < content.size()) {
       auto end = content.find('\0', start);

@@ -123,7 +123,8 @@ class TreeCopy {
       if (failOrSkip(CopyWhat::recurseFile, errno, sourcePath, destinationPath, sourcePath)) return;
     }
     if (S_ISDIR(st.st_mode)) {
-      copyDirectory(sourceDirectory, sourceName, sourcePath, destinationDirectory, destinationName, destinationPath, st);
+      copyDirectory(sourceDirectory, sourceName, sourcePath, destinationDirectory, destinationName, destinationPath,
+                    st);
       return;
     }
     const CopyAnswer answer = notify(CopyWhat::recurseFile, CopyStage::start, sourcePath, destinationPath);
@@ -135,9 +136,14 @@ class TreeCopy {
         error = copyRegular(sourceDirectory, sourceName, sourcePath, destinationDirectory, destinationName,
                             destinationPath, st, std::move(openedAhead));
         break;
-      case S_IFLNK: error = copyLink(sourceDirectory, sourceName, destinationDirectory, destinationName, destinationPath, st); break;
-      case S_IFSOCK: return;  // a socket is an endpoint of a running program, not data
-      default: error = copyNode(destinationDirectory, destinationName, destinationPath, sourcePath, st); break;
+      case S_IFLNK:
+        error = copyLink(sourceDirectory, sourceName, destinationDirectory, destinationName, destinationPath, st);
+        break;
+      case S_IFSOCK:
+        return;  // a socket is an endpoint of a running program, not data
+      default:
+        error = copyNode(destinationDirectory, destinationName, destinationPath, sourcePath, st);
+        break;
     }
     if (error != 0) {
       if (failOrSkip(CopyWhat::recurseFile, error, sourcePath, destinationPath, destinationPath)) return;
@@ -183,7 +189,8 @@ class TreeCopy {
     proceedOrStop(notify(CopyWhat::recurseDirectoryCleanup, CopyStage::finish, sourcePath, destinationPath));
   }
 
-  std::vector<ListedEntry> listEntries(int directory, const std::string& sourcePath, const std::string& destinationPath) {
+  std::vector<ListedEntry> listEntries(int directory, const std::string& sourcePath,
+                                       const std::string& destinationPath) {
     int listing = dup(directory);
     DIR* stream = listing >= 0 ? fdopendir(listing) : nullptr;
     if (stream == nullptr) {
@@ -204,8 +211,9 @@ class TreeCopy {
     if (error != 0) fail(CopyWhat::recurseDirectory, error, sourcePath, destinationPath, sourcePath);
     // Inode order follows where the file system put the entries: on a cold cache the reads then
     // sweep the medium instead of jumping by name hash.
-    std::sort(entries.begin(), entries.end(),
-              [](const ListedEntry& a, const ListedEntry& b) { return a.inode < b.inode || (a.inode == b.inode && a.name < b.name); });
+    std::sort(entries.begin(), entries.end(), [](const ListedEntry& a, const ListedEntry& b) {
+      return a.inode < b.inode || (a.inode == b.inode && a.name < b.name);
+    });
     return entries;
   }
 
@@ -282,7 +290,8 @@ class TreeCopy {
           return errno;
         }
         for (ssize_t written = 0; written < copied;) {
-          ssize_t n = pwrite(out, buffer_.get() + written, static_cast<std::size_t>(copied - written), position + written);
+          ssize_t n =
+              pwrite(out, buffer_.get() + written, static_cast<std::size_t>(copied - written), position + written);
           if (n < 0) {
             if (errno == EINTR) continue;
             return errno;
@@ -317,7 +326,8 @@ class TreeCopy {
   // FIFOs and device nodes: the object itself, then owner, mode, attributes and times.
   int copyNode(int destinationDirectory, const std::string& destinationName, const std::string& destinationPath,
                const std::string& sourcePath, const struct stat& st) {
-    if (mknodat(destinationDirectory, destinationName.c_str(), (st.st_mode & S_IFMT) | 0600, st.st_rdev) != 0) return errno;
+    if (mknodat(destinationDirectory, destinationName.c_str(), (st.st_mode & S_IFMT) | 0600, st.st_rdev) != 0)
+      return errno;
     try {
       for (const auto& name : listExtendedAttributes(sourcePath)) {
         writeExtendedAttribute(destinationPath, name, readExtendedAttribute(sourcePath, name));

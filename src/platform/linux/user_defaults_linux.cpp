@@ -1,5 +1,3 @@
-#include "platform/user_defaults.h"
-
 #include <fcntl.h>
 #include <pwd.h>
 #include <sys/stat.h>
@@ -14,6 +12,7 @@
 
 #include "platform/posix_error.h"
 #include "platform/unique_fd.h"
+#include "platform/user_defaults.h"
 
 namespace corvane::platform {
 namespace {
@@ -110,8 +109,8 @@ void replaceAtomically(const std::string& path, const std::string& data) {
   static std::atomic<unsigned> counter{0};
   const auto slash = path.find_last_of('/');
   const std::string directory = path.substr(0, slash);
-  const std::string temporary = directory + "/.settings.json." + std::to_string(::getpid()) + "." +
-                                std::to_string(counter.fetch_add(1)) + ".tmp";
+  const std::string temporary =
+      directory + "/.settings.json." + std::to_string(::getpid()) + "." + std::to_string(counter.fetch_add(1)) + ".tmp";
   UniqueFd fd(::open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
   if (!fd) throwErrno(temporary);
   try {

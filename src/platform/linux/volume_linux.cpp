@@ -1,5 +1,3 @@
-#include "platform/volume.h"
-
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
@@ -7,6 +5,7 @@
 
 #include "platform/posix_error.h"
 #include "platform/unique_fd.h"
+#include "platform/volume.h"
 #include "support/uuid.h"
 
 namespace corvane::platform {

@@ -1,10 +1,11 @@
+#include "engine/manifest/migration_entry.h"
+
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include "engine/item_test_support.h"
-#include "engine/manifest/migration_entry.h"
 #include "engine/manifest/migration_file_metadata.h"
 #include "fixtures/sample_tree.h"
 #include "fixtures/temporary_directory.h"
@@ -27,25 +28,39 @@ TEST(MigrationEntryTest, LinkTextOf1024BytesReadsAnd1025IsRefusedAndBadUtf8IsRep
   EXPECT_EQ(entry->link->size(), 1024u);
   EXPECT_THROW(MigrationEntry::read(tooLong, AT_FDCWD), platform::PosixError);
   // Link texts that are not UTF-8 are reported with replacement characters.
-  EXPECT_EQ(decodeUtf8Lossy("a\xff" "b"), "a\xEF\xBF\xBD" "b");
+  EXPECT_EQ(decodeUtf8Lossy("a\xff"
+                            "b"),
+            "a\xEF\xBF\xBD"
+            "b");
   EXPECT_EQ(decodeUtf8Lossy("\xE4\xB8\xAD"), "\xE4\xB8\xAD");
   EXPECT_EQ(decodeUtf8Lossy("\xE4\xB8"), "\xEF\xBF\xBD\xEF\xBF\xBD");
   EXPECT_EQ(decodeUtf8Lossy("\xC0\xAF"), "\xEF\xBF\xBD\xEF\xBF\xBD");  // overlong '/'
 }
 
 TEST(MigrationEntryTest, JsonKeepsKeyOrderRoundTripsAndRejectsMalformedEntries) {
-  MigrationEntry entry{.kind = MigrationEntry::Kind::symbolicLink, .inode = 18446744073709551615ULL, .device = -5,
-                      .size = 7, .modifiedSeconds = 1, .modifiedNanoseconds = 2, .changedSeconds = 3,
-                      .changedNanoseconds = 4, .link = "../x", .mode = 0755, .flags = 0x20000};
-  EXPECT_EQ(toJson(entry).dump(),
-            R"({"kind":"symbolicLink","inode":18446744073709551615,"device":-5,"size":7,"modifiedSeconds":1,)"
-            R"("modifiedNanoseconds":2,"changedSeconds":3,"changedNanoseconds":4,"link":"../x","mode":493,"flags":131072})");
+  MigrationEntry entry{.kind = MigrationEntry::Kind::symbolicLink,
+                       .inode = 18446744073709551615ULL,
+                       .device = -5,
+                       .size = 7,
+                       .modifiedSeconds = 1,
+                       .modifiedNanoseconds = 2,
+                       .changedSeconds = 3,
+                       .changedNanoseconds = 4,
+                       .link = "../x",
+                       .mode = 0755,
+                       .flags = 0x20000};
+  EXPECT_EQ(
+      toJson(entry).dump(),
+      R"({"kind":"symbolicLink","inode":18446744073709551615,"device":-5,"size":7,"modifiedSeconds":1,)"
+      R"("modifiedNanoseconds":2,"changedSeconds":3,"changedNanoseconds":4,"link":"../x","mode":493,"flags":131072})");
   EXPECT_EQ(entryFromJson(nlohmann::json::parse(toJson(entry).dump())), entry);
   entry.link.reset();
   EXPECT_EQ(toJson(entry).dump().find("link"), std::string::npos);
-  for (const char* text : {R"({"kind":"door"})", R"([1,2])", R"({"kind":"regular","inode":-1})",
-                           R"({"kind":"regular","inode":1,"device":1,"size":1,"modifiedSeconds":1,"modifiedNanoseconds":1,"changedSeconds":1,"changedNanoseconds":1,"mode":70000,"flags":0})",
-                           R"({"kind":"regular","inode":1,"device":1,"size":"1"})"}) {
+  for (
+      const char* text :
+      {R"({"kind":"door"})", R"([1,2])", R"({"kind":"regular","inode":-1})",
+       R"({"kind":"regular","inode":1,"device":1,"size":1,"modifiedSeconds":1,"modifiedNanoseconds":1,"changedSeconds":1,"changedNanoseconds":1,"mode":70000,"flags":0})",
+       R"({"kind":"regular","inode":1,"device":1,"size":"1"})"}) {
     EXPECT_ANY_THROW(entryFromJson(nlohmann::json::parse(text))) << text;
   }
 }

@@ -36,9 +36,9 @@ TEST(SnapshotTest, RecordsEveryObjectOnceWithoutFollowingLinksAndNoticesEveryCha
   writeFile(dir.child("outside.txt"), "outside\n");
   buildSampleTree(root, {.fifo = true, .staleSocket = true, .sparseFile = true});
   std::vector<std::string> visited;
-  auto manifest = MigrationIntegrityVerifier::snapshot(root, RuntimeEntries::allow, ReadableCheck::check,
-                                                       RemovableCheck::check,
-                                                       [&](const std::string& path) { visited.push_back(path); });
+  auto manifest =
+      MigrationIntegrityVerifier::snapshot(root, RuntimeEntries::allow, ReadableCheck::check, RemovableCheck::check,
+                                           [&](const std::string& path) { visited.push_back(path); });
   // Parents are recorded before their children and every path exactly once.
   EXPECT_EQ(visited.at(0), "");
   EXPECT_EQ(std::set<std::string>(visited.begin(), visited.end()).size(), visited.size());
@@ -55,8 +55,10 @@ TEST(SnapshotTest, RecordsEveryObjectOnceWithoutFollowingLinksAndNoticesEveryCha
   EXPECT_EQ(manifest.at("Contents/stale.sock").kind, MigrationEntry::Kind::socket);
   EXPECT_EQ(manifest.at("Contents/sparse.bin").size, (8 << 20) + 4);
   // Hard links appear once per path, with one identity.
-  EXPECT_EQ(manifest.at("Contents/hardlink.txt").identity(), manifest.at("Contents/Resources/deep/file3.txt").identity());
-  EXPECT_NE(manifest.at("Contents/Resources/deep/file4.txt").identity(), manifest.at("Contents/Resources/deep/file3.txt").identity());
+  EXPECT_EQ(manifest.at("Contents/hardlink.txt").identity(),
+            manifest.at("Contents/Resources/deep/file3.txt").identity());
+  EXPECT_NE(manifest.at("Contents/Resources/deep/file4.txt").identity(),
+            manifest.at("Contents/Resources/deep/file3.txt").identity());
   // A later scan notices every kind of change, and reports the source's path, not the entry's.
   EXPECT_NO_THROW(MigrationIntegrityVerifier::requireUnchanged(root, manifest));
   const std::string file = root + "/Contents/Resources/deep/file5.txt", link = root + "/Contents/dangling",
@@ -68,8 +70,16 @@ TEST(SnapshotTest, RecordsEveryObjectOnceWithoutFollowingLinksAndNoticesEveryCha
       {"mode", [&] { chmod(file.c_str(), 0600); }},
       {"added", [&] { writeFile(root + "/Contents/new.txt", "n"); }},
       {"removed", [&] { unlink((root + "/Contents/Resources/empty.txt").c_str()); }},
-      {"link retargeted", [&] { unlink(link.c_str()); symlink("other-target", link.c_str()); }},
-      {"directory replaced", [&] { rename(empty.c_str(), (empty + "-old").c_str()); mkdir(empty.c_str(), 0755); }},
+      {"link retargeted",
+       [&] {
+         unlink(link.c_str());
+         symlink("other-target", link.c_str());
+       }},
+      {"directory replaced",
+       [&] {
+         rename(empty.c_str(), (empty + "-old").c_str());
+         mkdir(empty.c_str(), 0755);
+       }},
   };
   for (const auto& [what, change] : changes) {
     SCOPED_TRACE(what);
@@ -98,7 +108,8 @@ TEST(SnapshotTest, RuntimeEntriesVanishedRootsAndLockedOrReadOnlyItemsAreRefused
   EXPECT_EQ(issueText([&] { scan(dir.child("item"), RuntimeEntries::allow, RemovableCheck::check); }),
             "migration.preflight.locked: " + dir.child("item/Contents/locked.txt"));
   // Without the removable check the same tree scans, and the flag is in the manifest.
-  EXPECT_EQ(scan(dir.child("item")).at("Contents/locked.txt").flags & platform::kLockedFlagsMask, platform::kSystemImmutable);
+  EXPECT_EQ(scan(dir.child("item")).at("Contents/locked.txt").flags & platform::kLockedFlagsMask,
+            platform::kSystemImmutable);
   // Nothing on a read-only volume is removable.
   CORVANE_TEST_VOLUME(volume, VolumeKind::tmpfs);
   buildSampleTree(volume->child("item"));

@@ -1,5 +1,7 @@
 // The open-file check: parsing, fail-safe rules, grouping and its message, lsof through stand-ins,
 // and both real listers over the same live processes.
+#include "engine/preflight/migration_open_files.h"
+
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -9,9 +11,8 @@
 #include <map>
 #include <string>
 
-#include "engine/preflight/migration_occupancy_description.h"
-#include "engine/preflight/migration_open_files.h"
 #include "engine/migration_test_support.h"
+#include "engine/preflight/migration_occupancy_description.h"
 #include "fixtures/occupant_process.h"
 #include "fixtures/sample_tree.h"
 #include "fixtures/temporary_directory.h"
@@ -31,27 +32,34 @@ using GroupKind = MigrationOpenFiles::GroupKind;
 // lsof's field output from records written one per line, with '|' ending each field.
 std::string fields(std::string_view records) {
   std::string text;
-  for (char c : records) text += c == '|' ? std::string(1, '\0') : c == '\n' ? std::string("\0\n", 2) : std::string(1, c);
+  for (char c : records)
+    text += c == '|' ? std::string(1, '\0') : c == '\n' ? std::string("\0\n", 2) : std::string(1, c);
   return text;
 }
 
 // An item at /Items/App.app with a few files, as a manifest on device 0x1000007.
 MigrationOpenFiles::FileIndex sampleIndex() {
   MigrationManifest manifest;
-  auto add = [&](const std::string& path, MigrationEntry::Kind kind, std::uint64_t inode, std::int32_t device = 0x1000007) {
+  auto add = [&](const std::string& path, MigrationEntry::Kind kind, std::uint64_t inode,
+                 std::int32_t device = 0x1000007) {
     std::tie(manifest[path].kind, manifest[path].device, manifest[path].inode) = std::tie(kind, device, inode);
   };
   using Kind = MigrationEntry::Kind;
-  add("", Kind::directory, 100); add("Contents", Kind::directory, 101); add("Contents/MacOS/App", Kind::regular, 102);
-  add("Contents/data.db", Kind::regular, 103); add("Contents/alias.db", Kind::regular, 103);  // hard links
-  add("Contents/odd name\n.txt", Kind::regular, 104); add("Contents/run.sock", Kind::socket, 105);
+  add("", Kind::directory, 100);
+  add("Contents", Kind::directory, 101);
+  add("Contents/MacOS/App", Kind::regular, 102);
+  add("Contents/data.db", Kind::regular, 103);
+  add("Contents/alias.db", Kind::regular, 103);  // hard links
+  add("Contents/odd name\n.txt", Kind::regular, 104);
+  add("Contents/run.sock", Kind::socket, 105);
   add("Contents/subvolume.lib", Kind::regular, 257, static_cast<std::int32_t>(platform::deviceNumber(0, 41)));
   return MigrationOpenFiles::fileIndex(manifest);
 }
 
 TEST(MigrationOpenFilesTest, ParsesFieldOutputAndKeepsOnlyTheItemsFiles) {
   const auto index = sampleIndex();
-  EXPECT_EQ(index.at({0x1000007, 103}).otherPaths, std::vector<std::string>{"Contents/data.db"}) << "alias.db comes first";
+  EXPECT_EQ(index.at({0x1000007, 103}).otherPaths, std::vector<std::string>{"Contents/data.db"})
+      << "alias.db comes first";
   // lsof lists a process once more for each thread; those repeats are the same references.
   const std::string output = fields(
       "p311|cApp\nfcwd|a |tDIR|D0x1000007|i100|n/Items/App.app\n"
@@ -71,20 +79,25 @@ TEST(MigrationOpenFilesTest, ParsesFieldOutputAndKeepsOnlyTheItemsFiles) {
                     std::string(MigrationOpenFiles::reasonName(r.reason)) + (r.throughOtherHardLink ? " alias" : ""));
   }
   // data.db names the path the process used, not the first alias; the last cwd is another process's.
-  EXPECT_EQ(found, (std::vector<std::string>{
-                       "311 cwd [] working_directory", "311 txt [Contents/MacOS/App] runtime",
-                       "311 3 [Contents/data.db] writable", "311 4 [Contents/odd name\n.txt] read_only",
-                       "311 5 [Contents/run.sock] endpoint", "42 7 [Contents/alias.db] writable alias",
-                       "42 8 [Contents] directory", "42 mem [Contents/subvolume.lib] runtime", "42 cwd [] working_directory"}));
+  EXPECT_EQ(found,
+            (std::vector<std::string>{"311 cwd [] working_directory", "311 txt [Contents/MacOS/App] runtime",
+                                      "311 3 [Contents/data.db] writable", "311 4 [Contents/odd name\n.txt] read_only",
+                                      "311 5 [Contents/run.sock] endpoint", "42 7 [Contents/alias.db] writable alias",
+                                      "42 8 [Contents] directory", "42 mem [Contents/subvolume.lib] runtime",
+                                      "42 cwd [] working_directory"}));
   ASSERT_EQ(references.size(), 9u);
   EXPECT_EQ(references[3].name, "/Items/App.app/Contents/odd name\n.txt");
   EXPECT_EQ(references[5].command, "back\\up \x01tool");
   // Records the live listers never produce above.
   const std::vector<std::tuple<const char*, const char*, const char*, Reason>> unusual = {
-      {"rtd", " ", "DIR", Reason::working_directory}, {"DEL", " ", "REG", Reason::runtime},
-      {"12", "r", "FIFO", Reason::endpoint},          {"12", "u", "DIR", Reason::directory},
-      {"12", "r", "CHR", Reason::unknown},            {"12", " ", "REG", Reason::unknown},
-      {"NOFD", "u", "REG", Reason::unknown},          {"1a", "w", "REG", Reason::unknown}};
+      {"rtd", " ", "DIR", Reason::working_directory},
+      {"DEL", " ", "REG", Reason::runtime},
+      {"12", "r", "FIFO", Reason::endpoint},
+      {"12", "u", "DIR", Reason::directory},
+      {"12", "r", "CHR", Reason::unknown},
+      {"12", " ", "REG", Reason::unknown},
+      {"NOFD", "u", "REG", Reason::unknown},
+      {"1a", "w", "REG", Reason::unknown}};
   for (const auto& [descriptor, access, type, reason] : unusual) {
     EXPECT_EQ(MigrationOpenFiles::reasonFor(descriptor, access, type), reason) << descriptor << " " << type;
   }
@@ -97,7 +110,10 @@ TEST(MigrationOpenFilesTest, ListerTextEscapingRoundTripsEveryByteButTheCaret) {
   EXPECT_EQ(platform::escapeListerText(all).find_first_of(std::string("\n\0", 2)), std::string::npos);
   EXPECT_EQ(platform::unescapeListerText(platform::escapeListerText(all)), all);
   EXPECT_EQ(platform::escapeListerText("a\\b\x7f\xc3\xbc\x1b"), "a\\\\b\\x7f\\xc3\\xbc^[");
-  EXPECT_EQ(platform::unescapeListerText("^A^^x \\q \\x4"), "\x01\x1e" "x \\q \\x4") << "unknown escapes stay";
+  EXPECT_EQ(platform::unescapeListerText("^A^^x \\q \\x4"),
+            "\x01\x1e"
+            "x \\q \\x4")
+      << "unknown escapes stay";
 }
 
 MigrationOpenFiles::Inspect answering(int status, std::string output, std::string error = "") {
@@ -143,28 +159,34 @@ TEST(MigrationOpenFilesTest, GroupsGatherFamiliesAndTheMessageNamesThemUpToTheLi
       {21, {"/opt/pg/bin/postgres", {"postgres: checkpointer"}}},
       {30, {"/usr/bin/git", {"git", "fsmonitor--daemon", "run", "--detach"}}},
       {31, {"/usr/bin/git", {"git", "status"}}},
-      {40, {"/System/Library/Frameworks/AppKit.framework/Versions/C/XPCServices/"
-            "com.apple.appkit.xpc.openAndSavePanelService.xpc/Contents/MacOS/com.apple.appkit.xpc.openAndSavePanelService",
-            {}}},
+      {40,
+       {"/System/Library/Frameworks/AppKit.framework/Versions/C/XPCServices/"
+        "com.apple.appkit.xpc.openAndSavePanelService.xpc/Contents/MacOS/com.apple.appkit.xpc.openAndSavePanelService",
+        {}}},
   };
   auto identify = [&](pid_t pid) -> std::optional<platform::ProcessDetails> {
     auto found = processes.find(pid);
     return found == processes.end() ? std::nullopt : std::optional(found->second);
   };
   std::vector<MigrationOpenFiles::Reference> references = {
-      reference(10, "Editor", "a.txt", Reason::read_only), reference(11, "Editor Helper", "b.txt", Reason::writable),
-      reference(20, "postgres", "data/base", Reason::directory), reference(21, "postgres", "data/pg_wal", Reason::writable),
-      reference(30, "git", ".git", Reason::working_directory), reference(31, "git", ".git/index", Reason::read_only),
+      reference(10, "Editor", "a.txt", Reason::read_only),
+      reference(11, "Editor Helper", "b.txt", Reason::writable),
+      reference(20, "postgres", "data/base", Reason::directory),
+      reference(21, "postgres", "data/pg_wal", Reason::writable),
+      reference(30, "git", ".git", Reason::working_directory),
+      reference(31, "git", ".git/index", Reason::read_only),
       reference(40, "com.apple.appkit.xpc.openAndSavePanelService", "", Reason::directory),
-      reference(50, "", "c.txt", Reason::unknown), reference(10, "Editor", "a.txt", Reason::runtime)};
-  for (pid_t pid = 60; pid < 66; ++pid) references.push_back(reference(pid, "w" + std::to_string(pid), "w", Reason::read_only));
+      reference(50, "", "c.txt", Reason::unknown),
+      reference(10, "Editor", "a.txt", Reason::runtime)};
+  for (pid_t pid = 60; pid < 66; ++pid)
+    references.push_back(reference(pid, "w" + std::to_string(pid), "w", Reason::read_only));
   const auto groups = MigrationOpenFiles::grouped(references, identify);
   ASSERT_EQ(groups.size(), 12u);
   std::vector<GroupKind> kinds;
   for (const auto& group : groups) kinds.push_back(group.kind);
   EXPECT_EQ(std::vector<GroupKind>(kinds.begin(), kinds.begin() + 7),
-            (std::vector<GroupKind>{GroupKind::bundleOrigin, GroupKind::postgres, GroupKind::gitMonitor, GroupKind::process,
-                                    GroupKind::filePicker, GroupKind::unnamed, GroupKind::process}))
+            (std::vector<GroupKind>{GroupKind::bundleOrigin, GroupKind::postgres, GroupKind::gitMonitor,
+                                    GroupKind::process, GroupKind::filePicker, GroupKind::unnamed, GroupKind::process}))
       << "a git that is not the monitor is just git";
   EXPECT_EQ(groups[0].name, "Editor");
   EXPECT_EQ(groups[0].pids, (std::vector<pid_t>{10, 11}));
@@ -176,14 +198,14 @@ TEST(MigrationOpenFilesTest, GroupsGatherFamiliesAndTheMessageNamesThemUpToTheLi
   const std::string text = MigrationOccupancyDescription::message(MigrationOpenFiles::Blocked("/srv/Item", groups));
   const auto pids = [](const char* list) { return localizedFormat("migration.occupancy.pids", list); };
   const auto editor = localizedFormat("migration.occupancy.bundle_origin", "Editor");
-  for (const auto& line : {
-           localizedFormat("migration.occupancy.group", editor, pids("10, 11")),
-           localizedFormat("migration.occupancy.group", "PostgreSQL", pids("20, 21")),
-           localizedFormat("migration.occupancy.group", localized("migration.occupancy.git_monitor"), pids("30")),
-           localizedFormat("migration.occupancy.group", localized("migration.occupancy.file_picker"), pids("40")),
-           localizedFormat("migration.occupancy.group", localized("migration.occupancy.unnamed"), pids("50")),
-           localizedFormat("migration.occupancy.reference", "Item"),
-           localizedFormat("occupancy.message.more_groups", groups.size() - MigrationOccupancyDescription::kGroupLimit)}) {
+  for (const auto& line :
+       {localizedFormat("migration.occupancy.group", editor, pids("10, 11")),
+        localizedFormat("migration.occupancy.group", "PostgreSQL", pids("20, 21")),
+        localizedFormat("migration.occupancy.group", localized("migration.occupancy.git_monitor"), pids("30")),
+        localizedFormat("migration.occupancy.group", localized("migration.occupancy.file_picker"), pids("40")),
+        localizedFormat("migration.occupancy.group", localized("migration.occupancy.unnamed"), pids("50")),
+        localizedFormat("migration.occupancy.reference", "Item"),
+        localizedFormat("occupancy.message.more_groups", groups.size() - MigrationOccupancyDescription::kGroupLimit)}) {
     EXPECT_NE(text.find(line), std::string::npos) << "missing line: " << line << "\nin:\n" << text;
   }
   EXPECT_EQ(text.find(pids("65")), std::string::npos) << "groups past the limit are only counted";
@@ -195,8 +217,9 @@ TEST(MigrationOpenFilesTest, GroupsGatherFamiliesAndTheMessageNamesThemUpToTheLi
 TEST(MigrationOpenFilesTest, LsofRunsInTheCLocaleOutsideAnyItemAndWithinBounds) {
   TemporaryDirectory directory;
   const std::string record = directory.child("record");
-  const auto lister = writeScript(directory.path(), "lsof", "printf '%s\\n' \"$@\" \"LC_ALL=$LC_ALL\" \"PWD=$(pwd)\" > '" +
-                                                               record + "'\nprintf 'p1\\0claunchd\\0\\n'\n");
+  const auto lister = writeScript(
+      directory.path(), "lsof",
+      "printf '%s\\n' \"$@\" \"LC_ALL=$LC_ALL\" \"PWD=$(pwd)\" > '" + record + "'\nprintf 'p1\\0claunchd\\0\\n'\n");
   const auto result = MigrationOpenFiles::inspectWithLsof(lister);
   EXPECT_EQ(result.status, 0);
   EXPECT_EQ(result.standardOutput, std::string("p1\0claunchd\0\n", 13));
@@ -204,9 +227,10 @@ TEST(MigrationOpenFilesTest, LsofRunsInTheCLocaleOutsideAnyItemAndWithinBounds) 
   EXPECT_THROW(MigrationOpenFiles::inspectWithLsof("/nonexistent/lsof"), platform::PosixError);
   // A lister that hangs and ignores the terminate request is killed, and the state is unknown.
   const std::string pidFile = directory.child("pid");
-  const auto hanging =
-      writeScript(directory.path(), "hanging", "trap '' TERM\necho $$ > '" + pidFile + "'\nwhile :; do sleep 1; done\n");
-  EXPECT_EQ(issueOf([&] { MigrationOpenFiles::inspectWithLsof(hanging); }).key(), "migration.preflight.occupancy_unknown");
+  const auto hanging = writeScript(directory.path(), "hanging",
+                                   "trap '' TERM\necho $$ > '" + pidFile + "'\nwhile :; do sleep 1; done\n");
+  EXPECT_EQ(issueOf([&] { MigrationOpenFiles::inspectWithLsof(hanging); }).key(),
+            "migration.preflight.occupancy_unknown");
   EXPECT_TRUE(processIsReaped(std::stoi(readFile(pidFile)))) << "the lister was killed and reaped";
 }
 
@@ -220,8 +244,10 @@ std::string errorsAboutTheItem(const std::string& standardError, const std::stri
   for (std::size_t start = 0, end; start < standardError.size(); start = end + 1) {
     end = std::min(standardError.find('\n', start), standardError.size());
     const std::string line = standardError.substr(start, end - start);
-    const bool foreignMount = line.rfind("lsof: WARNING: can't stat() ", 0) == 0 && line.find(item) == std::string::npos;
-    const bool skip = foreignMount || (continuing && line.find("Output information may be incomplete") != std::string::npos);
+    const bool foreignMount =
+        line.rfind("lsof: WARNING: can't stat() ", 0) == 0 && line.find(item) == std::string::npos;
+    const bool skip =
+        foreignMount || (continuing && line.find("Output information may be incomplete") != std::string::npos);
     continuing = skip && foreignMount;
     if (!skip) kept += line + "\n";
   }
@@ -264,8 +290,9 @@ Paths byPath(const std::vector<Reference>& references, pid_t pid) {
   return result;
 }
 
-#define CORVANE_NEEDS_LSOF() \
-  if (access(platform::lsofExecutablePath(), X_OK) != 0) GTEST_SKIP() << "needs lsof at " << platform::lsofExecutablePath()
+#define CORVANE_NEEDS_LSOF()                             \
+  if (access(platform::lsofExecutablePath(), X_OK) != 0) \
+  GTEST_SKIP() << "needs lsof at " << platform::lsofExecutablePath()
 
 TEST(MigrationOpenFilesListersTest, NativeScanAndLsofFindTheSameOccupantsForTheSameReasons) {
   CORVANE_NEEDS_LSOF();
@@ -309,8 +336,12 @@ TEST(MigrationOpenFilesListersTest, NativeScanAndLsofFindTheSameOccupantsForTheS
   EXPECT_EQ(byPath(native, getpid()), (Paths{{"mine.txt", Reason::read_only}}));
   EXPECT_TRUE(byPath(native, bystander.pid()).empty());
   for (const auto& reference : native) {
-    if (reference.pid == oddReader.pid()) { EXPECT_EQ(reference.name, item + "/" + oddName); }
-    if (reference.pid == aliasReader.pid()) { EXPECT_EQ(reference.name, scratch.child("outside-link.txt")); }
+    if (reference.pid == oddReader.pid()) {
+      EXPECT_EQ(reference.name, item + "/" + oddName);
+    }
+    if (reference.pid == aliasReader.pid()) {
+      EXPECT_EQ(reference.name, scratch.child("outside-link.txt"));
+    }
     EXPECT_EQ(reference.throughOtherHardLink, reference.pid == aliasReader.pid()) << reference.name;
   }
 }
@@ -338,14 +369,16 @@ TEST(MigrationOpenFilesListersTest, RequireIdlePassesOnceTheLastOccupantLeaves) 
   int rechecks = 0;
   // The occupant quits while the check waits; the re-check finds the item idle.
   auto quitThenRecheck = [&](int attempt) { return holder.reset(), attempt <= 1; };
-  EXPECT_NO_THROW(MigrationOpenFiles::requireIdle(item, index, MigrationOpenFiles::defaultInspect(), quitThenRecheck,
-                                                  [&] { ++rechecks; }, MigrationOpenFiles::defaultIdentify()));
+  EXPECT_NO_THROW(MigrationOpenFiles::requireIdle(
+      item, index, MigrationOpenFiles::defaultInspect(), quitThenRecheck, [&] { ++rechecks; },
+      MigrationOpenFiles::defaultIdentify()));
   EXPECT_EQ(rechecks, 1);
   auto stubborn = OccupantProcess::holdingFile(item + "/held.txt", O_RDONLY);
   try {
-    MigrationOpenFiles::requireIdle(item, index, MigrationOpenFiles::defaultInspect(),
-                                    MigrationOpenFiles::waitBetweenRechecks(2, std::chrono::milliseconds(10)),
-                                    [&] { ++rechecks; }, MigrationOpenFiles::defaultIdentify());
+    MigrationOpenFiles::requireIdle(
+        item, index, MigrationOpenFiles::defaultInspect(),
+        MigrationOpenFiles::waitBetweenRechecks(2, std::chrono::milliseconds(10)), [&] { ++rechecks; },
+        MigrationOpenFiles::defaultIdentify());
     FAIL() << "an item held open must block";
   } catch (const MigrationOpenFiles::Blocked& blocked) {
     EXPECT_EQ(rechecks, 3);
@@ -357,7 +390,8 @@ TEST(MigrationOpenFilesListersTest, RequireIdlePassesOnceTheLastOccupantLeaves) 
 }
 
 TEST(MigrationOccupancyDescriptionTest, FiveOpenPathsShowTwoAndCountTheRest) {
-  MigrationOpenFiles::Group editor{GroupKind::process, "editor", {311, 312}, {}, {Reason::writable, Reason::working_directory}};
+  MigrationOpenFiles::Group editor{
+      GroupKind::process, "editor", {311, 312}, {}, {Reason::writable, Reason::working_directory}};
   for (const auto* path : {"a.txt", "b.txt", "c.txt", "d.txt", "e.txt"}) editor.paths.push_back({path, std::nullopt});
   editor.paths[1].openedAs = "/Backups/b-link.txt";
   auto reasonLine = [](Reason reason) {
@@ -365,14 +399,16 @@ TEST(MigrationOccupancyDescriptionTest, FiveOpenPathsShowTwoAndCountTheRest) {
     return localizedFormat("occupancy.message.reason", localized("migration.occupancy.reason_" + name),
                            localized("migration.occupancy.kind_" + name));
   };
-  EXPECT_EQ(MigrationOccupancyDescription::message(MigrationOpenFiles::Blocked("/Users/me/Projects", {editor})),
-            localizedFormat("migration.occupancy.header", "Projects") + "\n" +
-                localizedFormat("migration.occupancy.group", "editor", localizedFormat("migration.occupancy.pids", "311, 312")) +
-                "\n" + reasonLine(Reason::writable) + "\n" + reasonLine(Reason::working_directory) + "\n" +
-                localizedFormat("migration.occupancy.reference", "Projects/a.txt") + "\n" +
-                localizedFormat("migration.occupancy.reference",
-                                localizedFormat("migration.occupancy.hardlink_alias", "Projects/b.txt", "/Backups/b-link.txt")) +
-                "\n" + localizedFormat("migration.occupancy.more_paths", 3));
+  EXPECT_EQ(
+      MigrationOccupancyDescription::message(MigrationOpenFiles::Blocked("/Users/me/Projects", {editor})),
+      localizedFormat("migration.occupancy.header", "Projects") + "\n" +
+          localizedFormat("migration.occupancy.group", "editor",
+                          localizedFormat("migration.occupancy.pids", "311, 312")) +
+          "\n" + reasonLine(Reason::writable) + "\n" + reasonLine(Reason::working_directory) + "\n" +
+          localizedFormat("migration.occupancy.reference", "Projects/a.txt") + "\n" +
+          localizedFormat("migration.occupancy.reference", localizedFormat("migration.occupancy.hardlink_alias",
+                                                                           "Projects/b.txt", "/Backups/b-link.txt")) +
+          "\n" + localizedFormat("migration.occupancy.more_paths", 3));
 }
 
 }  // namespace

@@ -1,5 +1,7 @@
 // What may stop a move before it starts: live sockets (probed for real and through stand-ins), their owners, the
 // plan over real sockets, a git monitor, FIFOs and devices; protected places; and simulator data (stand-in xcrun).
+#include "engine/preflight/migration_preflight.h"
+
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
@@ -11,11 +13,10 @@
 #include <fstream>
 
 #include "catalogue/protected_locations.h"
-#include "engine/preflight/migration_preflight.h"
+#include "engine/migration_test_support.h"
 #include "engine/preflight/migration_selection_validator.h"
 #include "engine/preflight/migration_socket_owners.h"
 #include "engine/preflight/migration_socket_probe.h"
-#include "engine/migration_test_support.h"
 #include "engine/preflight/simulator_migration_preflight.h"
 #include "fixtures/corvane_binary.h"
 #include "fixtures/occupant_process.h"
@@ -36,7 +37,9 @@ namespace {
 using Choice = MigrationPreflight::Choice;
 using State = MigrationSocketProbe::State;
 
-State probed(const std::string& path) { return MigrationSocketProbe::inspect(path, std::string(corvaneBinaryPath())).state; }
+State probed(const std::string& path) {
+  return MigrationSocketProbe::inspect(path, std::string(corvaneBinaryPath())).state;
+}
 
 TEST(MigrationSocketProbeTest, TellsListeningStaleDatagramMissingAndNonSocketsApartAtAnyPathLength) {
   TemporaryDirectory directory;
@@ -80,9 +83,10 @@ TEST(MigrationSocketProbeTest, ProbeModeAnswersUnknownToHostileOrMalformedArgume
   // Every other probe here goes through this mode of the real binary; only bad requests remain.
   TemporaryDirectory directory;
   auto server = OccupantProcess::listening(directory.path(), "live.sock", OccupantSocket::stream);
-  for (const auto& arguments : std::vector<std::vector<std::string>>{
-           {"--corvane-inspect-socket"}, {"--corvane-inspect-socket", "live.sock", "extra"},
-           {"--corvane-inspect-socket", "../live.sock"}, {"--corvane-inspect-socket", ".."}}) {
+  for (const auto& arguments : std::vector<std::vector<std::string>>{{"--corvane-inspect-socket"},
+                                                                     {"--corvane-inspect-socket", "live.sock", "extra"},
+                                                                     {"--corvane-inspect-socket", "../live.sock"},
+                                                                     {"--corvane-inspect-socket", ".."}}) {
     platform::ProcessRequest request;
     request.executable = corvaneBinaryPath();
     request.arguments = arguments;
@@ -114,7 +118,8 @@ TEST(MigrationSocketProbeTest, StandInProbesAreBelievedOnlyWhenTheyAnswerWellAnd
   const auto state = stateFrom(
       "[ \"$1\" = --corvane-inspect-socket ] && [ \"$2\" = stale.sock ] && [ $# -eq 2 ] && [ -S \"$2\" ] &&"
       " [ -z \"${DYLD_INSERT_LIBRARIES+set}\" ] && [ -z \"${XCInjectBundle+set}\" ] &&"
-      " [ \"$LLVM_PROFILE_FILE\" = /dev/null ] && [ \"$CORVANE_KEPT\" = yes ] && { echo '{\"state\":\"inactive\"}'; exit 0; }\n"
+      " [ \"$LLVM_PROFILE_FILE\" = /dev/null ] && [ \"$CORVANE_KEPT\" = yes ] && { echo '{\"state\":\"inactive\"}'; "
+      "exit 0; }\n"
       "echo '{\"state\":\"active\"}'\n");
   unsetenv("DYLD_INSERT_LIBRARIES");
   unsetenv("XCInjectBundle");
@@ -139,7 +144,8 @@ TEST(MigrationSocketOwnersTest, ParsesCommandNamesAndNamesNobodyWhenInDoubt) {
   EXPECT_TRUE(MigrationSocketOwners::lookup(socket).empty()) << "nobody holds a stale socket";
   EXPECT_TRUE(MigrationSocketOwners::lookup(directory.child("missing.sock")).empty());
   const auto hanging = writeScript(directory.path(), "hanging", "echo p1; echo cnever; exec sleep 30\n");
-  EXPECT_TRUE(MigrationSocketOwners::lookup(socket, hanging).empty()) << "a tool that does not finish in time names nobody";
+  EXPECT_TRUE(MigrationSocketOwners::lookup(socket, hanging).empty())
+      << "a tool that does not finish in time names nobody";
   const auto latin1 = writeScript(directory.path(), "latin1", "printf 'p1\\ncna\\357ve\\n'\n");
   EXPECT_TRUE(MigrationSocketOwners::lookup(socket, latin1).empty()) << "names that are not UTF-8 are not believed";
 }
@@ -152,7 +158,9 @@ MigrationPreflight::Services testServices() {
 
 // Answers from a script, runs `onAnswer` with each answer and remembers what it was asked.
 struct ScriptedPrompter : MigrationPreflightPrompter {
-  explicit ScriptedPrompter(Choice answer, std::function<void()> onAnswer = [] {}) : answer(answer), onAnswer(onAnswer) {}
+  explicit ScriptedPrompter(
+      Choice answer, std::function<void()> onAnswer = [] {})
+      : answer(answer), onAnswer(onAnswer) {}
   Choice choose(const std::vector<MigrationRuntimeBlocker>& blockers) override {
     asked.push_back(keys(blockers));
     if (asked.size() > 1) throw std::logic_error("asked again after the one scripted answer");
@@ -199,7 +207,9 @@ TEST(MigrationPreflightTest, BlockersOfARealItem) {
   ASSERT_EQ(mkfifo((item + "/busy.fifo").c_str(), 0600), 0);
   auto fifoReader = OccupantProcess::readingFifo(item + "/busy.fifo");
   const bool root = geteuid() == 0;
-  if (root) { ASSERT_EQ(mknod((item + "/null").c_str(), S_IFCHR | 0600, makedev(1, 3)), 0); }
+  if (root) {
+    ASSERT_EQ(mknod((item + "/null").c_str(), S_IFCHR | 0600, makedev(1, 3)), 0);
+  }
   const auto services = testServices();
   const auto manifest = MigrationPreflight::scan(item, {});
   const auto confirmed = MigrationPreflight::idleFifos(item, manifest, services.fifosInUse);
@@ -213,7 +223,9 @@ TEST(MigrationPreflightTest, BlockersOfARealItem) {
   EXPECT_EQ(ScriptedPrompter::keys(assessment.blockers), expected);
   EXPECT_EQ(assessment.inactiveSockets, std::set<std::string>{"run/stale.sock"});
   for (const auto& blocker : assessment.blockers) {
-    if (blocker.key == "migration.preflight.git_service") { EXPECT_EQ(blocker.gitDirectory, item + "/repo/.git"); }
+    if (blocker.key == "migration.preflight.git_service") {
+      EXPECT_EQ(blocker.gitDirectory, item + "/repo/.git");
+    }
     if (blocker.relativePath == "run/server.sock") {
       // The server is a fork of this test program, so it carries the program's command name.
       EXPECT_EQ(blocker.owners, std::vector<std::string>{lastComponent(serverDetails->executablePath).substr(0, 15)});
@@ -240,7 +252,8 @@ TEST(MigrationPreflightTest, PlanLoopDefersRetriesAndStopsOnAFifoThatStaysBusyAn
   // The user quits the server (its socket file stays behind) and says retry.
   ScriptedPrompter retrying(Choice::retry, [&] { server.reset(); });
   int visited = 0;
-  const auto plan = MigrationPreflight::plan(item, [&](const std::string&) { ++visited; }, retrying, testServices());
+  const auto plan = MigrationPreflight::plan(
+      item, [&](const std::string&) { ++visited; }, retrying, testServices());
   EXPECT_EQ(retrying.asked, std::vector<std::vector<std::string>>{{"migration.preflight.socket app.sock"}});
   EXPECT_EQ(plan.inactiveSockets, std::set<std::string>{"app.sock"});
   EXPECT_EQ(plan.confirmedFifos, std::set<std::string>{"idle.fifo"});
@@ -252,7 +265,8 @@ TEST(MigrationPreflightTest, PlanLoopDefersRetriesAndStopsOnAFifoThatStaysBusyAn
   EXPECT_NO_THROW(MigrationPreflight::requireRuntimeIdle(item, plan.manifest, plan.inactiveSockets, probe));
   ASSERT_EQ(unlink((item + "/app.sock").c_str()), 0);
   server = std::make_unique<OccupantProcess>(OccupantProcess::listening(item, "app.sock", OccupantSocket::stream));
-  auto issue = issueOf([&] { MigrationPreflight::requireRuntimeIdle(item, plan.manifest, plan.inactiveSockets, probe); });
+  auto issue =
+      issueOf([&] { MigrationPreflight::requireRuntimeIdle(item, plan.manifest, plan.inactiveSockets, probe); });
   EXPECT_EQ(issue.key(), "migration.preflight.runtime");
   EXPECT_EQ(issue.detail(), item + "/app.sock");
   auto unknownProbe = [](const std::string&) { return MigrationSocketProbe::Observation{}; };
@@ -278,7 +292,8 @@ TEST(MigrationPreflightTest, StoppingTheGitMonitorIsBelievedOnlyOnceItsSocketIsG
       OccupantProcess::listening(gitDirectory, "fsmonitor--daemon.ipc", OccupantSocket::stream));
   std::vector<std::string> commands;
   auto services = testServices();
-  services.run = [&](const std::string& executable, const std::vector<std::string>& arguments, const std::string& where) {
+  services.run = [&](const std::string& executable, const std::vector<std::string>& arguments,
+                     const std::string& where) {
     std::string command = executable;
     for (const auto& argument : arguments) command += " " + argument;
     commands.push_back(command + " @" + where);
@@ -343,10 +358,12 @@ constexpr platform::ProcessDeadlines kTestDeadlines{300ms, 300ms, 300ms};
 
 // A stand-in xcrun that checks its arguments, records its pid in `name`.pid, then runs `body`.
 std::string fakeXcrun(const TemporaryDirectory& directory, const std::string& body, const std::string& name = "xcrun") {
-  return writeScript(directory.path(), name,
-                     "echo $$ > '" + directory.child(name + ".pid") + "'\n"
-                     "if [ \"$*\" != 'simctl list devices --json' ]; then echo \"unexpected: $*\" >&2; exit 64; fi\n" +
-                         body + "\n");
+  return writeScript(
+      directory.path(), name,
+      "echo $$ > '" + directory.child(name + ".pid") +
+          "'\n"
+          "if [ \"$*\" != 'simctl list devices --json' ]; then echo \"unexpected: $*\" >&2; exit 64; fi\n" +
+          body + "\n");
 }
 
 std::string listing(const std::string& json) { return "cat <<'JSON'\n" + json + "\nJSON"; }
@@ -364,8 +381,8 @@ TEST(SimulatorDeviceCheckTest, ShutDownOrAbsentDevicesPassAndAnyOtherStateRefuse
   EXPECT_EQ(checked(fakeXcrun(directory, listing(kAllShutdown))).key(), "");
   EXPECT_EQ(checked(fakeXcrun(directory, listing(R"({"devices":{}})"))).key(), "");
   for (const std::string state : {"Booted", "Booting", "Shutting Down", "shutdown", ""}) {
-    const auto issue = checked(fakeXcrun(directory, listing(R"({"devices":{"r1":[{"state":"Shutdown"}],"r2":[{"state":")" +
-                                                             state + R"("}]}})")));
+    const auto issue = checked(fakeXcrun(
+        directory, listing(R"({"devices":{"r1":[{"state":"Shutdown"}],"r2":[{"state":")" + state + R"("}]}})")));
     EXPECT_EQ(issue.key(), "error.simulator_running") << state;
     EXPECT_EQ(issue.detail(), "") << state;
   }
@@ -373,9 +390,10 @@ TEST(SimulatorDeviceCheckTest, ShutDownOrAbsentDevicesPassAndAnyOtherStateRefuse
 }
 
 TEST(SimulatorDeviceCheckTest, UndecodableListingsAndFailingOrHangingToolsFailTheCheckAndAreReaped) {
-  for (const std::string output : {"garbage", "", R"({"devices":[]})", R"({"runtimes":{}})", R"({"devices":{"r":[{}]}})",
-                                   R"({"devices":{"r":[{"state":1}]}})", R"({"devices":{"r":{"state":"Shutdown"}}})",
-                                   R"([{"devices":{}}])", R"({"devices":{"r":[{"state":"Shutdown"}]})"}) {
+  for (const std::string output :
+       {"garbage", "", R"({"devices":[]})", R"({"runtimes":{}})", R"({"devices":{"r":[{}]}})",
+        R"({"devices":{"r":[{"state":1}]}})", R"({"devices":{"r":{"state":"Shutdown"}}})", R"([{"devices":{}}])",
+        R"({"devices":{"r":[{"state":"Shutdown"}]})"}) {
     const auto issue = issueOf([&] { Preflight::validateDeviceList(output); });
     EXPECT_EQ(issue.key(), "error.simulator_check_failed") << output;
     EXPECT_FALSE(issue.detail().empty()) << "the decoder's description is kept: " << output;
@@ -409,28 +427,35 @@ TEST(SimulatorDeviceCheckTest, UndecodableListingsAndFailingOrHangingToolsFailTh
 }
 
 TEST(SimulatorPathCheckTest, TheSystemFolderIsRefusedAndTheHomesFolderIsUserData) {
-  for (const std::string path : {"/Library/Developer/CoreSimulator", "/Library/Developer/CoreSimulator/",
-                                 "/Library/Developer/CoreSimulator/Profiles/Runtimes",
-                                 "/Library/Developer/Tools/../CoreSimulator/Devices", "//Library/./Developer/CoreSimulator"}) {
+  for (const std::string path :
+       {"/Library/Developer/CoreSimulator", "/Library/Developer/CoreSimulator/",
+        "/Library/Developer/CoreSimulator/Profiles/Runtimes", "/Library/Developer/Tools/../CoreSimulator/Devices",
+        "//Library/./Developer/CoreSimulator"}) {
     const auto issue = issueOf([&] { Preflight::validateSystemPath(path); });
     EXPECT_EQ(issue.key(), "error.simulator_system_directory") << path;
     EXPECT_EQ(issue.detail(), path);
   }
-  for (const std::string path : {"/Library/Developer/CoreSimulatorX", "/Library/Developer",
-                                 "/Library/Developer/CoreSimulatorBackup/x", "/Users/a/Library/Developer/CoreSimulator"}) {
+  for (const std::string path :
+       {"/Library/Developer/CoreSimulatorX", "/Library/Developer", "/Library/Developer/CoreSimulatorBackup/x",
+        "/Users/a/Library/Developer/CoreSimulator"}) {
     EXPECT_NO_THROW(Preflight::validateSystemPath(path)) << path;
   }
   // A link is judged by where it leads.
   TemporaryDirectory home;
   ASSERT_EQ(::symlink("/Library/Developer/CoreSimulator/Devices", home.child("devices").c_str()), 0);
-  EXPECT_EQ(issueOf([&] { Preflight::validateSystemPath(home.child("devices")); }).key(), "error.simulator_system_directory");
+  EXPECT_EQ(issueOf([&] { Preflight::validateSystemPath(home.child("devices")); }).key(),
+            "error.simulator_system_directory");
   const std::string base = home.child("Library/Developer/CoreSimulator");
   makeDirectories(base + "/Devices");
   ASSERT_EQ(::symlink((base + "/Devices").c_str(), home.child("shortcut").c_str()), 0);
-  for (const auto& [path, userData] : std::vector<std::pair<std::string, bool>>{
-           {base, true}, {base + "/Devices/ABC", true}, {home.child("Library/Developer/Xcode/../CoreSimulator"), true},
-           {home.child("shortcut"), true}, {base + "Backup", false}, {home.child("Library/Developer"), false},
-           {"/Library/Developer/CoreSimulator", false}}) {
+  for (const auto& [path, userData] :
+       std::vector<std::pair<std::string, bool>>{{base, true},
+                                                 {base + "/Devices/ABC", true},
+                                                 {home.child("Library/Developer/Xcode/../CoreSimulator"), true},
+                                                 {home.child("shortcut"), true},
+                                                 {base + "Backup", false},
+                                                 {home.child("Library/Developer"), false},
+                                                 {"/Library/Developer/CoreSimulator", false}}) {
     EXPECT_EQ(Preflight::isUserData(path, home.path()), userData) << path;
   }
   EXPECT_TRUE(Preflight::isUserData(base, home.path() + "/"));
@@ -485,7 +510,8 @@ TEST(SimulatorPreflightTest, UserDataNeedsACapableVolumeNoSimulatorProgramsAndSh
   };
   for (std::size_t index = 0; index < cases.size(); ++index) {
     ScriptedServices scripted(home.path(), cases[index].support, cases[index].running, cases[index].tool);
-    const auto issue = issueOf([&] { Preflight::check(source, "/media/disk/Directories" + source, scripted.services); });
+    const auto issue =
+        issueOf([&] { Preflight::check(source, "/media/disk/Directories" + source, scripted.services); });
     EXPECT_EQ(issue.key(), cases[index].expectedKey) << "case " << index;
     EXPECT_EQ(issue.detail(), "") << "case " << index;
   }
@@ -500,7 +526,8 @@ TEST(SimulatorPreflightTest, TheRealVolumeProbeDecidesWhetherSimulatorDataMayGoT
     services.homeDirectory = home.path();
     const std::string source = home.child("Library/Developer/CoreSimulator");
     // The destination does not exist yet; its volume is that of the nearest existing folder.
-    EXPECT_EQ(issueOf([&] { Preflight::check(source, volume->child("Directories" + source), services); }).key(), expectedKey)
+    EXPECT_EQ(issueOf([&] { Preflight::check(source, volume->child("Directories" + source), services); }).key(),
+              expectedKey)
         << volumeKindName(kind);
   }
 }
@@ -508,13 +535,37 @@ TEST(SimulatorPreflightTest, TheRealVolumeProbeDecidesWhetherSimulatorDataMayGoT
 TEST(ProtectedLocationsTest, SystemTreesHomesEveryFolderAboveThemAndLinksToThemAreKeptAndRefused) {
   using Paths = std::vector<std::string>;
   const std::vector<std::tuple<platform::HostSystem, const char*, Paths, Paths>> cases = {
-      {platform::HostSystem::linuxDesktop, "/home/ann",
-       {"/", "/usr", "/usr/local/bin/tool", "/bin", "/etc", "/etc/ssh", "/boot/efi", "/proc/1", "/sys/class", "/dev/null",
-        "/var/lib", "/var/lib/docker", "/run/user/1000", "/var", "/home", "/home/ann", "/home/ann/", "/home/ann/x/..",
-        "/home//ann", "/tmp", "/media", "/mnt", "/root", "relative/path", ""},
+      {platform::HostSystem::linuxDesktop,
+       "/home/ann",
+       {"/",
+        "/usr",
+        "/usr/local/bin/tool",
+        "/bin",
+        "/etc",
+        "/etc/ssh",
+        "/boot/efi",
+        "/proc/1",
+        "/sys/class",
+        "/dev/null",
+        "/var/lib",
+        "/var/lib/docker",
+        "/run/user/1000",
+        "/var",
+        "/home",
+        "/home/ann",
+        "/home/ann/",
+        "/home/ann/x/..",
+        "/home//ann",
+        "/tmp",
+        "/media",
+        "/mnt",
+        "/root",
+        "relative/path",
+        ""},
        {"/home/ann/Projects", "/home/ann/.cache", "/home/ann/.local/share/Steam", "/opt/tool", "/srv/data", "/var/log",
         "/var/cache/big", "/tmp/build", "/media/ann/Disk/x", "/usrx", "/home/annex", "/home/bob/Videos"}},
-      {platform::HostSystem::macOS, "/Users/ann",
+      {platform::HostSystem::macOS,
+       "/Users/ann",
        {"/", "/System", "/System/Applications/Safari.app", "/usr/local", "/private/var/db",
         "/Library/Developer/CoreSimulator/Devices", "/Library", "/Library/Developer", "/Applications", "/Users",
         "/Users/ann", "/Users/ann/Library", "/Volumes"},

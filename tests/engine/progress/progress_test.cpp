@@ -88,7 +88,9 @@ TEST(ProgressTrackerTest, ClockDeliversSamplesUntilStoppedWhileWorkersReport) {
   });
   std::vector<std::thread> workers;
   for (int w = 0; w < 4; ++w) {
-    workers.emplace_back([&, w] { for (int i = 0; i < 20000; ++i) tracker.copied("a", (i * 4 + w) * 10, i, "p"); });
+    workers.emplace_back([&, w] {
+      for (int i = 0; i < 20000; ++i) tracker.copied("a", (i * 4 + w) * 10, i, "p");
+    });
   }
   for (auto& worker : workers) worker.join();
   while (samples < 2) std::this_thread::yield();

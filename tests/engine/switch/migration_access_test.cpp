@@ -1,10 +1,11 @@
+#include "engine/switch/migration_access.h"
+
 #include <gtest/gtest.h>
 #include <unistd.h>
 
 #include <algorithm>
 
 #include "engine/item_test_support.h"
-#include "engine/switch/migration_access.h"
 #include "engine/manifest/migration_link_plan.h"
 #include "fixtures/corvane_binary.h"
 #include "fixtures/sample_tree.h"
@@ -64,8 +65,8 @@ class AccessFixture : public ::testing::Test {
     permissionReference_ = readOnly_->child("reference");
   }
   MigrationAccess::Configuration configuration() const {
-    return {runner_, MigrationPrivilegedCommands(platform::PrivilegedCommandStyle::corvaneHelper, corvaneBinaryPath()),
-            {}};
+    return {
+        runner_, MigrationPrivilegedCommands(platform::PrivilegedCommandStyle::corvaneHelper, corvaneBinaryPath()), {}};
   }
   MigrationAccess access() const {
     return MigrationAccess(source_, manifest_.at(""), permissionReference_, configuration());
@@ -224,8 +225,8 @@ TEST_F(AccessFixture, AdministratorCommandsMoveNothingUnlessTheyRunAsWritten) {
     const std::string parent = internal_->child(which);
     makeDirectories(parent + "/Item");
     ASSERT_EQ(::symlink("/target", (parent + "/Item.link").c_str()), 0);
-    const std::string command = configuration().commands->exchangeCommand(parent + "/Item", parent + "/Item.link",
-                                                                          ExchangeCheck::checked);
+    const std::string command =
+        configuration().commands->exchangeCommand(parent + "/Item", parent + "/Item.link", ExchangeCheck::checked);
     if (which == "parent") {
       ASSERT_EQ(::rename(parent.c_str(), (parent + "-moved").c_str()), 0);
       makeDirectories(parent + "/Item");

@@ -1,8 +1,9 @@
+#include "engine/switch/migration_privileged_commands.h"
+
 #include <gtest/gtest.h>
 #include <unistd.h>
 
 #include "engine/item_test_support.h"
-#include "engine/switch/migration_privileged_commands.h"
 #include "fixtures/sample_tree.h"
 #include "fixtures/temporary_directory.h"
 #include "platform/posix_error.h"
@@ -60,10 +61,12 @@ TEST(PrivilegedCommandsTest, TheCheckedScriptChecksThreeIdentitiesAndSwapsOnce) 
       "ObjC.import('Foundation'); ObjC.bindFunction('renamex_np',['int',['char *','char *','unsigned int']]);";
   for (const std::string& path : {dir.path(), item, link}) {
     const auto entry = *entryAt(path);
-    expected += "var a=$.NSFileManager.defaultManager.attributesOfItemAtPathError(" + javaScriptLiteral(path) +
-                ",null);if(!a || a.objectForKey($.NSFileSystemFileNumber).stringValue.js!==" +
-                javaScriptLiteral(std::to_string(entry.inode)) + " || a.objectForKey($.NSFileSystemNumber).stringValue.js!==" +
-                javaScriptLiteral(std::to_string(entry.device)) + "){throw Error('identity changed');}";
+    expected +=
+        "var a=$.NSFileManager.defaultManager.attributesOfItemAtPathError(" + javaScriptLiteral(path) +
+        ",null);if(!a || a.objectForKey($.NSFileSystemFileNumber).stringValue.js!==" +
+        javaScriptLiteral(std::to_string(entry.inode)) +
+        " || a.objectForKey($.NSFileSystemNumber).stringValue.js!==" + javaScriptLiteral(std::to_string(entry.device)) +
+        "){throw Error('identity changed');}";
   }
   const std::string swap = "if($.renamex_np(" + javaScriptLiteral(item) + "," + javaScriptLiteral(link) +
                            ",2)!==0){throw Error('atomic exchange failed');}";

@@ -1,9 +1,10 @@
+#include "engine/switch/migration_source_switch.h"
+
 #include <gtest/gtest.h>
 #include <unistd.h>
 
 #include "engine/item_test_support.h"
 #include "engine/switch/migration_file_safety.h"
-#include "engine/switch/migration_source_switch.h"
 #include "fixtures/sample_tree.h"
 #include "fixtures/temporary_directory.h"
 #include "fixtures/test_volume.h"

@@ -1,4 +1,6 @@
 // What a copy plans (workload, rewritten links) and does between real volumes, and its staging area.
+#include "engine/transfer/progress_file_copier.h"
+
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -6,9 +8,8 @@
 
 #include "engine/item_test_support.h"
 #include "engine/manifest/migration_copy_workload.h"
-#include "engine/verify/migration_integrity_verifier.h"
 #include "engine/manifest/migration_link_plan.h"
-#include "engine/transfer/progress_file_copier.h"
+#include "engine/verify/migration_integrity_verifier.h"
 #include "fixtures/sample_tree.h"
 #include "fixtures/temporary_directory.h"
 #include "fixtures/test_volume.h"
@@ -35,7 +36,8 @@ class CopierTest : public ::testing::Test {
   }
   void copy(const std::set<std::string>& inactive = {}) {
     manifest_ = scanned(source_);
-    staging_ = std::make_unique<MigrationStagingArea>(source_, to_->child("Applications/Sample.app"), to_->mountPoint());
+    staging_ =
+        std::make_unique<MigrationStagingArea>(source_, to_->child("Applications/Sample.app"), to_->mountPoint());
     ProgressFileCopier::copy(source_, staging_->payload(), manifest_, inactive,
                              MigrationLinkPlan::relocatedTargets(source_, manifest_), *staging_,
                              [&](const MigrationCopyUpdate& update) { updates_.push_back(update); });
@@ -49,8 +51,9 @@ class CopierTest : public ::testing::Test {
 };
 
 TEST_F(CopierTest, CopyKeepsEveryPropertyOfEveryObjectAcrossVolumes) {
-  buildSampleTree(source_, {.fifo = true, .staleSocket = true, .sparseFile = true, .extendedAttributes = true,
-                            .accessControlList = true});
+  buildSampleTree(
+      source_,
+      {.fifo = true, .staleSocket = true, .sparseFile = true, .extendedAttributes = true, .accessControlList = true});
   ASSERT_EQ(chown((source_ + "/Contents/Resources/deep/file7.txt").c_str(), 65534, 65534), 0);
   ASSERT_EQ(chmod((source_ + "/Contents/MacOS").c_str(), 0555), 0);  // read-only directory
   struct timespec times[2] = {{1500000000, 1}, {1600000000, 999999999}};
@@ -85,7 +88,8 @@ TEST_F(CopierTest, CopyKeepsEveryPropertyOfEveryObjectAcrossVolumes) {
   EXPECT_LT(statOf(payload + "/Contents/sparse.bin").allocatedBytes, 1 << 20);
   EXPECT_EQ(platform::readExtendedAttribute(payload + "/Contents/Info.plist", "user.corvane.test"),
             std::string("value\0with nul", 14));
-  EXPECT_EQ(platform::readExtendedAttribute(payload + "/Contents/Resources", "user.corvane.dir"), "directory attribute");
+  EXPECT_EQ(platform::readExtendedAttribute(payload + "/Contents/Resources", "user.corvane.dir"),
+            "directory attribute");
   EXPECT_TRUE(platform::hasExtendedAccessControlList(payload + "/Contents/Resources/deep/file2.txt"));
   // Progress never goes back and ends at the workload, hard-linked data credited once.
   ASSERT_FALSE(updates_.empty());
@@ -146,21 +150,24 @@ TEST(LinkPlanTest, OnlyLinksThatClimbOutOfTheItemAreRewritten) {
   writeFile(root + "/x", "inside");
   writeFile(home + "/x", "outside");
   std::vector<std::pair<std::string, std::string>> links = {
-      {"a/b/stays", "../../x"},                    // a/b -> a -> root: x, inside
-      {"climbs", "../x"},                          // from the root: outside
-      {"a/../sibling", "../shared"},               // written as a/../sibling == sibling: climbs out
-      {"absolute", "/etc/hostname"},               // absolute links stay as they are
-      {"a/dotdot-inside", "b/../../x"}, {"dots", "./././x"},
-      {"to-b", "a/b"},                             // inner relative link to a directory
-      {"through", "to-b/../../../x"},              // root/to-b -> a/b, then up three: climbs out
-      {"abs-inside", root + "/a"},                 // absolute link into the item itself
-      {"via-absolute", "abs-inside/../../x"},      // resolves through the item: root/.. -> outside
-      {"a/up-one", "../x"},                        // stays inside: root/x
-      {"via-inner-ok", "a/up-one"},                // chain that ends inside
-      {"uses-out", "climbs"},                      // points at a rewritten link: left alone
-      {"loop-a", "loop-b"}, {"loop-b", "loop-a"}, {"through-loop", "loop-a/../../x"},
-      {"via-long", "long1/../../x"},               // 41 inner links before the climb: not followed
-      {"via-short", "short1/../../x"},             // 40: followed, and it climbs out
+      {"a/b/stays", "../../x"},       // a/b -> a -> root: x, inside
+      {"climbs", "../x"},             // from the root: outside
+      {"a/../sibling", "../shared"},  // written as a/../sibling == sibling: climbs out
+      {"absolute", "/etc/hostname"},  // absolute links stay as they are
+      {"a/dotdot-inside", "b/../../x"},
+      {"dots", "./././x"},
+      {"to-b", "a/b"},                         // inner relative link to a directory
+      {"through", "to-b/../../../x"},          // root/to-b -> a/b, then up three: climbs out
+      {"abs-inside", root + "/a"},             // absolute link into the item itself
+      {"via-absolute", "abs-inside/../../x"},  // resolves through the item: root/.. -> outside
+      {"a/up-one", "../x"},                    // stays inside: root/x
+      {"via-inner-ok", "a/up-one"},            // chain that ends inside
+      {"uses-out", "climbs"},                  // points at a rewritten link: left alone
+      {"loop-a", "loop-b"},
+      {"loop-b", "loop-a"},
+      {"through-loop", "loop-a/../../x"},
+      {"via-long", "long1/../../x"},    // 41 inner links before the climb: not followed
+      {"via-short", "short1/../../x"},  // 40: followed, and it climbs out
   };
   for (const auto& [name, length] : {std::pair<std::string, int>{"long", 41}, {"short", 40}}) {
     for (int i = 1; i <= length; ++i) {

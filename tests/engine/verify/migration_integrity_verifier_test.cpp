@@ -1,3 +1,5 @@
+#include "engine/verify/migration_integrity_verifier.h"
+
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
@@ -6,10 +8,9 @@
 #include <random>
 
 #include "engine/item_test_support.h"
-#include "engine/verify/migration_content_comparison.h"
 #include "engine/manifest/migration_copy_workload.h"
+#include "engine/verify/migration_content_comparison.h"
 #include "engine/verify/migration_entry_repair.h"
-#include "engine/verify/migration_integrity_verifier.h"
 #include "fixtures/occupant_process.h"
 #include "fixtures/sample_tree.h"
 #include "fixtures/temporary_directory.h"
@@ -193,8 +194,8 @@ TEST(MigrationVerificationTest, WrongEntriesAreRebuiltButStrangersLiveSocketsAnd
   auto repaired = staged.repaired();
   std::sort(repaired.begin(), repaired.end());
   EXPECT_EQ(repaired, (std::vector<std::string>{"Contents/Resources/deep/climbs-out", "Contents/Resources/deep/deeper",
-                                                "Contents/Resources/deep/deeper/private.txt", "Contents/pipe",
-                                                "second", "stays-in"}));
+                                                "Contents/Resources/deep/deeper/private.txt", "Contents/pipe", "second",
+                                                "stays-in"}));
   EXPECT_EQ(staged.verifyKey(), "") << "the repaired copy passes as it is";
   EXPECT_EQ(entryAt(copy + "first")->identity(), entryAt(copy + "second")->identity());
   EXPECT_EQ(*entryAt(copy + "Contents/Resources/deep/climbs-out")->link, staged.sourceDirectory.child("outside.txt"));
@@ -227,12 +228,14 @@ TEST(MigrationVerificationTest, OverlappingLocationsAreRefusedThroughLinks) {
   makeDirectories(dir.child("item/inner"));
   makeDirectories(dir.child("other"));
   ASSERT_EQ(::symlink(dir.child("item").c_str(), dir.child("alias").c_str()), 0);
-  for (const auto& [source, destination] : std::vector<std::pair<std::string, std::string>>{
-           {"item", "item"}, {"item", "item/inner/copy"}, {"item/inner", "item"}, {"item", "alias/inner/copy"},
-           {"item", "./item/"}}) {
+  for (const auto& [source, destination] :
+       std::vector<std::pair<std::string, std::string>>{{"item", "item"},
+                                                        {"item", "item/inner/copy"},
+                                                        {"item/inner", "item"},
+                                                        {"item", "alias/inner/copy"},
+                                                        {"item", "./item/"}}) {
     auto validate = [&] { MigrationIntegrityVerifier::validateLocations(dir.child(source), dir.child(destination)); };
-    EXPECT_EQ(issueKeyOf(validate), "error.migration_overlapping_paths")
-        << source << " / " << destination;
+    EXPECT_EQ(issueKeyOf(validate), "error.migration_overlapping_paths") << source << " / " << destination;
   }
   for (const char* separate : {"item-copy", "other/item"}) {
     EXPECT_NO_THROW(MigrationIntegrityVerifier::validateLocations(dir.child("item"), dir.child(separate))) << separate;
