@@ -151,7 +151,7 @@ bool MigrationManager::migrateApps(const std::vector<std::string>& apps, const s
   isMigrating_ = true;
   running_ = batch;
   appendLogNow(logLine("", "log.migration_start", {}));
-  if (progressObserver_) batch->tracker->start(progressObserver_);
+  if (progressObserver_) batch->tracker->start(progressPublisher());
   batch->driver = std::thread([this, batch] { perform(batch); });
   return true;
 }
@@ -384,6 +384,16 @@ void MigrationManager::post(const std::string& runID, std::function<void()> work
 
 void MigrationManager::notify() {
   for (const auto& observer : observers_) observer();
+}
+
+MigrationProgressTracker::Sampled MigrationManager::progressPublisher() {
+  return [&queue = mainQueue_,
+          lifetime = std::weak_ptr<MigrationManager*>(lifetime_)](std::vector<MigrationItemProgress> samples) {
+    queue.post([lifetime, samples = std::move(samples)]() mutable {
+      auto alive = lifetime.lock();
+      if (alive && (*alive)->progressObserver_) (*alive)->progressObserver_(std::move(samples));
+    });
+  };
 }
 
 }  // namespace corvane

@@ -72,7 +72,8 @@ class MigrationManager {
   const std::vector<ItemOutcome>& outcomes() const { return outcomes_; }
   const std::string& progressRunID() const { return progressRunID_; }
   void addObserver(Observer observer) { observers_.push_back(std::move(observer)); }
-  // Called on the tracker's clock thread with every sample.
+  // Called with every sample of the tracker's clock, on the owner thread like every other
+  // published state.
   void setProgressObserver(ProgressObserver observer) { progressObserver_ = std::move(observer); }
   // Every log line as it is appended (owner thread).
   void setLogObserver(std::function<void(const std::string&)> observer) { logObserver_ = std::move(observer); }
@@ -138,6 +139,8 @@ class MigrationManager {
   void appendLog(const std::string& runID, const std::string& item, const std::string& key,
                  const std::vector<std::string>& arguments);
   void post(const std::string& runID, std::function<void()> work);
+  // What a tracker's clock calls: hands each sample to the progress observer on the owner thread.
+  MigrationProgressTracker::Sampled progressPublisher();
   void notify();
 
   MainQueue& mainQueue_;

@@ -68,7 +68,7 @@ MigrationManager::OperationResult MigrationManager::performMigrateBack(const Mig
   MigrationItemProgress progressItem;
   progressItem.name = original;
   MigrationProgressTracker tracker({progressItem});
-  if (progressObserver_) tracker.start(progressObserver_);
+  if (progressObserver_) tracker.start(progressPublisher());
   appendItemLog(name, "log.migrate_back_start", {});
 
   MigrationTransfer::Result transferred;

@@ -14,14 +14,6 @@
 #include "support/uuid.h"
 
 namespace corvane {
-namespace {
-
-std::string failureText(const std::exception_ptr& failure) {
-  return MigrationManager::migrationErrorDescription(failure);
-}
-
-}  // namespace
-
 bool MigrationManager::restoreFromBackup(const BackupRecord& backup, const MigratedApp& app,
                                          const std::optional<std::string>& disk, OperationCompletion completion) {
   // One operation per item: the item counts as being moved while its version is swapped.
@@ -72,7 +64,7 @@ MigrationManager::OperationResult MigrationManager::performRestoreFromBackup(con
     if (!MigrationEntry::read(target, AT_FDCWD)) throw MigrationIssue("log.restore_backup_missing", target);
     platform::renameExclusive(target, kept);
   } catch (...) {
-    return stop("log.restore_backup_failed", {failureText(std::current_exception())});
+    return stop("log.restore_backup_failed", {migrationErrorDescription(std::current_exception())});
   }
   appendItemLog(name, "log.restore_current_backed_up", {kept});
 
@@ -81,12 +73,12 @@ MigrationManager::OperationResult MigrationManager::performRestoreFromBackup(con
     if (hooks_.beforeCommit) hooks_.beforeCommit();
     platform::renameExclusive(chosen, target);
   } catch (...) {
-    OperationResult result = stop("log.restore_failed", {failureText(std::current_exception())});
+    OperationResult result = stop("log.restore_failed", {migrationErrorDescription(std::current_exception())});
     try {
       platform::renameExclusive(kept, target);
       appendItemLog(name, "log.restore_rollback_success", {});
     } catch (...) {
-      appendItemLog(name, "log.restore_rollback_failed", {failureText(std::current_exception())});
+      appendItemLog(name, "log.restore_rollback_failed", {migrationErrorDescription(std::current_exception())});
     }
     appendItemLog("", "log.separator_line", {});
     return result;

@@ -68,7 +68,6 @@ MigrationManager::OperationResult MigrationManager::performUninstall(const Migra
   const std::string original = standardizePath(app.originalPath);
   const std::string target = standardizePath(app.targetPath);
   const std::string name = app.appName.empty() ? lastComponent(original) : app.appName;
-  auto describe = [](const std::exception_ptr& failure) { return migrationErrorDescription(failure); };
   bool failed = false;
 
   appendItemLog(name, "log.uninstall_start", {});
@@ -88,7 +87,7 @@ MigrationManager::OperationResult MigrationManager::performUninstall(const Migra
       appendItemLog(name, "log.uninstall_symlink_deleted", {original});
     } catch (...) {
       failed = true;
-      appendItemLog(name, "log.uninstall_failed", {describe(std::current_exception())});
+      appendItemLog(name, "log.uninstall_failed", {migrationErrorDescription(std::current_exception())});
       appendItemLog(name, "log.uninstall_continue_external", {});
     }
   } else if (standing) {
@@ -108,7 +107,7 @@ MigrationManager::OperationResult MigrationManager::performUninstall(const Migra
     }
   } catch (...) {
     failed = true;
-    appendItemLog(name, "log.uninstall_failed", {describe(std::current_exception())});
+    appendItemLog(name, "log.uninstall_failed", {migrationErrorDescription(std::current_exception())});
     appendItemLog(name, "log.uninstall_continue_support", {});
   }
 
@@ -121,7 +120,7 @@ MigrationManager::OperationResult MigrationManager::performUninstall(const Migra
       appendItemLog(name, "log.uninstall_support_deleted", {path});
     } catch (...) {
       failed = true;
-      appendItemLog(name, "log.uninstall_support_failed", {path, describe(std::current_exception())});
+      appendItemLog(name, "log.uninstall_support_failed", {path, migrationErrorDescription(std::current_exception())});
     }
   }
 

@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <filesystem>
 #include <thread>
@@ -338,7 +339,7 @@ TEST_F(TransferTest, RefusalsBeforeCopyingLeaveEverythingAsItWas) {
   expectSourceUntouched();
 }
 
-TEST_F(MigrationManagerTest, SixItemsNeverRunMoreThanFourTransfersAtOnce) {
+TEST_F(MigrationManagerTest, SixItemsNeverRunMoreThanFourTransfersAtOnceAndReportProgressOnTheOwnerThread) {
   std::vector<std::string> items;
   for (int i = 0; i < 6; ++i) {
     items.push_back(internal_->child("home/item" + std::to_string(i)));
@@ -355,7 +356,14 @@ TEST_F(MigrationManagerTest, SixItemsNeverRunMoreThanFourTransfersAtOnce) {
     --active;
   };
   MigrationManager manager(queue_, apps_, hooks());
+  std::vector<std::thread::id> sampledOn;
+  manager.setProgressObserver(
+      [&](const std::vector<MigrationItemProgress>&) { sampledOn.push_back(std::this_thread::get_id()); });
   runBatch(manager, items);
+  ASSERT_FALSE(sampledOn.empty()) << "the clock's samples reach the observer";
+  EXPECT_EQ(std::count(sampledOn.begin(), sampledOn.end(), std::this_thread::get_id()),
+            static_cast<std::ptrdiff_t>(sampledOn.size()))
+      << "samples arrive on the thread that drains the main queue";
   EXPECT_LE(peak.load(), 4);
   EXPECT_GE(peak.load(), 2) << "items did not run side by side at all";
   EXPECT_EQ(manager.activeMigrationProgress().succeeded, 6);

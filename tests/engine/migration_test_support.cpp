@@ -60,4 +60,12 @@ bool hasStagingLeft(const std::string& directory) {
   return false;
 }
 
+ShortToolDeadlines::ShortToolDeadlines() : saved_(MigrationToolDeadlines::current()) {
+  const platform::ProcessDeadlines brief{std::chrono::milliseconds(300), std::chrono::milliseconds(200),
+                                         std::chrono::milliseconds(500)};
+  MigrationToolDeadlines::setCurrent({brief, brief, brief});
+}
+
+ShortToolDeadlines::~ShortToolDeadlines() { MigrationToolDeadlines::setCurrent(saved_); }
+
 }  // namespace corvane

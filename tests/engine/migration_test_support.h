@@ -10,6 +10,7 @@
 #include "engine/manifest/migration_entry.h"
 #include "engine/migration_issue.h"
 #include "engine/preflight/migration_preflight_prompter.h"
+#include "engine/preflight/migration_tool_deadlines.h"
 
 namespace corvane {
 
@@ -24,6 +25,19 @@ class DeferringPrompter final : public MigrationPreflightPrompter {
 };
 
 // Writes `directory`/`name` as an executable shell script with `body` and returns its path.
+// Tool deadlines of a few hundred milliseconds for the length of a scope, so that a stand-in
+// that hangs is ended at once instead of after the real bounds.
+class ShortToolDeadlines {
+ public:
+  ShortToolDeadlines();
+  ~ShortToolDeadlines();
+  ShortToolDeadlines(const ShortToolDeadlines&) = delete;
+  ShortToolDeadlines& operator=(const ShortToolDeadlines&) = delete;
+
+ private:
+  MigrationToolDeadlines saved_;
+};
+
 std::string writeScript(const std::string& directory, const std::string& name, const std::string& body);
 // True once `pid` is gone and reaped (not even a zombie left).
 bool processIsReaped(pid_t pid);

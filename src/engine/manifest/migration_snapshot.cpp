@@ -1,5 +1,7 @@
 // The manifest walk. Children are read relative to their parent's open directory, which keeps
 // each lookup short and means a directory swapped for a link mid-walk is never entered.
+#include "engine/manifest/migration_snapshot.h"
+
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -8,7 +10,6 @@
 #include <vector>
 
 #include "engine/migration_issue.h"
-#include "engine/verify/migration_integrity_verifier.h"
 #include "platform/directory_names.h"
 #include "platform/file_access.h"
 #include "platform/file_system.h"
@@ -32,7 +33,7 @@ struct ParentAccess {
 class SnapshotWalk {
  public:
   SnapshotWalk(RuntimeEntries runtime, ReadableCheck readable, RemovableCheck removable,
-               const MigrationIntegrityVerifier::Visited& visited)
+               const MigrationSnapshot::Visited& visited)
       : runtime_(runtime), readable_(readable), removable_(removable), visited_(visited), user_(getuid()) {}
 
   MigrationManifest run(const std::string& root) {
@@ -133,30 +134,16 @@ class SnapshotWalk {
   RuntimeEntries runtime_;
   ReadableCheck readable_;
   RemovableCheck removable_;
-  const MigrationIntegrityVerifier::Visited& visited_;
+  const MigrationSnapshot::Visited& visited_;
   uid_t user_;
   MigrationManifest manifest_;
 };
 
 }  // namespace
 
-MigrationManifest MigrationIntegrityVerifier::snapshot(const std::string& root, RuntimeEntries runtimeEntries,
-                                                       ReadableCheck readable, RemovableCheck removable,
-                                                       const Visited& visited) {
+MigrationManifest MigrationSnapshot::walk(const std::string& root, RuntimeEntries runtimeEntries,
+                                          ReadableCheck readable, RemovableCheck removable, const Visited& visited) {
   return SnapshotWalk(runtimeEntries, readable, removable, visited).run(root);
-}
-
-void MigrationIntegrityVerifier::requireUnchanged(const std::string& source, const MigrationManifest& manifest,
-                                                  const Visited& visited) {
-  MigrationManifest current;
-  try {
-    current = snapshot(source, RuntimeEntries::allow, ReadableCheck::skip, RemovableCheck::skip, visited);
-  } catch (const MigrationIssue& issue) {
-    if (issue.key() == "error.migration_source_changed") throw MigrationIssue("error.migration_source_changed", source);
-    throw;
-  }
-  // Equal maps compare every key and all eleven fields of every entry.
-  if (current != manifest) throw MigrationIssue("error.migration_source_changed", source);
 }
 
 }  // namespace corvane

@@ -9,6 +9,7 @@
 #include <thread>
 #include <unordered_set>
 
+#include "engine/preflight/migration_tool_deadlines.h"
 #include "platform/open_file_fields.h"
 #include "platform/open_file_lister.h"
 #include "platform/process.h"
@@ -104,10 +105,7 @@ MigrationOpenFiles::Result MigrationOpenFiles::inspectWithLsof(const std::string
   // Not the caller's directory: the lister's own working directory must never lie in an item.
   request.workingDirectory = "/";
   request.outputLimit = kListerOutputLimit;
-  platform::ProcessDeadlines deadlines;
-  deadlines.exit = std::chrono::milliseconds(8000);
-  deadlines.afterTerminate = std::chrono::milliseconds(1000);
-  deadlines.readers = std::chrono::milliseconds(2000);
+  const auto deadlines = MigrationToolDeadlines::current().openFileLister;
   const auto run = platform::runProcess(request, deadlines);
   if (run.timedOut) {
     logWarning(fmt::format("lsof did not finish within {} ms and was stopped", deadlines.exit.count()));

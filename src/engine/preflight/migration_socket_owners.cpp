@@ -4,6 +4,7 @@
 
 #include <set>
 
+#include "engine/preflight/migration_tool_deadlines.h"
 #include "platform/open_file_fields.h"
 #include "platform/open_file_lister.h"
 #include "platform/process.h"
@@ -42,10 +43,7 @@ std::vector<std::string> MigrationSocketOwners::lookup(const std::string& socket
   request.executable = lsofExecutable;
   request.arguments = {"-nP", "+c", "0", "-Fpc", "--", socketPath};
   request.workingDirectory = "/";
-  platform::ProcessDeadlines deadlines;
-  deadlines.exit = std::chrono::milliseconds(3000);
-  deadlines.afterTerminate = std::chrono::milliseconds(1000);
-  deadlines.readers = std::chrono::milliseconds(1000);
+  const auto deadlines = MigrationToolDeadlines::current().socketOwners;
   platform::ProcessResult run;
   try {
     run = platform::runProcess(request, deadlines);

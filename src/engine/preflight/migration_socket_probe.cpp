@@ -7,6 +7,7 @@
 #include <array>
 #include <cerrno>
 
+#include "engine/preflight/migration_tool_deadlines.h"
 #include "platform/process.h"
 #include "platform/unix_socket.h"
 #include "support/diagnostic_log.h"
@@ -107,12 +108,9 @@ MigrationSocketProbe::Observation MigrationSocketProbe::inspect(const std::strin
   request.workingDirectory = parentPath(socketPath);
   request.environment = childEnvironment(platform::currentEnvironment());
   request.outputLimit = 64 * 1024;
-  platform::ProcessDeadlines deadlines;
-  deadlines.exit = kTimeout;
-  // After the terminate request the child gets one more second, then it is killed; either way
-  // it is reaped before this returns.
-  deadlines.afterTerminate = std::chrono::milliseconds(1000);
-  deadlines.readers = std::chrono::milliseconds(1000);
+  // Past the deadline the child is asked to terminate, then killed; either way it is reaped
+  // before this returns.
+  const auto deadlines = MigrationToolDeadlines::current().socketProbe;
   platform::ProcessResult run;
   try {
     run = platform::runProcess(request, deadlines);

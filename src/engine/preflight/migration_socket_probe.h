@@ -29,7 +29,6 @@ class MigrationSocketProbe {
   using Probe = std::function<Observation(const std::string& socketPath)>;
 
   static constexpr std::string_view kCommandLineFlag = "--corvane-inspect-socket";
-  static constexpr std::chrono::milliseconds kTimeout{3000};
 
   // Runs the probe child `executable` for the socket at `socketPath`; never fails: every
   // failure is `unknown` without an entry. Without an executable the answer is `unknown`.

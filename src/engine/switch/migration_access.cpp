@@ -8,10 +8,13 @@
 #include "engine/migration_issue.h"
 #include "engine/switch/migration_file_safety.h"
 #include "engine/switch/migration_source_switch.h"
+#include "engine/switch/migration_verified_removal.h"
+#include "engine/verify/migration_integrity_verifier.h"
 #include "platform/file_access.h"
 #include "platform/file_system.h"
 #include "platform/posix_error.h"
 #include "platform/tree_removal.h"
+#include "platform/unique_fd.h"
 #include "support/diagnostic_log.h"
 #include "support/paths.h"
 #include "support/uuid.h"
@@ -231,6 +234,73 @@ void MigrationAccess::cleanupRestoredSource(const std::string& directory, const 
                                             const std::string& destination, const MigrationEntry& expectedDestination,
                                             const Checking& checking) {
   cleanupVerifiedData(directory, manifest, inactiveSockets, relocatedLinks, checking, destination, expectedDestination);
+}
+
+// The data that a verified switch replaced is removed only when every entry is still the object
+// the manifest recorded, and each entry is checked again right before it goes.
+void MigrationAccess::cleanupVerifiedData(const std::string& directory, const MigrationManifest& manifest,
+                                          const std::set<std::string>& inactiveSockets,
+                                          const std::map<std::string, std::string>& relocatedLinks,
+                                          const Checking& checking, const std::string& destination,
+                                          const MigrationEntry& identity) {
+  validateParent();
+  // The data is removed only while its verified replacement still stands.
+  auto replacement = MigrationEntry::read(destination, AT_FDCWD);
+  if (!replacement || replacement->identity() != identity.identity()) {
+    throw MigrationIssue("migration.safety.conflict", destination);
+  }
+  auto root = manifest.find("");
+  if (root == manifest.end()) throw MigrationIssue("migration.safety.conflict", directory);
+
+  MigrationManifest present;
+  try {
+    present = MigrationIntegrityVerifier::snapshot(directory, RuntimeEntries::allow, ReadableCheck::skip,
+                                                   RemovableCheck::skip, checking);
+  } catch (const MigrationIssue& issue) {
+    if (issue.key() == "error.migration_source_changed")
+      throw MigrationIssue("error.migration_source_changed", directory);
+    throw;
+  }
+  if (present.at("").identity() != root->second.identity()) {
+    throw MigrationIssue("error.migration_source_changed", directory);
+  }
+  MigrationVerifiedRemoval::requireExpectedTree(directory, present, {manifest, inactiveSockets, relocatedLinks});
+  if (requireIdle_) requireIdle_(directory, manifest);
+
+  const MigrationEntry& rootEntry = present.at("");
+  if (rootEntry.kind != MigrationEntry::Kind::directory) {
+    auto now = MigrationEntry::read(directory, AT_FDCWD);
+    if (!now || !MigrationVerifiedRemoval::sameApartFromChangeTime(*now, rootEntry))
+      throw MigrationIssue("migration.safety.conflict", directory);
+    if (usesAdministrator_) {
+      foundationOperation(kRemoveItemSelector, directory, std::nullopt);
+    } else if (::unlink(directory.c_str()) != 0) {
+      platform::throwErrno(directory);
+    }
+    return;
+  }
+
+  platform::UniqueFd rootFd(::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+  if (!rootFd) platform::throwErrno(directory);
+  auto opened = platform::statDescriptor(rootFd.get(), directory);
+  if (opened.inode != rootEntry.inode || opened.device != rootEntry.device) {
+    throw MigrationIssue("migration.safety.conflict", directory);
+  }
+  auto emptiedDirectories =
+      MigrationVerifiedRemoval::removeChildren(rootFd.get(), directory, present,
+                                               usesAdministrator_ ? MigrationVerifiedRemoval::DirectoriesLater::yes
+                                                                  : MigrationVerifiedRemoval::DirectoriesLater::no);
+  rootFd.reset();
+  if (usesAdministrator_) {
+    // rmdir removes nothing but empty directories, so a name swapped since the check costs no data.
+    emptiedDirectories.push_back(directory);
+    for (const auto& command : MigrationPrivilegedCommands::removeDirectoriesCommands(emptiedDirectories))
+      administrate(command);
+  } else {
+    auto now = MigrationEntry::read(directory, AT_FDCWD);
+    if (!now || now->identity() != rootEntry.identity()) throw MigrationIssue("migration.safety.conflict", directory);
+    if (::rmdir(directory.c_str()) != 0) platform::throwErrno(directory);
+  }
 }
 
 }  // namespace corvane

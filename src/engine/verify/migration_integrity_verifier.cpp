@@ -9,8 +9,8 @@
 
 #include "engine/manifest/migration_link_plan.h"
 #include "engine/migration_issue.h"
-#include "engine/transfer/migration_copy_read_ahead.h"
 #include "engine/verify/migration_content_comparison.h"
+#include "engine/verify/migration_copy_read_ahead.h"
 #include "platform/file_system.h"
 #include "platform/posix_error.h"
 #include "platform/unique_fd.h"
@@ -287,6 +287,25 @@ bool MigrationIntegrityVerifier::matches(const std::string& source, const std::s
                                          const BytesRead& bytesRead) {
   MigrationContentComparison comparison;
   return matchesEntry(source, destination, expected, link, comparison, bytesRead, true);
+}
+
+MigrationManifest MigrationIntegrityVerifier::snapshot(const std::string& root, RuntimeEntries runtimeEntries,
+                                                       ReadableCheck readable, RemovableCheck removable,
+                                                       const Visited& visited) {
+  return MigrationSnapshot::walk(root, runtimeEntries, readable, removable, visited);
+}
+
+void MigrationIntegrityVerifier::requireUnchanged(const std::string& source, const MigrationManifest& manifest,
+                                                  const Visited& visited) {
+  MigrationManifest current;
+  try {
+    current = snapshot(source, RuntimeEntries::allow, ReadableCheck::skip, RemovableCheck::skip, visited);
+  } catch (const MigrationIssue& issue) {
+    if (issue.key() == "error.migration_source_changed") throw MigrationIssue("error.migration_source_changed", source);
+    throw;
+  }
+  // Equal maps compare every key and all eleven fields of every entry.
+  if (current != manifest) throw MigrationIssue("error.migration_source_changed", source);
 }
 
 }  // namespace corvane

@@ -1,5 +1,5 @@
-// Proves that a copy equals the scanned source before anything at the source changes. It also
-// owns the tree walk that makes a manifest and the test that a source did not change since.
+// Proves that a copy equals the scanned source before anything at the source changes, and that
+// a source did not change since it was scanned.
 #pragma once
 
 #include <cstdint>
@@ -10,13 +10,11 @@
 #include <string>
 
 #include "engine/manifest/migration_entry.h"
+#include "engine/manifest/migration_snapshot.h"
 #include "engine/verify/migration_entry_repair.h"
 
 namespace corvane {
 
-enum class RuntimeEntries { refuse, allow };
-enum class ReadableCheck { skip, check };
-enum class RemovableCheck { skip, check };
 // Whether files that share one identity in the source must share one in the copy.
 enum class HardLinkPolicy { preserve, ignore };
 
@@ -44,12 +42,9 @@ struct MigrationVerificationOptions {
 
 class MigrationIntegrityVerifier {
  public:
-  using Visited = std::function<void(const std::string& relativePath)>;
+  using Visited = MigrationSnapshot::Visited;
 
-  // Walks the tree at `root` depth first, parent before children, never following a link, and
-  // records one entry per object. Throws MigrationIssue ("error.migration_source_changed",
-  // "error.migration_special_file", "migration.preflight.unreadable", "migration.preflight.locked",
-  // "migration.preflight.not_removable") or platform::PosixError for other system failures.
+  // MigrationSnapshot::walk, as every phase of a migration calls it.
   static MigrationManifest snapshot(const std::string& root, RuntimeEntries runtimeEntries, ReadableCheck readable,
                                     RemovableCheck removable, const Visited& visited = {});
 

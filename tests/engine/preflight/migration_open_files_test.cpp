@@ -229,6 +229,7 @@ TEST(MigrationOpenFilesTest, LsofRunsInTheCLocaleOutsideAnyItemAndWithinBounds) 
   const std::string pidFile = directory.child("pid");
   const auto hanging = writeScript(directory.path(), "hanging",
                                    "trap '' TERM\necho $$ > '" + pidFile + "'\nwhile :; do sleep 1; done\n");
+  const ShortToolDeadlines brief;
   EXPECT_EQ(issueOf([&] { MigrationOpenFiles::inspectWithLsof(hanging); }).key(),
             "migration.preflight.occupancy_unknown");
   EXPECT_TRUE(processIsReaped(std::stoi(readFile(pidFile)))) << "the lister was killed and reaped";

@@ -127,6 +127,7 @@ TEST(MigrationSocketProbeTest, StandInProbesAreBelievedOnlyWhenTheyAnswerWellAnd
   EXPECT_EQ(state, State::inactive);
   // A child that hangs is ended, reaped, and counts as unknown.
   const std::string pidFile = directory.child("pid");
+  const ShortToolDeadlines brief;
   EXPECT_EQ(stateFrom("echo $$ > '" + pidFile + "'\nexec sleep 60\n"), State::unknown);
   EXPECT_TRUE(processIsReaped(std::stoi(readFile(pidFile)))) << "the hanging child was ended and reaped";
 }
@@ -144,8 +145,11 @@ TEST(MigrationSocketOwnersTest, ParsesCommandNamesAndNamesNobodyWhenInDoubt) {
   EXPECT_TRUE(MigrationSocketOwners::lookup(socket).empty()) << "nobody holds a stale socket";
   EXPECT_TRUE(MigrationSocketOwners::lookup(directory.child("missing.sock")).empty());
   const auto hanging = writeScript(directory.path(), "hanging", "echo p1; echo cnever; exec sleep 30\n");
-  EXPECT_TRUE(MigrationSocketOwners::lookup(socket, hanging).empty())
-      << "a tool that does not finish in time names nobody";
+  {
+    const ShortToolDeadlines brief;
+    EXPECT_TRUE(MigrationSocketOwners::lookup(socket, hanging).empty())
+        << "a tool that does not finish in time names nobody";
+  }
   const auto latin1 = writeScript(directory.path(), "latin1", "printf 'p1\\ncna\\357ve\\n'\n");
   EXPECT_TRUE(MigrationSocketOwners::lookup(socket, latin1).empty()) << "names that are not UTF-8 are not believed";
 }

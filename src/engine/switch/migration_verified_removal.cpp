@@ -1,6 +1,5 @@
-// The clean-ups of MigrationAccess: the data that a verified switch replaced is removed only
-// when every entry is still the object the manifest recorded, and each entry is checked again
-// right before it goes.
+#include "engine/switch/migration_verified_removal.h"
+
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <unistd.h>
@@ -14,8 +13,6 @@
 #include <vector>
 
 #include "engine/migration_issue.h"
-#include "engine/switch/migration_access.h"
-#include "engine/verify/migration_integrity_verifier.h"
 #include "platform/directory_names.h"
 #include "platform/file_system.h"
 #include "platform/posix_error.h"
@@ -28,22 +25,18 @@ namespace {
 
 using Kind = MigrationEntry::Kind;
 
+}  // namespace
+
 // Removing one name of a hard-link group, and renaming the root, move the status-change time of
 // what stays; everything else must be as recorded.
-bool sameApartFromChangeTime(const MigrationEntry& a, const MigrationEntry& b) {
+bool MigrationVerifiedRemoval::sameApartFromChangeTime(const MigrationEntry& a, const MigrationEntry& b) {
   return a.kind == b.kind && a.inode == b.inode && a.device == b.device && a.size == b.size &&
          a.modifiedSeconds == b.modifiedSeconds && a.modifiedNanoseconds == b.modifiedNanoseconds && a.link == b.link &&
          a.mode == b.mode && a.flags == b.flags;
 }
 
-struct Expectations {
-  const MigrationManifest& manifest;
-  const std::set<std::string>& inactiveSockets;
-  const std::map<std::string, std::string>& relocatedLinks;
-};
-
-// Compares the tree as it is now with what it must be; throws on the first difference.
-void requireExpectedTree(const std::string& directory, const MigrationManifest& present, const Expectations& expected) {
+void MigrationVerifiedRemoval::requireExpectedTree(const std::string& directory, const MigrationManifest& present,
+                                                   const Expectations& expected) {
   auto pathOf = [&](const std::string& relativePath) {
     return relativePath.empty() ? directory : joinPath(directory, relativePath);
   };
@@ -67,6 +60,8 @@ void requireExpectedTree(const std::string& directory, const MigrationManifest& 
     if (!present.contains(relativePath)) throw MigrationIssue("error.migration_source_changed", pathOf(relativePath));
   }
 }
+
+namespace {
 
 class VerifiedRemoval {
  public:
@@ -143,7 +138,8 @@ class VerifiedRemoval {
     const std::string childPath = joinPath(path, name);
     auto expected = present_.find(childRelative);
     auto now = MigrationEntry::read(name, directory);
-    if (expected == present_.end() || !now || !sameApartFromChangeTime(*now, expected->second)) {
+    if (expected == present_.end() || !now ||
+        !MigrationVerifiedRemoval::sameApartFromChangeTime(*now, expected->second)) {
       throw MigrationIssue("migration.safety.conflict", childPath);
     }
     if (now->kind == Kind::directory) {
@@ -177,67 +173,12 @@ class VerifiedRemoval {
 
 }  // namespace
 
-void MigrationAccess::cleanupVerifiedData(const std::string& directory, const MigrationManifest& manifest,
-                                          const std::set<std::string>& inactiveSockets,
-                                          const std::map<std::string, std::string>& relocatedLinks,
-                                          const Checking& checking, const std::string& destination,
-                                          const MigrationEntry& identity) {
-  validateParent();
-  // The data is removed only while its verified replacement still stands.
-  auto replacement = MigrationEntry::read(destination, AT_FDCWD);
-  if (!replacement || replacement->identity() != identity.identity()) {
-    throw MigrationIssue("migration.safety.conflict", destination);
-  }
-  auto root = manifest.find("");
-  if (root == manifest.end()) throw MigrationIssue("migration.safety.conflict", directory);
-
-  MigrationManifest present;
-  try {
-    present = MigrationIntegrityVerifier::snapshot(directory, RuntimeEntries::allow, ReadableCheck::skip,
-                                                   RemovableCheck::skip, checking);
-  } catch (const MigrationIssue& issue) {
-    if (issue.key() == "error.migration_source_changed")
-      throw MigrationIssue("error.migration_source_changed", directory);
-    throw;
-  }
-  if (present.at("").identity() != root->second.identity()) {
-    throw MigrationIssue("error.migration_source_changed", directory);
-  }
-  requireExpectedTree(directory, present, {manifest, inactiveSockets, relocatedLinks});
-  if (requireIdle_) requireIdle_(directory, manifest);
-
-  const MigrationEntry& rootEntry = present.at("");
-  if (rootEntry.kind != Kind::directory) {
-    auto now = MigrationEntry::read(directory, AT_FDCWD);
-    if (!now || !sameApartFromChangeTime(*now, rootEntry)) throw MigrationIssue("migration.safety.conflict", directory);
-    if (usesAdministrator_) {
-      foundationOperation(kRemoveItemSelector, directory, std::nullopt);
-    } else if (::unlink(directory.c_str()) != 0) {
-      platform::throwErrno(directory);
-    }
-    return;
-  }
-
-  platform::UniqueFd rootFd(::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-  if (!rootFd) platform::throwErrno(directory);
-  auto opened = platform::statDescriptor(rootFd.get(), directory);
-  if (opened.inode != rootEntry.inode || opened.device != rootEntry.device) {
-    throw MigrationIssue("migration.safety.conflict", directory);
-  }
-  VerifiedRemoval removal(present, usesAdministrator_);
-  removal.removeChildren(rootFd.get(), directory, "");
-  rootFd.reset();
-  if (usesAdministrator_) {
-    // rmdir removes nothing but empty directories, so a name swapped since the check costs no data.
-    std::vector<std::string> directories = removal.emptiedDirectories();
-    directories.push_back(directory);
-    for (const auto& command : MigrationPrivilegedCommands::removeDirectoriesCommands(directories))
-      administrate(command);
-  } else {
-    auto now = MigrationEntry::read(directory, AT_FDCWD);
-    if (!now || now->identity() != rootEntry.identity()) throw MigrationIssue("migration.safety.conflict", directory);
-    if (::rmdir(directory.c_str()) != 0) platform::throwErrno(directory);
-  }
+std::vector<std::string> MigrationVerifiedRemoval::removeChildren(int directory, const std::string& path,
+                                                                  const MigrationManifest& present,
+                                                                  DirectoriesLater directoriesLater) {
+  VerifiedRemoval removal(present, directoriesLater == DirectoriesLater::yes);
+  removal.removeChildren(directory, path, "");
+  return removal.emptiedDirectories();
 }
 
 }  // namespace corvane

@@ -1,4 +1,4 @@
-#include "engine/transfer/migration_copy_read_ahead.h"
+#include "engine/verify/migration_copy_read_ahead.h"
 
 #include <fcntl.h>
 
