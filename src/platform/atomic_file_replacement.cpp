@@ -9,6 +9,7 @@
 
 #include "platform/file_system.h"
 #include "platform/posix_error.h"
+#include "support/descriptor_io.h"
 
 namespace corvane::platform {
 namespace {
@@ -42,12 +43,7 @@ AtomicFileReplacement::~AtomicFileReplacement() {
 }
 
 void AtomicFileReplacement::write(std::string_view data) {
-  while (!data.empty()) {
-    const ssize_t count = ::write(file_.get(), data.data(), data.size());
-    if (count < 0 && errno == EINTR) continue;
-    if (count < 0) throwErrno(pathForErrors_);
-    data.remove_prefix(static_cast<std::size_t>(count));
-  }
+  if (!writeAll(file_.get(), data)) throwErrno(pathForErrors_);
 }
 
 void AtomicFileReplacement::commit() {

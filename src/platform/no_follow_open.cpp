@@ -7,6 +7,7 @@
 #include <cerrno>
 
 #include "platform/posix_error.h"
+#include "support/descriptor_io.h"
 
 namespace corvane::platform {
 
@@ -28,16 +29,9 @@ std::string readRegularFileNoFollow(int directoryDescriptor, const std::string& 
   if (status.st_size < 0 || static_cast<std::size_t>(status.st_size) > limit) throwErrno(EFBIG, pathForErrors);
   std::string contents;
   contents.reserve(static_cast<std::size_t>(status.st_size));
-  char buffer[65536];
-  while (true) {
-    const ssize_t count = ::read(fd.get(), buffer, sizeof buffer);
-    if (count < 0 && errno == EINTR) continue;
-    if (count < 0) throwErrno(pathForErrors);
-    if (count == 0) return contents;
-    // The file may grow while it is read.
-    if (contents.size() + static_cast<std::size_t>(count) > limit) throwErrno(EFBIG, pathForErrors);
-    contents.append(buffer, static_cast<std::size_t>(count));
-  }
+  // The file may grow while it is read: the limit holds for what is read, not for the size.
+  if (!readToEnd(fd.get(), contents, limit)) throwErrno(pathForErrors);
+  return contents;
 }
 
 }  // namespace corvane::platform

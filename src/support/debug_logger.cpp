@@ -8,6 +8,7 @@
 #include <cstring>
 #include <ctime>
 
+#include "support/descriptor_io.h"
 #include "support/diagnostic_log.h"
 
 namespace corvane {
@@ -26,17 +27,7 @@ std::string timestampNow() {
 bool appendLine(const std::string& path, const std::string& line) {
   const int fd = ::open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0600);
   if (fd < 0) return false;
-  std::size_t written = 0;
-  bool ok = true;
-  while (written < line.size()) {
-    const ssize_t count = ::write(fd, line.data() + written, line.size() - written);
-    if (count < 0 && errno == EINTR) continue;
-    if (count < 0) {
-      ok = false;
-      break;
-    }
-    written += static_cast<std::size_t>(count);
-  }
+  const bool ok = writeAll(fd, line);
   return ::close(fd) == 0 && ok;
 }
 

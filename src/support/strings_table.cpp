@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <cstring>
 
+#include "support/descriptor_io.h"
 #include "support/diagnostic_log.h"
 
 namespace corvane {
@@ -242,18 +243,11 @@ std::optional<StringsTable> StringsTable::load(const std::string& path) {
     return std::nullopt;
   }
   std::string contents;
-  char buffer[65536];
-  while (true) {
-    const ssize_t count = ::read(fd, buffer, sizeof buffer);
-    if (count < 0 && errno == EINTR) continue;
-    if (count < 0) {
-      const int error = errno;
-      ::close(fd);
-      logWarning(fmt::format("String table {} can't be read: {}", path, std::strerror(error)));
-      return std::nullopt;
-    }
-    if (count == 0) break;
-    contents.append(buffer, static_cast<std::size_t>(count));
+  if (!readToEnd(fd, contents)) {
+    const int error = errno;
+    ::close(fd);
+    logWarning(fmt::format("String table {} can't be read: {}", path, std::strerror(error)));
+    return std::nullopt;
   }
   ::close(fd);
   try {

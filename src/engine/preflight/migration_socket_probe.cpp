@@ -10,6 +10,7 @@
 #include "engine/preflight/migration_tool_deadlines.h"
 #include "platform/process.h"
 #include "platform/unix_socket.h"
+#include "support/descriptor_io.h"
 #include "support/diagnostic_log.h"
 #include "support/paths.h"
 
@@ -43,18 +44,6 @@ std::optional<MigrationEntry> readQuietly(const std::string& name) {
     return MigrationEntry::read(name, AT_FDCWD);
   } catch (const std::exception&) {
     return std::nullopt;
-  }
-}
-
-void writeAll(int fd, const std::string& text) {
-  std::size_t written = 0;
-  while (written < text.size()) {
-    ssize_t count = ::write(fd, text.data() + written, text.size() - written);
-    if (count < 0) {
-      if (errno == EINTR) continue;
-      return;
-    }
-    written += static_cast<std::size_t>(count);
   }
 }
 
@@ -173,7 +162,8 @@ bool MigrationSocketProbe::handleCommandLine(int argc, const char* const* argv) 
   } catch (const std::exception&) {
     return true;  // nothing is written when the observation cannot be encoded
   }
-  writeAll(STDOUT_FILENO, text);
+  // A parent that stopped listening gets nothing more; the probe has nothing else to say.
+  (void)writeAll(STDOUT_FILENO, text);
   return true;
 }
 

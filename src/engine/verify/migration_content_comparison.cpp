@@ -9,23 +9,16 @@
 #include "platform/file_system.h"
 #include "platform/posix_error.h"
 #include "platform/unique_fd.h"
+#include "support/descriptor_io.h"
 
 namespace corvane {
 namespace {
 
 // Fills as much of `buffer` as the file still has; fewer bytes only at its end.
 std::size_t readChunk(int descriptor, char* buffer, std::size_t capacity, const std::string& path) {
-  std::size_t filled = 0;
-  while (filled < capacity) {
-    ssize_t got = ::read(descriptor, buffer + filled, capacity - filled);
-    if (got < 0) {
-      if (errno == EINTR) continue;
-      platform::throwErrno(path);
-    }
-    if (got == 0) break;
-    filled += static_cast<std::size_t>(got);
-  }
-  return filled;
+  const ssize_t filled = readFully(descriptor, buffer, capacity);
+  if (filled < 0) platform::throwErrno(path);
+  return static_cast<std::size_t>(filled);
 }
 
 bool sameObject(const platform::FileStatus& status, const MigrationEntry& entry) {

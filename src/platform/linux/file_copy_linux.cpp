@@ -8,6 +8,7 @@
 #include "platform/file_system.h"
 #include "platform/posix_error.h"
 #include "platform/unique_fd.h"
+#include "support/descriptor_io.h"
 
 namespace corvane::platform {
 namespace {
@@ -20,18 +21,6 @@ void changeOwnerIfPermitted(int result, const std::string& path) {
   // own copy does; as root a failure is real.
   if (errno == EPERM && geteuid() != 0) return;
   throwErrno(path);
-}
-
-void writeAll(int descriptor, const char* data, std::size_t length, const std::string& path) {
-  while (length > 0) {
-    ssize_t written = ::write(descriptor, data, length);
-    if (written < 0) {
-      if (errno == EINTR) continue;
-      throwErrno(path);
-    }
-    data += written;
-    length -= static_cast<std::size_t>(written);
-  }
 }
 
 // Copies [offset, end) with the kernel when it can and through a buffer when it cannot (across
@@ -63,7 +52,7 @@ void copyRange(int from, int to, off_t offset, off_t end, std::vector<char>& buf
     }
     if (got == 0) break;
     if (lseek(to, offset, SEEK_SET) < 0) throwErrno(toPath);
-    writeAll(to, buffer.data(), static_cast<std::size_t>(got), toPath);
+    if (!writeAll(to, {buffer.data(), static_cast<std::size_t>(got)})) throwErrno(toPath);
     offset += got;
   }
 }

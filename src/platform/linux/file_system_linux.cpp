@@ -11,6 +11,7 @@
 #include <cstring>
 
 #include "platform/file_system.h"
+#include "platform/posix/extended_attribute_reads.h"
 #include "platform/posix_error.h"
 #include "platform/unique_fd.h"
 
@@ -96,38 +97,6 @@ void setFileFlags(const std::string& path, std::uint32_t flags) {
   if (flags & (kSystemAppend | kUserAppend)) wanted |= FS_APPEND_FL;
   if (wanted != current && ioctl(fd.get(), FS_IOC_SETFLAGS, &wanted) != 0) throwErrno(path);
 }
-
-namespace {
-std::vector<std::string> splitNames(const std::string& names) {
-  std::vector<std::string> result;
-  std::size_t start = 0;
-  while (start < names.size()) {
-    std::size_t end = names.find('\0', start);
-    if (end == std::string::npos) end = names.size();
-    if (end > start) result.emplace_back(names.substr(start, end - start));
-    start = end + 1;
-  }
-  return result;
-}
-
-// The size of an attribute list or value can change between asking and reading; retry then.
-template <typename Call>
-std::string readSized(Call call, const std::string& pathForErrors) {
-  for (int attempt = 0; attempt < 8; ++attempt) {
-    ssize_t size = call(nullptr, 0);
-    if (size < 0) throwErrno(pathForErrors);
-    std::string buffer(static_cast<std::size_t>(size), '\0');
-    if (size == 0) return buffer;
-    ssize_t read = call(buffer.data(), buffer.size());
-    if (read >= 0) {
-      buffer.resize(static_cast<std::size_t>(read));
-      return buffer;
-    }
-    if (errno != ERANGE) throwErrno(pathForErrors);
-  }
-  throwErrno(ERANGE, pathForErrors);
-}
-}  // namespace
 
 std::vector<std::string> listExtendedAttributes(const std::string& path) {
   return splitNames(readSized([&](char* b, std::size_t n) { return llistxattr(path.c_str(), b, n); }, path));

@@ -13,6 +13,7 @@
 #include "platform/posix_error.h"
 #include "platform/unique_fd.h"
 #include "platform/user_defaults.h"
+#include "support/descriptor_io.h"
 
 namespace corvane::platform {
 namespace {
@@ -60,14 +61,8 @@ std::optional<std::string> readWholeFile(const std::string& path) {
     throwErrno(path);
   }
   std::string contents;
-  char buffer[16384];
-  while (true) {
-    const ssize_t count = ::read(fd.get(), buffer, sizeof buffer);
-    if (count < 0 && errno == EINTR) continue;
-    if (count < 0) throwErrno(path);
-    if (count == 0) return contents;
-    contents.append(buffer, static_cast<std::size_t>(count));
-  }
+  if (!readToEnd(fd.get(), contents)) throwErrno(path);
+  return contents;
 }
 
 // The settings object; absent when there is no file; throws UserDefaultsCorrupted when the file
@@ -94,13 +89,7 @@ void makeDirectories(const std::string& directory) {
 }
 
 void writeFully(int fd, const std::string& data, const std::string& path) {
-  std::size_t written = 0;
-  while (written < data.size()) {
-    const ssize_t count = ::write(fd, data.data() + written, data.size() - written);
-    if (count < 0 && errno == EINTR) continue;
-    if (count < 0) throwErrno(path);
-    written += static_cast<std::size_t>(count);
-  }
+  if (!writeAll(fd, data)) throwErrno(path);
 }
 
 // Writes `data` to a new file beside `path` and renames it over `path`, so a reader sees the
