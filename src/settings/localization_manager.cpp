@@ -155,17 +155,9 @@ LocalizationManager::Subscription LocalizationManager::observe(Observer observer
 }
 
 std::string LocalizationManager::codeFor(Language language) const {
-  switch (language) {
-    case Language::system:
-      return systemLanguageCode(configuration_.preferredLanguages());
-    case Language::zhHans:
-      return "zh-Hans";
-    case Language::zhHant:
-      return "zh-Hant";
-    case Language::en:
-      return "en";
-  }
-  return "en";
+  if (language == Language::system) return systemLanguageCode(configuration_.preferredLanguages());
+  // Every chosen language's saved value is its code.
+  return std::string(rawValue(language));
 }
 
 // Called with the lock held.
