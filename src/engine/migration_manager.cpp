@@ -10,6 +10,7 @@
 
 #include "catalogue/migrated_backup_catalog.h"
 #include "catalogue/protected_locations.h"
+#include "engine/migration_failure.h"
 #include "engine/migration_issue.h"
 #include "engine/preflight/migration_open_files.h"
 #include "engine/preflight/migration_selection_validator.h"
@@ -89,25 +90,6 @@ MigrationManager::LinkState MigrationManager::linkState(const std::string& sourc
   const std::string linked = resolvingSymlinksInPath(source);
   const std::string expected = resolvingSymlinksInPath(expectedTarget);
   return linked == expected ? LinkState::pointsAtTarget : LinkState::pointsElsewhere;
-}
-
-std::string MigrationManager::migrationErrorDescription(const std::exception_ptr& failure) {
-  try {
-    std::rethrow_exception(failure);
-  } catch (const MigrationTransfer::Failure& transferFailure) {
-    return migrationErrorDescription(transferFailure.cause());
-  } catch (const MigrationOpenFiles::Blocked& blocked) {
-    return blocked.localizedDescription();
-  } catch (const MigrationIssue& issue) {
-    return issue.localizedDescription();
-  } catch (const platform::PosixError& error) {
-    return localizedFormat("error.system", error.path(), std::strerror(error.errnoValue()));
-  } catch (const std::exception& error) {
-    logWarning(std::string("Migration error: ") + error.what());
-  } catch (...) {
-    logWarning("Migration error: unknown");
-  }
-  return localized("migration.preflight.operation_failed");
 }
 
 bool MigrationManager::migrateApps(const std::vector<std::string>& apps, const std::string& disk) {
@@ -294,14 +276,22 @@ MigrationManager::ItemOutcome MigrationManager::performSingleAppMigration(const 
       appendLog(runID, name, "migration.occupancy.rechecking", {});
     });
     MigrationTransfer transfer(std::move(configuration));
-    const auto result = transfer.transfer(
-        source, outcome.target, MigrationTransfer::Placement::migrate, *batch->tracker, source, hooks_.retainOriginal,
-        [&] {
-          SimulatorMigrationPreflight::check(source, outcome.target, SimulatorMigrationPreflight::defaultServices());
-        },
-        [&](const std::string& key, const std::vector<std::string>& arguments) {
-          appendLog(batch->runID, outcome.name, key, arguments);
-        });
+    const auto result =
+        transfer.transfer({.source = source,
+                           .destination = outcome.target,
+                           .placement = MigrationTransfer::Placement::migrate,
+                           .tracker = *batch->tracker,
+                           .name = source,
+                           .retainOriginal = hooks_.retainOriginal,
+                           .preflight =
+                               [&] {
+                                 SimulatorMigrationPreflight::check(source, outcome.target,
+                                                                    SimulatorMigrationPreflight::defaultServices());
+                               },
+                           .log =
+                               [&](const std::string& key, const std::vector<std::string>& arguments) {
+                                 appendLog(batch->runID, outcome.name, key, arguments);
+                               }});
     outcome.kind = ItemOutcome::Kind::succeeded;
     outcome.retainedPath = result.retainedPath;
     if (result.retainedSource && result.retentionReason)
@@ -309,21 +299,8 @@ MigrationManager::ItemOutcome MigrationManager::performSingleAppMigration(const 
   } catch (...) {
     const auto failure = std::current_exception();
     outcome.message = migrationErrorDescription(failure);
-    outcome.kind = ItemOutcome::Kind::failed;
-    try {
-      std::rethrow_exception(failure);
-    } catch (const MigrationTransfer::Failure& transferFailure) {
-      outcome.cleanupPath = transferFailure.cleanupPath();
-      try {
-        transferFailure.rethrowCause();
-      } catch (const MigrationOpenFiles::Blocked&) {
-        outcome.kind = ItemOutcome::Kind::deferred;
-      } catch (const MigrationIssue& issue) {
-        if (issue.key() == "migration.preflight.deferred") outcome.kind = ItemOutcome::Kind::deferred;
-      } catch (...) {
-      }
-    } catch (...) {
-    }
+    outcome.kind = isMigrationDeferral(failure) ? ItemOutcome::Kind::deferred : ItemOutcome::Kind::failed;
+    outcome.cleanupPath = migrationCleanupPath(failure);
     removeEmptyParents(madeParents);
     batch->tracker->setPhase(source, outcome.kind == ItemOutcome::Kind::deferred
                                          ? MigrationItemProgress::Phase::skipped

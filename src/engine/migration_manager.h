@@ -80,9 +80,6 @@ class MigrationManager {
 
   // Where an item goes on `disk`: Applications/<name>.app or Directories/<absolute path>.
   static std::string destinationFor(const std::string& source, const std::string& disk);
-  // The text of a failure as the log shows it.
-  static std::string migrationErrorDescription(const std::exception_ptr& failure);
-
   enum class LinkState { notALink, pointsAtTarget, pointsElsewhere };
   static LinkState linkState(const std::string& source, const std::string& expectedTarget);
 
@@ -99,17 +96,40 @@ class MigrationManager {
                              OperationCompletion completion = {});
   bool restoreFromBackup(const BackupRecord& backup, const MigratedApp& app, const std::optional<std::string>& disk,
                          OperationCompletion completion = {});
-  void uninstallApp(const MigratedApp& app, const std::vector<std::string>& externalDisks,
+  bool uninstallApp(const MigratedApp& app, const std::vector<std::string>& externalDisks,
                     OperationCompletion completion = {});
   const std::set<std::string>& migratingBackItems() const { return migratingBackItems_; }
   // "/", "Volumes" and the volume's name of a target under /Volumes; absent otherwise.
   static std::optional<std::string> diskRootFromTargetPath(const std::string& targetPath);
 
  private:
-  OperationResult performMigrateBack(const MigratedApp& app, const std::optional<std::string>& currentDisk);
+  // The record's item as every operation on it names it.
+  struct ItemOperation {
+    std::string original;  // where the link stands
+    std::string target;    // the copy on the external disk
+    std::string name;      // how the log names it
+  };
+  // The keys an operation is refused or cancelled with.
+  struct ItemOperationKeys {
+    std::string duringBatch;
+    std::string alreadyRunning;
+    std::string cancelled;
+  };
+  // What every operation on a migrated item goes through: admission (refused during a batch,
+  // during another operation on the item and while an update installs; otherwise the item
+  // counts as moving until the work has finished), then in the background the question about
+  // programs running inside the item, then `perform`. `completion` runs on the owner thread.
+  bool startItemOperation(const MigratedApp& app, const ItemOperationKeys& keys,
+                          std::function<OperationResult(const ItemOperation&)> perform, OperationCompletion completion);
+  OperationResult performMigrateBack(const MigratedApp& app, const ItemOperation& item,
+                                     const std::optional<std::string>& currentDisk);
   OperationResult performRestoreFromBackup(const BackupRecord& backup, const MigratedApp& app,
-                                           const std::optional<std::string>& disk);
-  OperationResult performUninstall(const MigratedApp& app, const std::vector<std::string>& externalDisks);
+                                           const ItemOperation& item, const std::optional<std::string>& disk);
+  OperationResult performUninstall(const MigratedApp& app, const ItemOperation& item,
+                                   const std::vector<std::string>& externalDisks);
+  // Any thread: the catalogue loads `disk`'s records (when given), then `change` runs on the
+  // owner thread, after that load, while the manager still exists.
+  void changeRecords(const std::optional<std::string>& disk, std::function<void(MigrationManager&)> change);
   // The staged transfer as every operation runs it: the hooks' prompter and checks, open files
   // checked before the copy and again before the replaced data is removed, and the
   // administrator asked for only when the item's place needs it. `onRecheck` is told each time
@@ -120,11 +140,6 @@ class MigrationManager {
   // Any thread: one localized line for an operation on an item, never dropped for a batch's run.
   void appendItemLog(const std::string& item, const std::string& key, const std::vector<std::string>& arguments);
   void runInBackground(std::function<OperationResult()> work, OperationCompletion completion);
-  // Admission of a move-back or restore of `app`: refused during a batch, during another
-  // operation on the item and while an update installs; otherwise the item is marked as moving
-  // until `work` has finished in the background.
-  bool admitItemOperation(const MigratedApp& app, std::function<OperationResult()> work,
-                          OperationCompletion completion);
 
   struct Batch;
   void perform(std::shared_ptr<Batch> batch);

@@ -2,9 +2,9 @@
 // beside the link, verified and exchanged with the link; only then does the record go.
 #include <fcntl.h>
 
+#include "engine/migration_failure.h"
 #include "engine/migration_issue.h"
 #include "engine/migration_manager.h"
-#include "engine/preflight/migration_open_files.h"
 #include "engine/switch/migration_file_safety.h"
 #include "settings/localization.h"
 #include "support/diagnostic_log.h"
@@ -29,41 +29,23 @@ std::optional<std::string> diskRootFromLayout(const MigratedApp& app) {
   return std::nullopt;
 }
 
-bool isDeferral(const std::exception_ptr& failure) {
-  try {
-    std::rethrow_exception(failure);
-  } catch (const MigrationTransfer::Failure& transferFailure) {
-    return isDeferral(transferFailure.cause());
-  } catch (const MigrationOpenFiles::Blocked&) {
-    return true;
-  } catch (const MigrationIssue& issue) {
-    return issue.key() == "migration.preflight.deferred";
-  } catch (...) {
-    return false;
-  }
-}
-
 }  // namespace
 
 bool MigrationManager::migrateBackToMainDisk(const MigratedApp& app, const std::optional<std::string>& currentDisk,
                                              OperationCompletion completion) {
-  return admitItemOperation(
-      app, [this, app, currentDisk] { return performMigrateBack(app, currentDisk); }, std::move(completion));
+  return startItemOperation(
+      app, {"log.migrate_back_blocked_by_migration", "log.migrate_back_in_progress", "log.migrate_back_cancel"},
+      [this, app, currentDisk](const ItemOperation& item) { return performMigrateBack(app, item, currentDisk); },
+      std::move(completion));
 }
 
 MigrationManager::OperationResult MigrationManager::performMigrateBack(const MigratedApp& app,
+                                                                       const ItemOperation& item,
                                                                        const std::optional<std::string>& currentDisk) {
-  const std::string original = standardizePath(app.originalPath);
-  const std::string target = standardizePath(app.targetPath);
-  const std::string name = app.appName.empty() ? lastComponent(original) : app.appName;
+  const std::string& original = item.original;
+  const std::string& target = item.target;
+  const std::string& name = item.name;
   OperationResult result;
-
-  if (!closeRunningProgramsOf(target, name)) {
-    appendItemLog(name, "log.migrate_back_cancel", {});
-    result.kind = OperationResult::Kind::cancelled;
-    result.message = localized("log.migrate_back_cancel");
-    return result;
-  }
 
   MigrationItemProgress progressItem;
   progressItem.name = original;
@@ -80,28 +62,24 @@ MigrationManager::OperationResult MigrationManager::performMigrateBack(const Mig
     }
     MigrationFileSafety::requireRestoreLink(original, target);
 
-    auto configuration =
-        transferConfiguration([this, name] { appendItemLog(name, "migration.occupancy.rechecking", {}); });
-    MigrationTransfer transfer(std::move(configuration));
-    transferred = transfer.transfer(target, original, MigrationTransfer::Placement::restore, tracker, original,
-                                    RetainOriginal::no, {},
-                                    [&](const std::string& key, const std::vector<std::string>& arguments) {
-                                      appendItemLog(name, key, arguments);
-                                    });
+    MigrationTransfer transfer(
+        transferConfiguration([this, name] { appendItemLog(name, "migration.occupancy.rechecking", {}); }));
+    transferred = transfer.transfer({.source = target,
+                                     .destination = original,
+                                     .placement = MigrationTransfer::Placement::restore,
+                                     .tracker = tracker,
+                                     .name = original,
+                                     .log = [&](const std::string& key, const std::vector<std::string>& arguments) {
+                                       appendItemLog(name, key, arguments);
+                                     }});
   } catch (...) {
     const auto failure = std::current_exception();
     tracker.stop();
     result.message = migrationErrorDescription(failure);
-    result.kind = isDeferral(failure) ? OperationResult::Kind::deferred : OperationResult::Kind::failed;
+    result.kind = isMigrationDeferral(failure) ? OperationResult::Kind::deferred : OperationResult::Kind::failed;
     appendItemLog(name, "log.migrate_back_failed_detailed", {result.message});
-    try {
-      std::rethrow_exception(failure);
-    } catch (const MigrationTransfer::Failure& transferFailure) {
-      if (transferFailure.cleanupPath()) {
-        appendItemLog(name, "migration.occupancy.cleanup_detail", {*transferFailure.cleanupPath()});
-      }
-    } catch (...) {
-    }
+    if (const auto cleanupPath = migrationCleanupPath(failure))
+      appendItemLog(name, "migration.occupancy.cleanup_detail", {*cleanupPath});
     return result;
   }
   tracker.stop();
@@ -124,13 +102,7 @@ MigrationManager::OperationResult MigrationManager::performMigrateBack(const Mig
       appendItemLog(name, "log.no_available_disk_path", {});
     }
   }
-  // The catalogue's list must be this disk's before one record of it is removed and the rest
-  // written back; the load reaches the owner thread ahead of the removal.
-  if (disk) appManager_.loadMigratedApps(*disk);
-  mainQueue_.post([lifetime = std::weak_ptr<MigrationManager*>(lifetime_), app, disk, name] {
-    auto alive = lifetime.lock();
-    if (!alive) return;
-    MigrationManager& manager = **alive;
+  changeRecords(disk, [app, disk, name](MigrationManager& manager) {
     if (disk) {
       if (manager.appManager_.removeMigratedApp(app, *disk)) {
         manager.appendItemLog(name, "log.migration_record_cleaned", {});

@@ -2,6 +2,7 @@
 // thread, the item's log lines and the question about programs running inside the item.
 #include <cstring>
 
+#include "engine/migration_failure.h"
 #include "engine/migration_manager.h"
 #include "platform/item_processes.h"
 #include "settings/localization.h"
@@ -61,34 +62,51 @@ void MigrationManager::runInBackground(std::function<OperationResult()> work, Op
   });
 }
 
-bool MigrationManager::admitItemOperation(const MigratedApp& app, std::function<OperationResult()> work,
+bool MigrationManager::startItemOperation(const MigratedApp& app, const ItemOperationKeys& keys,
+                                          std::function<OperationResult(const ItemOperation&)> perform,
                                           OperationCompletion completion) {
-  const std::string item = standardizePath(app.originalPath);
-  const std::string name = app.appName.empty() ? lastComponent(item) : app.appName;
+  ItemOperation item;
+  item.original = standardizePath(app.originalPath);
+  item.target = standardizePath(app.targetPath);
+  item.name = app.appName.empty() ? lastComponent(item.original) : app.appName;
   auto refuse = [&](const std::string& key) {
-    appendItemLog(name, key, {});
+    appendItemLog(item.name, key, {});
     if (completion) completion(OperationResult{OperationResult::Kind::refused, localized(key)});
     return false;
   };
-  if (isMigrating_) return refuse("log.migrate_back_blocked_by_migration");
-  if (migratingBackItems_.count(item)) return refuse("log.migrate_back_in_progress");
+  if (isMigrating_) return refuse(keys.duringBatch);
+  if (migratingBackItems_.count(item.original)) return refuse(keys.alreadyRunning);
   if (!UpdateActivity::shared().beginOperation()) return refuse("log.migrate_back_blocked_by_update");
-  migratingBackItems_.insert(item);
+  migratingBackItems_.insert(item.original);
   notify();
   runInBackground(
-      [work = std::move(work)] {
+      [this, item, cancelledKey = keys.cancelled, perform = std::move(perform)] {
         // Whatever happens, a software update waiting for this operation may go on afterwards.
         struct EndOperation {
           ~EndOperation() { UpdateActivity::shared().endAfterPendingWrites(); }
         } end;
-        return work();
+        if (!closeRunningProgramsOf(item.target, item.name)) {
+          appendItemLog(item.name, cancelledKey, {});
+          return OperationResult{OperationResult::Kind::cancelled, localized(cancelledKey)};
+        }
+        return perform(item);
       },
-      [this, item, completion = std::move(completion)](const OperationResult& result) {
-        migratingBackItems_.erase(item);
+      [this, original = item.original, completion = std::move(completion)](const OperationResult& result) {
+        migratingBackItems_.erase(original);
         notify();
         if (completion) completion(result);
       });
   return true;
+}
+
+void MigrationManager::changeRecords(const std::optional<std::string>& disk,
+                                     std::function<void(MigrationManager&)> change) {
+  // The catalogue's list must be this disk's before one record of it changes and the rest are
+  // written back; the load reaches the owner thread ahead of the change.
+  if (disk) appManager_.loadMigratedApps(*disk);
+  mainQueue_.post([lifetime = std::weak_ptr<MigrationManager*>(lifetime_), change = std::move(change)] {
+    if (auto alive = lifetime.lock()) change(**alive);
+  });
 }
 
 }  // namespace corvane

@@ -6,6 +6,7 @@
 
 #include "catalogue/app_bundle_metadata.h"
 #include "catalogue/migrated_backup_catalog.h"
+#include "engine/migration_failure.h"
 #include "engine/migration_issue.h"
 #include "engine/migration_manager.h"
 #include "platform/file_system.h"
@@ -17,26 +18,27 @@ namespace corvane {
 bool MigrationManager::restoreFromBackup(const BackupRecord& backup, const MigratedApp& app,
                                          const std::optional<std::string>& disk, OperationCompletion completion) {
   // One operation per item: the item counts as being moved while its version is swapped.
-  return admitItemOperation(
-      app, [this, backup, app, disk] { return performRestoreFromBackup(backup, app, disk); }, std::move(completion));
+  return startItemOperation(
+      app, {"log.migrate_back_blocked_by_migration", "log.migrate_back_in_progress", "log.restore_cancelled"},
+      [this, backup, app, disk](const ItemOperation& item) {
+        return performRestoreFromBackup(backup, app, item, disk);
+      },
+      std::move(completion));
 }
 
 MigrationManager::OperationResult MigrationManager::performRestoreFromBackup(const BackupRecord& backup,
                                                                              const MigratedApp& app,
+                                                                             const ItemOperation& item,
                                                                              const std::optional<std::string>& disk) {
-  const std::string target = standardizePath(app.targetPath);
+  const std::string& target = item.target;
+  const std::string& name = item.name;
   const std::string chosen = standardizePath(backup.backupPath);
-  const std::string name = app.appName.empty() ? lastComponent(target) : app.appName;
   const bool bundle = app.itemType == MigratedItemType::application;
   auto stop = [&](const std::string& key, std::vector<std::string> arguments = {}) {
     appendItemLog(name, key, arguments);
     return OperationResult{OperationResult::Kind::failed, formatLocalizedText(localized(key), arguments)};
   };
 
-  if (!closeRunningProgramsOf(target, name)) {
-    appendItemLog(name, "log.restore_cancelled", {});
-    return OperationResult{OperationResult::Kind::cancelled, localized("log.restore_cancelled")};
-  }
   appendItemLog(name, "log.restore_start", {});
 
   const auto chosenEntry = MigrationEntry::read(chosen, AT_FDCWD);
@@ -97,23 +99,18 @@ MigrationManager::OperationResult MigrationManager::performRestoreFromBackup(con
   updated.backupVersions.push_back(keptRecord);
   MigratedBackupCatalog::sortNewestFirst(updated.backupVersions);
 
-  if (disk) appManager_.loadMigratedApps(*disk);
-  mainQueue_.post(
-      [lifetime = std::weak_ptr<MigrationManager*>(lifetime_), updated, disk, kept, name, versionBefore, versionAfter] {
-        auto alive = lifetime.lock();
-        if (!alive) return;
-        MigrationManager& manager = **alive;
-        manager.appendItemLog(name, "log.restore_update_record", {});
-        if (!manager.appManager_.saveMigratedApp(updated, disk, kept)) {
-          manager.appendItemLog(name, "migration.safety.catalog_failed", {});
-        }
-        if (versionBefore && versionAfter) {
-          manager.appendItemLog(name, "log.restore_complete_versions", {*versionBefore, *versionAfter});
-        } else {
-          manager.appendItemLog(name, "log.restore_complete", {});
-        }
-        manager.appendItemLog("", "log.separator_line", {});
-      });
+  changeRecords(disk, [updated, disk, kept, name, versionBefore, versionAfter](MigrationManager& manager) {
+    manager.appendItemLog(name, "log.restore_update_record", {});
+    if (!manager.appManager_.saveMigratedApp(updated, disk, kept)) {
+      manager.appendItemLog(name, "migration.safety.catalog_failed", {});
+    }
+    if (versionBefore && versionAfter) {
+      manager.appendItemLog(name, "log.restore_complete_versions", {*versionBefore, *versionAfter});
+    } else {
+      manager.appendItemLog(name, "log.restore_complete", {});
+    }
+    manager.appendItemLog("", "log.separator_line", {});
+  });
   return OperationResult{OperationResult::Kind::succeeded, {}};
 }
 

@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include "engine/migration_failure.h"
 #include "engine/migration_issue.h"
 #include "engine/migration_manager.h"
 #include "platform/file_system.h"
@@ -13,7 +14,6 @@
 #include "support/diagnostic_log.h"
 #include "support/home_directory.h"
 #include "support/paths.h"
-#include "support/update_activity.h"
 
 namespace corvane {
 namespace {
@@ -38,36 +38,19 @@ bool isDeletableSupportFile(const std::string& path) {
 
 }  // namespace
 
-void MigrationManager::uninstallApp(const MigratedApp& app, const std::vector<std::string>& externalDisks,
+bool MigrationManager::uninstallApp(const MigratedApp& app, const std::vector<std::string>& externalDisks,
                                     OperationCompletion completion) {
-  const bool registered = UpdateActivity::shared().beginOperation();
-  if (!registered) {
-    const std::string name = app.appName.empty() ? lastComponent(app.originalPath) : app.appName;
-    appendItemLog(name, "log.migrate_back_blocked_by_update", {});
-    if (completion)
-      completion(OperationResult{OperationResult::Kind::refused, localized("log.migrate_back_blocked_by_update")});
-    return;
-  }
-  runInBackground(
-      [this, app, externalDisks] {
-        OperationResult result;
-        try {
-          result = performUninstall(app, externalDisks);
-        } catch (...) {
-          UpdateActivity::shared().endAfterPendingWrites();
-          throw;
-        }
-        UpdateActivity::shared().endAfterPendingWrites();
-        return result;
-      },
+  return startItemOperation(
+      app, {"log.uninstall_blocked_by_migration", "log.uninstall_in_progress", "log.uninstall_cancelled"},
+      [this, app, externalDisks](const ItemOperation& item) { return performUninstall(app, item, externalDisks); },
       std::move(completion));
 }
 
-MigrationManager::OperationResult MigrationManager::performUninstall(const MigratedApp& app,
+MigrationManager::OperationResult MigrationManager::performUninstall(const MigratedApp& app, const ItemOperation& item,
                                                                      const std::vector<std::string>& externalDisks) {
-  const std::string original = standardizePath(app.originalPath);
-  const std::string target = standardizePath(app.targetPath);
-  const std::string name = app.appName.empty() ? lastComponent(original) : app.appName;
+  const std::string& original = item.original;
+  const std::string& target = item.target;
+  const std::string& name = item.name;
   bool failed = false;
 
   appendItemLog(name, "log.uninstall_start", {});
@@ -125,11 +108,9 @@ MigrationManager::OperationResult MigrationManager::performUninstall(const Migra
   }
 
   // 4. The record, on every connected disk; the list written is the first disk's.
-  if (!externalDisks.empty()) appManager_.loadMigratedApps(externalDisks.front());
-  mainQueue_.post([lifetime = std::weak_ptr<MigrationManager*>(lifetime_), app, externalDisks, name, failed] {
-    auto alive = lifetime.lock();
-    if (!alive) return;
-    MigrationManager& manager = **alive;
+  const std::optional<std::string> firstDisk =
+      externalDisks.empty() ? std::nullopt : std::optional<std::string>(externalDisks.front());
+  changeRecords(firstDisk, [app, externalDisks, name, failed](MigrationManager& manager) {
     bool withErrors = failed;
     if (manager.appManager_.removeMigratedAppAndSaveToAllDisks(app, externalDisks)) {
       manager.appendItemLog(name, "log.uninstall_record_deleted", {});

@@ -84,9 +84,14 @@ class MigrateBackTest : public ::testing::Test {
     item.name = "item";
     MigrationProgressTracker tracker({item});
     makeDirectories(parentPath(destination_));
-    auto result = MigrationTransfer(configuration)
-                      .transfer(item_, destination_, MigrationTransfer::Placement::migrate, tracker, "item", retain, {},
-                                [&](const std::string& key, const std::vector<std::string>&) { log_ += key + "\n"; });
+    auto result =
+        MigrationTransfer(configuration)
+            .transfer({.source = item_,
+                       .destination = destination_,
+                       .tracker = tracker,
+                       .name = "item",
+                       .retainOriginal = retain,
+                       .log = [&](const std::string& key, const std::vector<std::string>&) { log_ += key + "\n"; }});
     lastProgress_ = tracker.current().front();
     return result;
   }
@@ -210,7 +215,7 @@ TEST_F(MigrateBackTest, InternalDiskFillingUpDuringTheCopyLeavesTheItemMigrated)
   EXPECT_FALSE(hasStagingLeft(parentPath(item_)));
 }
 
-TEST_F(MigrateBackTest, AdmissionRefusesDuringABatchTwiceForOneItemAndDuringAnUpdate) {
+TEST_F(MigrateBackTest, AdmissionOfMoveBackAndUninstallRefusesDuringABatchTwiceForOneItemAndDuringAnUpdate) {
   const auto app = migrate();
   // While an update installs.
   UpdateActivity::shared().setInstalling(true);
@@ -234,6 +239,9 @@ TEST_F(MigrateBackTest, AdmissionRefusesDuringABatchTwiceForOneItemAndDuringAnUp
   inside.wait(false);
   EXPECT_EQ(manager.migratingBackItems().count(item_), 1u);
   EXPECT_FALSE(manager.migrateBackToMainDisk(app, disk_));
+  // Nor may an uninstall delete the copy the move-back is reading.
+  EXPECT_FALSE(manager.uninstallApp(app, {disk_}));
+  EXPECT_TRUE(MigrationEntry::read(app.targetPath, AT_FDCWD));
   // Nor may a forward batch take the item that is on its way back.
   EXPECT_FALSE(manager.migrateApps({item_}, disk_));
   EXPECT_FALSE(manager.isMigrating());
@@ -244,11 +252,14 @@ TEST_F(MigrateBackTest, AdmissionRefusesDuringABatchTwiceForOneItemAndDuringAnUp
   released = true;
   released.notify_all();
   EXPECT_FALSE(manager.migrateBackToMainDisk(app, disk_));
+  EXPECT_FALSE(manager.uninstallApp(app, {disk_}));
   ASSERT_TRUE(queue_.runUntil([&] { return first.has_value() && !manager.isMigrating(); }, std::chrono::minutes(2)));
   EXPECT_EQ(first->kind, MigrationManager::OperationResult::Kind::succeeded) << manager.logText();
   EXPECT_TRUE(manager.migratingBackItems().empty());
   EXPECT_NE(manager.logText().find(localized("log.migrate_back_in_progress")), std::string::npos);
   EXPECT_NE(manager.logText().find(localized("log.migrate_back_blocked_by_migration")), std::string::npos);
+  EXPECT_NE(manager.logText().find(localized("log.uninstall_in_progress")), std::string::npos);
+  EXPECT_NE(manager.logText().find(localized("log.uninstall_blocked_by_migration")), std::string::npos);
   EXPECT_EQ(UpdateActivity::shared().pending(), 0);
 }
 

@@ -8,6 +8,7 @@
 
 #include "engine/manifest/migration_copy_workload.h"
 #include "engine/manifest/migration_link_plan.h"
+#include "engine/migration_failure.h"
 #include "engine/migration_issue.h"
 #include "engine/switch/migration_file_safety.h"
 #include "engine/transfer/migration_destination_transaction.h"
@@ -53,16 +54,6 @@ class DestinationReservation {
   std::string path_;
 };
 
-std::string describe(const std::exception_ptr& cause) {
-  try {
-    std::rethrow_exception(cause);
-  } catch (const std::exception& error) {
-    return error.what();
-  } catch (...) {
-    return "unknown failure";
-  }
-}
-
 bool isApplicationBundle(const std::string& path) {
   const std::string name = lastComponent(path);
   return name.size() > 4 && name.compare(name.size() - 4, 4, ".app") == 0;
@@ -86,205 +77,292 @@ MigrationEntry requireDirectory(const std::string& path) {
   return *entry;
 }
 
+// One item's way through the fourteen steps. Each step is one member function, called in
+// order; the state they pass on to each other lives in the members.
+class TransferRun {
+ public:
+  TransferRun(const MigrationTransfer::Configuration& configuration, const MigrationTransfer::Request& request)
+      : configuration_(configuration),
+        request_(request),
+        tracker_(request.tracker),
+        name_(request.name),
+        transaction_(request.destination) {}
+
+  MigrationTransfer::Result run() {
+    try {
+      tracker_.setPhase(name_, Phase::preparing);
+      if (request_.preflight) request_.preflight();
+      resolveLocations();
+      prepareOldLocation();
+      scanAndCheckUsage();
+      planCopy();
+      checkDestinationVolume();
+      createStagingArea();
+      copyIntoStaging();
+      verifyFromMedium();
+      requireWholeBundle();
+      requireUnchangedAndIdle();
+      flushStaging();
+      promoteAndSwitch();
+    } catch (...) {
+      const std::exception_ptr cause = std::current_exception();
+      const std::string description = migrationErrorDescription(cause);
+      logInfo("Migration error: " + description);
+      const std::optional<std::string> cleanupPath = rollBack();
+      tracker_.setPhase(name_, Phase::failed);
+      throw MigrationTransfer::Failure(cause, cleanupPath, description);
+    }
+    MigrationTransfer::Result result = tidyUpReplacedData();
+    finishStaging();
+    tracker_.setPhase(name_, Phase::done);
+    return result;
+  }
+
+ private:
+  bool migrating() const { return request_.placement == MigrationTransfer::Placement::migrate; }
+
+  void say(const std::string& key, std::vector<std::string> arguments = {}) const {
+    if (request_.log) request_.log(key, arguments);
+  }
+
+  bool cancelled() const { return configuration_.cancelled && configuration_.cancelled->load(); }
+
+  void stopIfCancelled() const {
+    if (cancelled()) throw MigrationIssue("migration.transfer.cancelled", request_.source);
+  }
+
+  const std::function<void()>& beforeCommit() const {
+    static const std::function<void()> nothing = [] {};
+    return configuration_.beforeCommit ? configuration_.beforeCommit : nothing;
+  }
+
+  // 1. Where from, where to.
+  void resolveLocations() {
+    const std::string& source = request_.source;
+    const std::string& destination = request_.destination;
+    if (!MigrationEntry::read(source, AT_FDCWD)) throw MigrationIssue("error.migration_source_changed", source);
+    if (migrating()) {
+      MigrationIntegrityVerifier::validateLocations(source, destination);
+      if (MigrationEntry::read(destination, AT_FDCWD))
+        throw MigrationIssue("migration.preflight.target_exists", destination);
+    } else {
+      // The link is expected to lead to the source; the folder it stands in must lie apart from it.
+      MigrationIntegrityVerifier::validateLocations(source, parentPath(destination));
+      restoreLink_ = MigrationFileSafety::requireRestoreLink(destination, source);
+    }
+    reservation_.emplace(destination);
+    parent_ = parentPath(destination);
+  }
+
+  // 2. The old location must allow the switch.
+  void prepareOldLocation() {
+    tracker_.setPhase(name_, Phase::checking);
+    say("migration.preflight.checking", {name_});
+    access_ = configuration_.makeAccess(migrating() ? request_.source : request_.destination);
+    access_->prepare();
+  }
+
+  // 3. Scan, classify runtime entries, ask about blockers, check open files.
+  void scanAndCheckUsage() {
+    plan_ = MigrationPreflight::plan(
+        request_.source, [&](const std::string& relative) { tracker_.scanned(name_, relative); },
+        *configuration_.prompter, configuration_.services);
+    say("migration.occupancy.checking_identity", {name_});
+    if (configuration_.checkUsage) configuration_.checkUsage(request_.source, plan_.manifest);
+  }
+
+  // 4. What the copy involves.
+  void planCopy() {
+    relocated_ = MigrationLinkPlan::relocatedTargets(request_.source, plan_.manifest);
+    if (!plan_.inactiveSockets.empty())
+      say("migration.preflight.omitted", {std::to_string(plan_.inactiveSockets.size())});
+    if (!relocated_.empty()) say("migration.preflight.links_preserved", {std::to_string(relocated_.size())});
+    const MigrationCopyWorkload workload(plan_.manifest, plan_.inactiveSockets);
+    tracker_.plan(name_, workload);
+    tracker_.setMeasurable(name_, workload.bytes > 0);
+    bytesToCopy_ = workload.bytes;
+  }
+
+  // 5. The destination volume must hold links and permissions, and the data.
+  void checkDestinationVolume() {
+    parentEntry_ = requireDirectory(parent_);
+    const auto capabilities = platform::volumeCapabilities(parent_);
+    if (!capabilities.symbolicLinks || !capabilities.accessPermissions) {
+      throw MigrationIssue("migration.preflight.filesystem", parent_);
+    }
+    if (platform::availableCapacity(parent_) < bytesToCopy_) throw MigrationIssue("migration.preflight.space", parent_);
+  }
+
+  // 6. A private staging directory beside the destination.
+  void createStagingArea() {
+    staging_ = std::make_unique<MigrationStagingArea>(request_.source, request_.destination, parent_);
+  }
+
+  // 7. Copy into it.
+  void copyIntoStaging() {
+    tracker_.setPhase(name_, Phase::copying);
+    say("migration.transfer.copying", {name_});
+    ProgressFileCopier::copy(
+        request_.source, staging_->payload(), plan_.manifest, plan_.inactiveSockets, relocated_, *staging_,
+        [&](const MigrationCopyUpdate& update) { tracker_.copied(name_, update.bytes, update.entries, update.path); },
+        [&] { return cancelled(); });
+    stopIfCancelled();
+  }
+
+  // 8. Verify from the medium, repairing once.
+  void verifyFromMedium() {
+    tracker_.setPhase(name_, Phase::verifying);
+    say("log.verification_start", {name_});
+    MigrationVerificationOptions options;
+    options.repair = MigrationEntryRepair::rebuild;
+    options.inactiveSockets = plan_.inactiveSockets;
+    options.relocated = relocated_;
+    options.progress = [&](const MigrationVerificationProgress& progress) {
+      stopIfCancelled();
+      tracker_.verified(name_, progress.bytes, progress.entries, progress.relativePath);
+    };
+    options.repaired = [&](const std::string& relative) {
+      staging_->recordCreated(relative.empty() ? staging_->payload() : staging_->payload() + "/" + relative);
+    };
+    MigrationIntegrityVerifier::verify(request_.source, staging_->payload(), plan_.manifest, options);
+    if (requireDirectory(parent_).identity() != parentEntry_.identity())
+      throw MigrationIssue("migration.preflight.parent", parent_);
+    say("log.verification_success", {name_});
+  }
+
+  // 9. A bundle without its Info.plist is not a whole application.
+  void requireWholeBundle() const {
+    if (isApplicationBundle(request_.destination) &&
+        !MigrationEntry::read(staging_->payload() + "/Contents/Info.plist", AT_FDCWD)) {
+      throw MigrationIssue("log.symlink_incomplete", name_);
+    }
+  }
+
+  // 10. Nothing changed and nothing started using the item meanwhile.
+  void requireUnchangedAndIdle() {
+    say("migration.occupancy.final_check", {name_});
+    MigrationIntegrityVerifier::requireUnchanged(request_.source, plan_.manifest);
+    MigrationPreflight::requireRuntimeIdle(request_.source, plan_.manifest, plan_.inactiveSockets,
+                                           configuration_.services.probe);
+    stagedRoot_ = MigrationEntry::read(staging_->payload(), AT_FDCWD);
+    const std::string payloadKey = lastComponent(staging_->payload());
+    if (!stagedRoot_ || !staging_->owned().count(payloadKey) ||
+        staging_->owned().at(payloadKey).identity() != stagedRoot_->identity()) {
+      throw MigrationIssue("error.migration_copy_mismatch", staging_->payload());
+    }
+  }
+
+  // 11. Durable first,
+  void flushStaging() {
+    tracker_.setPhase(name_, Phase::switching);
+    flushToMedium(staging_->root());
+  }
+
+  // 12. then promote and switch.
+  void promoteAndSwitch() {
+    if (migrating()) {
+      transaction_.promote(staging_->payload());
+      flushToMedium(parent_);
+      originalKeptAt_ = access_->install(request_.destination, beforeCommit());
+      say("log.symlink_success", {name_});
+    } else {
+      access_->restore(*stagedRoot_, staging_->payload(), beforeCommit());
+      staging_->receivedLinkAfterRestore(*restoreLink_);
+      flushToMedium(parent_);
+      say("log.migrate_back_swap_success", {name_});
+    }
+  }
+
+  // Before the switch: the destination and the staging area go again. Returns a path that could
+  // not be cleaned up, when there is one.
+  std::optional<std::string> rollBack() {
+    if (!staging_) return std::nullopt;
+    std::optional<std::string> cleanupPath;
+    tracker_.setPhase(name_, Phase::rollingBack);
+    try {
+      transaction_.rollback(staging_->payload());
+    } catch (const std::exception& error) {
+      logWarning(std::string("roll-back of the destination stopped: ") + error.what());
+      say("migration.safety.cleanup_stopped", {request_.destination});
+      cleanupPath = request_.destination;
+    }
+    tracker_.setPhase(name_, Phase::cleaning);
+    say("migration.safety.cleaning", {name_});
+    try {
+      staging_->discardAfterRollback();
+      if (!cleanupPath) say("migration.safety.rolled_back", {name_});
+    } catch (const std::exception& error) {
+      logWarning(std::string("staging removal stopped: ") + error.what());
+      say("migration.safety.cleanup_stopped", {staging_->root()});
+      if (!cleanupPath) cleanupPath = staging_->root();
+    }
+    return cleanupPath;
+  }
+
+  // 13. The switch stands; what remains is tidying up, which never undoes it.
+  MigrationTransfer::Result tidyUpReplacedData() {
+    tracker_.setPhase(name_, Phase::cleaning);
+    MigrationTransfer::Result result;
+    const std::string replaced = migrating() ? originalKeptAt_ : request_.source;
+    auto retain = [&] {
+      result.retainedSource = true;
+      result.retentionReason = "migration.transfer.source_retained";
+      result.retainedPath = replaced;
+    };
+    if (request_.retainOriginal == RetainOriginal::yes) {
+      retain();
+      return result;
+    }
+    try {
+      if (migrating()) {
+        access_->cleanupBackup(originalKeptAt_, plan_.manifest, plan_.inactiveSockets, relocated_);
+      } else {
+        auto restored = MigrationEntry::read(request_.destination, AT_FDCWD);
+        if (!restored) throw MigrationIssue("error.migration_restore_conflict", request_.destination);
+        access_->cleanupRestoredSource(request_.source, plan_.manifest, plan_.inactiveSockets, relocated_,
+                                       request_.destination, *restored);
+      }
+    } catch (const std::exception& error) {
+      logWarning(std::string("the replaced data stays: ") + error.what());
+      retain();
+    }
+    return result;
+  }
+
+  // 14. The staging directory goes; one left behind is named, never a failure.
+  void finishStaging() {
+    try {
+      staging_->finish();
+    } catch (const std::exception& error) {
+      logWarning(std::string("staging directory stays: ") + error.what());
+      say("migration.safety.cleanup_stopped", {staging_->root()});
+    }
+  }
+
+  const MigrationTransfer::Configuration& configuration_;
+  const MigrationTransfer::Request& request_;
+  MigrationProgressTracker& tracker_;
+  const std::string& name_;
+  MigrationDestinationTransaction transaction_;
+  std::optional<DestinationReservation> reservation_;
+  std::string parent_;
+  MigrationEntry parentEntry_;
+  std::optional<MigrationEntry> restoreLink_;
+  std::unique_ptr<MigrationAccess> access_;
+  MigrationPreflight::Plan plan_;
+  std::map<std::string, std::string> relocated_;
+  std::int64_t bytesToCopy_ = 0;
+  std::unique_ptr<MigrationStagingArea> staging_;
+  std::optional<MigrationEntry> stagedRoot_;
+  std::string originalKeptAt_;
+};
+
 }  // namespace
 
 MigrationTransfer::MigrationTransfer(Configuration configuration) : configuration_(std::move(configuration)) {}
 
-MigrationTransfer::Result MigrationTransfer::transfer(const std::string& source, const std::string& destination,
-                                                      Placement placement, MigrationProgressTracker& tracker,
-                                                      const std::string& name, RetainOriginal retainOriginal,
-                                                      const std::function<void()>& preflight, const Log& log) {
-  auto say = [&](const std::string& key, std::vector<std::string> arguments = {}) {
-    if (log) log(key, arguments);
-  };
-  auto stopIfCancelled = [&] {
-    if (configuration_.cancelled && configuration_.cancelled->load())
-      throw MigrationIssue("migration.transfer.cancelled", source);
-  };
-
-  MigrationDestinationTransaction transaction(destination);
-  std::unique_ptr<MigrationStagingArea> staging;
-  std::unique_ptr<MigrationAccess> access;
-  std::optional<DestinationReservation> reservation;
-  MigrationPreflight::Plan plan;
-  std::map<std::string, std::string> relocated;
-  std::string originalKeptAt;
-  std::optional<MigrationEntry> restoreLink;
-
-  try {
-    tracker.setPhase(name, Phase::preparing);
-    if (preflight) preflight();
-
-    // 1. Where from, where to.
-    if (!MigrationEntry::read(source, AT_FDCWD)) throw MigrationIssue("error.migration_source_changed", source);
-    if (placement == Placement::restore) {
-      // The link is expected to lead to the source; the folder it stands in must lie apart from it.
-      MigrationIntegrityVerifier::validateLocations(source, parentPath(destination));
-      restoreLink = MigrationFileSafety::requireRestoreLink(destination, source);
-    } else {
-      MigrationIntegrityVerifier::validateLocations(source, destination);
-    }
-    if (placement == Placement::migrate && MigrationEntry::read(destination, AT_FDCWD)) {
-      throw MigrationIssue("migration.preflight.target_exists", destination);
-    }
-    reservation.emplace(destination);
-
-    // 2. The old location must allow the switch.
-    tracker.setPhase(name, Phase::checking);
-    say("migration.preflight.checking", {name});
-    access = configuration_.makeAccess(placement == Placement::migrate ? source : destination);
-    access->prepare();
-
-    // 3. Scan, classify runtime entries, ask about blockers, check open files.
-    plan = MigrationPreflight::plan(
-        source, [&](const std::string& relative) { tracker.scanned(name, relative); }, *configuration_.prompter,
-        configuration_.services);
-    say("migration.occupancy.checking_identity", {name});
-    if (configuration_.checkUsage) configuration_.checkUsage(source, plan.manifest);
-
-    // 4. What the copy involves.
-    relocated = MigrationLinkPlan::relocatedTargets(source, plan.manifest);
-    if (!plan.inactiveSockets.empty())
-      say("migration.preflight.omitted", {std::to_string(plan.inactiveSockets.size())});
-    if (!relocated.empty()) say("migration.preflight.links_preserved", {std::to_string(relocated.size())});
-    const MigrationCopyWorkload workload(plan.manifest, plan.inactiveSockets);
-    tracker.plan(name, workload);
-    tracker.setMeasurable(name, workload.bytes > 0);
-
-    // 5. The destination volume must hold links and permissions, and the data.
-    const std::string parent = parentPath(destination);
-    const MigrationEntry parentEntry = requireDirectory(parent);
-    const auto capabilities = platform::volumeCapabilities(parent);
-    if (!capabilities.symbolicLinks || !capabilities.accessPermissions) {
-      throw MigrationIssue("migration.preflight.filesystem", parent);
-    }
-    if (platform::availableCapacity(parent) < workload.bytes) throw MigrationIssue("migration.preflight.space", parent);
-
-    // 6, 7. Copy into a private staging directory.
-    staging = std::make_unique<MigrationStagingArea>(source, destination, parent);
-    tracker.setPhase(name, Phase::copying);
-    say("migration.transfer.copying", {name});
-    ProgressFileCopier::copy(
-        source, staging->payload(), plan.manifest, plan.inactiveSockets, relocated, *staging,
-        [&](const MigrationCopyUpdate& update) { tracker.copied(name, update.bytes, update.entries, update.path); },
-        [&] { return configuration_.cancelled && configuration_.cancelled->load(); });
-    stopIfCancelled();
-
-    // 8. Verify from the medium, repairing once.
-    tracker.setPhase(name, Phase::verifying);
-    say("log.verification_start", {name});
-    MigrationVerificationOptions options;
-    options.repair = MigrationEntryRepair::rebuild;
-    options.inactiveSockets = plan.inactiveSockets;
-    options.relocated = relocated;
-    options.progress = [&](const MigrationVerificationProgress& progress) {
-      stopIfCancelled();
-      tracker.verified(name, progress.bytes, progress.entries, progress.relativePath);
-    };
-    options.repaired = [&](const std::string& relative) {
-      staging->recordCreated(relative.empty() ? staging->payload() : staging->payload() + "/" + relative);
-    };
-    MigrationIntegrityVerifier::verify(source, staging->payload(), plan.manifest, options);
-    if (requireDirectory(parent).identity() != parentEntry.identity())
-      throw MigrationIssue("migration.preflight.parent", parent);
-    say("log.verification_success", {name});
-
-    // 9. A bundle without its Info.plist is not a whole application.
-    if (isApplicationBundle(destination) &&
-        !MigrationEntry::read(staging->payload() + "/Contents/Info.plist", AT_FDCWD)) {
-      throw MigrationIssue("log.symlink_incomplete", name);
-    }
-
-    // 10. Nothing changed and nothing started using the item meanwhile.
-    say("migration.occupancy.final_check", {name});
-    MigrationIntegrityVerifier::requireUnchanged(source, plan.manifest);
-    MigrationPreflight::requireRuntimeIdle(source, plan.manifest, plan.inactiveSockets, configuration_.services.probe);
-    const auto stagedRoot = MigrationEntry::read(staging->payload(), AT_FDCWD);
-    const std::string payloadKey = lastComponent(staging->payload());
-    if (!stagedRoot || !staging->owned().count(payloadKey) ||
-        staging->owned().at(payloadKey).identity() != stagedRoot->identity()) {
-      throw MigrationIssue("error.migration_copy_mismatch", staging->payload());
-    }
-
-    // 11, 12. Durable first, then promote and switch.
-    tracker.setPhase(name, Phase::switching);
-    flushToMedium(staging->root());
-    if (placement == Placement::migrate) {
-      transaction.promote(staging->payload());
-      flushToMedium(parent);
-      originalKeptAt = access->install(
-          destination, configuration_.beforeCommit ? configuration_.beforeCommit : [] {});
-      say("log.symlink_success", {name});
-    } else {
-      access->restore(
-          *stagedRoot, staging->payload(), configuration_.beforeCommit ? configuration_.beforeCommit : [] {});
-      staging->receivedLinkAfterRestore(*restoreLink);
-      flushToMedium(parent);
-      say("log.migrate_back_swap_success", {name});
-    }
-  } catch (...) {
-    const std::exception_ptr cause = std::current_exception();
-    logInfo("Migration error: " + describe(cause));
-    std::optional<std::string> cleanupPath;
-    if (staging) {
-      tracker.setPhase(name, Phase::rollingBack);
-      try {
-        transaction.rollback(staging->payload());
-      } catch (const std::exception& error) {
-        logWarning(std::string("roll-back of the destination stopped: ") + error.what());
-        say("migration.safety.cleanup_stopped", {destination});
-        cleanupPath = destination;
-      }
-      tracker.setPhase(name, Phase::cleaning);
-      say("migration.safety.cleaning", {name});
-      try {
-        staging->discardAfterRollback();
-        if (!cleanupPath) say("migration.safety.rolled_back", {name});
-      } catch (const std::exception& error) {
-        logWarning(std::string("staging removal stopped: ") + error.what());
-        say("migration.safety.cleanup_stopped", {staging->root()});
-        if (!cleanupPath) cleanupPath = staging->root();
-      }
-    }
-    tracker.setPhase(name, Phase::failed);
-    throw Failure(cause, cleanupPath, describe(cause));
-  }
-
-  // 13. The switch stands; what remains is tidying up, which never undoes it.
-  tracker.setPhase(name, Phase::cleaning);
-  Result result;
-  auto retain = [&](const std::string& path) {
-    result.retainedSource = true;
-    result.retentionReason = "migration.transfer.source_retained";
-    result.retainedPath = path;
-  };
-  const std::string replaced = placement == Placement::migrate ? originalKeptAt : source;
-  if (retainOriginal == RetainOriginal::yes) {
-    retain(replaced);
-  } else {
-    try {
-      if (placement == Placement::migrate) {
-        access->cleanupBackup(originalKeptAt, plan.manifest, plan.inactiveSockets, relocated);
-      } else {
-        auto restored = MigrationEntry::read(destination, AT_FDCWD);
-        if (!restored) throw MigrationIssue("error.migration_restore_conflict", destination);
-        access->cleanupRestoredSource(source, plan.manifest, plan.inactiveSockets, relocated, destination, *restored);
-      }
-    } catch (const std::exception& error) {
-      logWarning(std::string("the replaced data stays: ") + error.what());
-      retain(replaced);
-    }
-  }
-
-  // 14.
-  try {
-    staging->finish();
-  } catch (const std::exception& error) {
-    logWarning(std::string("staging directory stays: ") + error.what());
-    say("migration.safety.cleanup_stopped", {staging->root()});
-  }
-  tracker.setPhase(name, Phase::done);
-  return result;
+MigrationTransfer::Result MigrationTransfer::transfer(const Request& request) {
+  return TransferRun(configuration_, request).run();
 }
 
 }  // namespace corvane

@@ -66,12 +66,24 @@ class MigrationTransfer {
 
   using Log = std::function<void(const std::string& key, const std::vector<std::string>& arguments)>;
 
+  // One item's transfer: what goes where, who hears about it and what is kept.
+  struct Request {
+    std::string source = {};
+    std::string destination = {};
+    Placement placement = Placement::migrate;
+    // Receives the phases and counters of the item named `name`.
+    MigrationProgressTracker& tracker;
+    std::string name = {};
+    RetainOriginal retainOriginal = RetainOriginal::no;
+    // Runs first, before anything is read; may throw to refuse the item.
+    std::function<void()> preflight = {};
+    Log log = {};
+  };
+
   explicit MigrationTransfer(Configuration configuration);
 
-  // `tracker` receives the phases and counters of the item named `name`. Throws Failure.
-  Result transfer(const std::string& source, const std::string& destination, Placement placement,
-                  MigrationProgressTracker& tracker, const std::string& name, RetainOriginal retainOriginal,
-                  const std::function<void()>& preflight, const Log& log);
+  // Throws Failure.
+  Result transfer(const Request& request);
 
  private:
   Configuration configuration_;
