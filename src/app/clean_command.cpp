@@ -209,7 +209,7 @@ int runClean(const CleanOptions& options) {
 
   // Progress: each item is reported as soon as its result arrives.
   std::set<std::string> reported;
-  manager.addObserver([&](DevCleanerChange change) {
+  const Subscription itemLines = manager.observe([&](DevCleanerChange change) {
     if (change != DevCleanerChange::items || options.json) return;
     for (const auto& item : manager.items()) {
       if (item.status.kind == CleanItemStatus::Kind::pending || !reported.insert(item.id).second) continue;

@@ -29,13 +29,9 @@ int runItemOperation(const ItemOperation& operation, const PromptOptions& prompt
   std::optional<MigrationManager::OperationResult> result;
   {
     MigrationManager manager(mainQueue, appManager, hooks);
-    if (progress == ProgressLines::show) {
-      manager.setProgressObserver([&](std::vector<MigrationItemProgress> items) {
-        for (auto& item : items) item.name = lastComponent(item.name);
-        display.show(items);
-      });
-    }
-    manager.setLogObserver([&](const std::string& line) {
+    Subscription progressLines;
+    if (progress == ProgressLines::show) progressLines = manager.observeProgress(showingShortNames(display));
+    const Subscription logLines = manager.observeLog([&](const std::string& line) {
       display.clear();
       printLine(line);
     });

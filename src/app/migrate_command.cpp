@@ -86,11 +86,8 @@ int runMigrate(const MigrateOptions& options) {
     return askToCloseRunningApp(path, name, running, options.prompts.preset());
   };
   MigrationManager manager(mainQueue, appManager, hooks);
-  manager.setProgressObserver([&](std::vector<MigrationItemProgress> items) {
-    for (auto& item : items) item.name = lastComponent(item.name);
-    display.show(items);
-  });
-  manager.setLogObserver([&](const std::string& line) {
+  const Subscription progressLines = manager.observeProgress(showingShortNames(display));
+  const Subscription logLines = manager.observeLog([&](const std::string& line) {
     display.clear();
     if (!options.json) printLine(line);
   });

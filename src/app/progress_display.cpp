@@ -6,6 +6,7 @@
 
 #include "settings/localization.h"
 #include "support/byte_format.h"
+#include "support/paths.h"
 
 namespace corvane {
 
@@ -108,6 +109,13 @@ void ProgressDisplay::clear() {
     std::fflush(stream_);
   }
   drawnLines_ = 0;
+}
+
+std::function<void(const std::vector<MigrationItemProgress>&)> showingShortNames(ProgressDisplay& display) {
+  return [&display](std::vector<MigrationItemProgress> items) {
+    for (auto& item : items) item.name = lastComponent(item.name);
+    display.show(items);
+  };
 }
 
 }  // namespace corvane

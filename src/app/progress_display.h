@@ -5,6 +5,7 @@
 
 #include <chrono>
 #include <cstdio>
+#include <functional>
 #include <map>
 #include <mutex>
 #include <string>
@@ -41,6 +42,10 @@ class ProgressDisplay {
   };
   std::map<std::string, Shown> lastPlain_;
 };
+
+// A progress observer that shows each sample on `display` under the items' last path
+// components.
+std::function<void(const std::vector<MigrationItemProgress>&)> showingShortNames(ProgressDisplay& display);
 
 // "1 min 5 s", "12 s".
 std::string formatDuration(double seconds);

@@ -167,20 +167,7 @@ AppManager::AppManager(MainQueue& mainQueue) : mainQueue_(mainQueue) {}
 
 AppManager::~AppManager() { lifetime_.reset(); }
 
-std::size_t AppManager::addObserver(Observer observer) {
-  observers_.emplace_back(nextObserverToken_, std::move(observer));
-  return nextObserverToken_++;
-}
-
-void AppManager::removeObserver(std::size_t token) {
-  std::erase_if(observers_, [token](const auto& entry) { return entry.first == token; });
-}
-
-void AppManager::notify() {
-  // Copied: an observer may add or remove observers.
-  const auto observers = observers_;
-  for (const auto& [token, observer] : observers) observer();
-}
+void AppManager::notify() { observers_.notify(); }
 
 void AppManager::publish(std::vector<MigratedApp> apps) {
   std::weak_ptr<AppManager*> lifetime = lifetime_;

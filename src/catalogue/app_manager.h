@@ -15,6 +15,7 @@
 
 #include "catalogue/migrated_app.h"
 #include "support/main_queue.h"
+#include "support/observer_list.h"
 
 namespace corvane {
 
@@ -35,8 +36,8 @@ class AppManager {
 
   // Owner thread.
   const std::vector<MigratedApp>& migratedApps() const { return migratedApps_; }
-  std::size_t addObserver(Observer observer);
-  void removeObserver(std::size_t token);
+  // Told on the owner thread after every change of the published list.
+  [[nodiscard]] Subscription observe(Observer observer) { return observers_.add(std::move(observer)); }
 
   // <disk>/.corvane/migrated_apps.json; creates and hides the directory on the way (failures
   // are logged and the path is returned anyway).
@@ -82,8 +83,7 @@ class AppManager {
 
   MainQueue& mainQueue_;
   std::vector<MigratedApp> migratedApps_;
-  std::vector<std::pair<std::size_t, Observer>> observers_;
-  std::size_t nextObserverToken_ = 1;
+  ObserverList<> observers_;
   // Work posted to the main queue checks this so that it never reaches a destroyed manager.
   std::shared_ptr<AppManager*> lifetime_ = std::make_shared<AppManager*>(this);
 };

@@ -83,20 +83,7 @@ std::int64_t DevCleanerManager::selectedSize() const {
   return total;
 }
 
-std::size_t DevCleanerManager::addObserver(Observer observer) {
-  observers_.emplace_back(nextObserverToken_, std::move(observer));
-  return nextObserverToken_++;
-}
-
-void DevCleanerManager::removeObserver(std::size_t token) {
-  std::erase_if(observers_, [token](const auto& entry) { return entry.first == token; });
-}
-
-void DevCleanerManager::notify(DevCleanerChange change) {
-  // An observer may add or remove observers while being told.
-  const auto current = observers_;
-  for (const auto& [token, observer] : current) observer(change);
-}
+void DevCleanerManager::notify(DevCleanerChange change) { observers_.notify(change); }
 
 void DevCleanerManager::setState(CleanerState state) {
   if (currentState_ == state) return;

@@ -16,6 +16,7 @@
 #include "cleaner/cleaner_definition.h"
 #include "cleaner/docker_client.h"
 #include "support/main_queue.h"
+#include "support/observer_list.h"
 
 namespace corvane {
 
@@ -54,8 +55,7 @@ class DevCleanerManager {
   std::int64_t selectedSize() const;
   const std::vector<CleanerDefinition>& definitions() const { return configuration_.definitions; }
 
-  std::size_t addObserver(Observer observer);
-  void removeObserver(std::size_t token);
+  [[nodiscard]] Subscription observe(Observer observer) { return observers_.add(std::move(observer)); }
 
   // Cancels a running scan and starts a new one; refused (false) while cleaning.
   bool startScanning();
@@ -91,8 +91,7 @@ class DevCleanerManager {
   std::int64_t totalScannedSize_ = 0;
   std::int64_t totalCleanedSize_ = 0;
 
-  std::vector<std::pair<std::size_t, Observer>> observers_;
-  std::size_t nextObserverToken_ = 1;
+  ObserverList<DevCleanerChange> observers_;
   std::uint64_t run_ = 0;  // increases with every scan and clean; stale results are dropped
   std::shared_ptr<DevCleanerManager*> lifetime_ = std::make_shared<DevCleanerManager*>(this);
 

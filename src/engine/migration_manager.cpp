@@ -133,7 +133,7 @@ bool MigrationManager::migrateApps(const std::vector<std::string>& apps, const s
   isMigrating_ = true;
   running_ = batch;
   appendLogNow(logLine("", "log.migration_start", {}));
-  if (progressObserver_) batch->tracker->start(progressPublisher());
+  if (!progressObservers_.empty()) batch->tracker->start(progressPublisher());
   batch->driver = std::thread([this, batch] { perform(batch); });
   return true;
 }
@@ -341,7 +341,7 @@ std::string MigrationManager::logLine(const std::string& item, const std::string
 void MigrationManager::appendLogNow(const std::string& line) {
   logInfo(line);
   logText_ += line + "\n";
-  if (logObserver_) logObserver_(line);
+  logObservers_.notify(line);
   notify();
 }
 
@@ -359,16 +359,14 @@ void MigrationManager::post(const std::string& runID, std::function<void()> work
   });
 }
 
-void MigrationManager::notify() {
-  for (const auto& observer : observers_) observer();
-}
+void MigrationManager::notify() { observers_.notify(); }
 
 MigrationProgressTracker::Sampled MigrationManager::progressPublisher() {
   return [&queue = mainQueue_,
           lifetime = std::weak_ptr<MigrationManager*>(lifetime_)](std::vector<MigrationItemProgress> samples) {
     queue.post([lifetime, samples = std::move(samples)]() mutable {
       auto alive = lifetime.lock();
-      if (alive && (*alive)->progressObserver_) (*alive)->progressObserver_(std::move(samples));
+      if (alive) (*alive)->progressObservers_.notify(samples);
     });
   };
 }

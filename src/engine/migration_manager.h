@@ -21,6 +21,7 @@
 #include "engine/progress/migration_progress_tracker.h"
 #include "engine/transfer/migration_transfer.h"
 #include "support/main_queue.h"
+#include "support/observer_list.h"
 
 namespace corvane {
 
@@ -55,7 +56,8 @@ class MigrationManager {
   };
 
   using Observer = std::function<void()>;
-  using ProgressObserver = std::function<void(std::vector<MigrationItemProgress>)>;
+  using ProgressObserver = std::function<void(const std::vector<MigrationItemProgress>&)>;
+  using LogObserver = std::function<void(const std::string&)>;
 
   MigrationManager(MainQueue& mainQueue, AppManager& appManager, Hooks hooks);
   ~MigrationManager();
@@ -71,12 +73,15 @@ class MigrationManager {
   MigrationBatchProgress::Snapshot activeMigrationProgress() const { return snapshot_; }
   const std::vector<ItemOutcome>& outcomes() const { return outcomes_; }
   const std::string& progressRunID() const { return progressRunID_; }
-  void addObserver(Observer observer) { observers_.push_back(std::move(observer)); }
-  // Called with every sample of the tracker's clock, on the owner thread like every other
-  // published state.
-  void setProgressObserver(ProgressObserver observer) { progressObserver_ = std::move(observer); }
-  // Every log line as it is appended (owner thread).
-  void setLogObserver(std::function<void(const std::string&)> observer) { logObserver_ = std::move(observer); }
+  // Told after every change of the published state.
+  [[nodiscard]] Subscription observe(Observer observer) { return observers_.add(std::move(observer)); }
+  // Told every sample of the tracker's clock, on the owner thread like every other published
+  // state. Without a progress observer no clock runs.
+  [[nodiscard]] Subscription observeProgress(ProgressObserver observer) {
+    return progressObservers_.add(std::move(observer));
+  }
+  // Told every log line as it is appended (owner thread).
+  [[nodiscard]] Subscription observeLog(LogObserver observer) { return logObservers_.add(std::move(observer)); }
 
   // Where an item goes on `disk`: Applications/<name>.app or Directories/<absolute path>.
   static std::string destinationFor(const std::string& source, const std::string& disk);
@@ -166,9 +171,9 @@ class MigrationManager {
   MigrationBatchProgress::Snapshot snapshot_;
   std::vector<ItemOutcome> outcomes_;
   std::string progressRunID_;
-  std::vector<Observer> observers_;
-  ProgressObserver progressObserver_;
-  std::function<void(const std::string&)> logObserver_;
+  ObserverList<> observers_;
+  ObserverList<std::vector<MigrationItemProgress>> progressObservers_;
+  ObserverList<std::string> logObservers_;
   std::shared_ptr<MigrationManager*> lifetime_ = std::make_shared<MigrationManager*>(this);
   std::shared_ptr<Batch> running_;
   std::set<std::string> migratingBackItems_;

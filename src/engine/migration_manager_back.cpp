@@ -50,7 +50,7 @@ MigrationManager::OperationResult MigrationManager::performMigrateBack(const Mig
   MigrationItemProgress progressItem;
   progressItem.name = original;
   MigrationProgressTracker tracker({progressItem});
-  if (progressObserver_) tracker.start(progressPublisher());
+  if (!progressObservers_.empty()) tracker.start(progressPublisher());
   appendItemLog(name, "log.migrate_back_start", {});
 
   MigrationTransfer::Result transferred;

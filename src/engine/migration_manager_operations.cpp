@@ -28,16 +28,8 @@ bool MigrationManager::closeRunningProgramsOf(const std::string& path, const std
 
 void MigrationManager::appendItemLog(const std::string& item, const std::string& key,
                                      const std::vector<std::string>& arguments) {
-  std::string line = formatLocalizedText(localized(key), arguments);
-  if (!item.empty()) line = localizedFormat("migration.log.item", item, line);
-  logInfo(line);
-  mainQueue_.post([lifetime = std::weak_ptr<MigrationManager*>(lifetime_), line] {
-    auto alive = lifetime.lock();
-    if (!alive) return;
-    MigrationManager& manager = **alive;
-    manager.logText_ += line + "\n";
-    if (manager.logObserver_) manager.logObserver_(line);
-    manager.notify();
+  mainQueue_.post([lifetime = std::weak_ptr<MigrationManager*>(lifetime_), line = logLine(item, key, arguments)] {
+    if (auto alive = lifetime.lock()) (*alive)->appendLogNow(line);
   });
 }
 

@@ -24,8 +24,6 @@ class AtomicFileReplacement {
   void write(std::string_view data);
   void commit();
 
-  const std::string& temporaryName() const { return temporaryName_; }
-
  private:
   UniqueFd directory_;
   UniqueFd file_;

@@ -21,81 +21,12 @@ std::string joined(std::string_view first, std::string_view second) {
 
 }  // namespace
 
-// The observers live apart from the manager so that a subscription can outlive it safely.
-// Removing an observer waits for a notification that is running on another thread, so an
-// object may drop its subscription in its destructor; on the notifying thread itself (an
-// observer that unsubscribes) the recursive lock lets it through.
-class LocalizationManager::ObserverRegistry {
- public:
-  std::uint64_t add(Observer observer) {
-    std::lock_guard lock(mutex_);
-    const std::uint64_t id = ++lastId_;
-    observers_.emplace(id, std::make_shared<Observer>(std::move(observer)));
-    return id;
-  }
-
-  void remove(std::uint64_t id) {
-    std::lock_guard dispatching(dispatch_);
-    std::lock_guard lock(mutex_);
-    observers_.erase(id);
-  }
-
-  void notify(Language language) {
-    std::lock_guard dispatching(dispatch_);
-    std::vector<std::pair<std::uint64_t, std::shared_ptr<Observer>>> current;
-    {
-      std::lock_guard lock(mutex_);
-      current.assign(observers_.begin(), observers_.end());
-    }
-    for (const auto& [id, observer] : current) {
-      bool stillRegistered = false;
-      {
-        std::lock_guard lock(mutex_);
-        stillRegistered = observers_.count(id) > 0;
-      }
-      // An observer removed by an earlier one in this round is not called any more.
-      if (stillRegistered) (*observer)(language);
-    }
-  }
-
- private:
-  std::recursive_mutex dispatch_;
-  std::mutex mutex_;
-  std::uint64_t lastId_ = 0;
-  std::map<std::uint64_t, std::shared_ptr<Observer>> observers_;
-};
-
-LocalizationManager::Subscription::Subscription(std::weak_ptr<ObserverRegistry> registry, std::uint64_t id)
-    : registry_(std::move(registry)), id_(id) {}
-
-LocalizationManager::Subscription::Subscription(Subscription&& other) noexcept
-    : registry_(std::move(other.registry_)), id_(std::exchange(other.id_, 0)) {}
-
-LocalizationManager::Subscription& LocalizationManager::Subscription::operator=(Subscription&& other) noexcept {
-  if (this != &other) {
-    reset();
-    registry_ = std::move(other.registry_);
-    id_ = std::exchange(other.id_, 0);
-  }
-  return *this;
-}
-
-LocalizationManager::Subscription::~Subscription() { reset(); }
-
-void LocalizationManager::Subscription::reset() {
-  if (id_ == 0) return;
-  if (auto registry = registry_.lock()) registry->remove(id_);
-  registry_.reset();
-  id_ = 0;
-}
-
 LocalizationManager& LocalizationManager::shared() {
   static LocalizationManager instance(Configuration{locateResourceDirectory(), platform::preferredLanguages});
   return instance;
 }
 
-LocalizationManager::LocalizationManager(Configuration configuration)
-    : configuration_(std::move(configuration)), observers_(std::make_shared<ObserverRegistry>()) {
+LocalizationManager::LocalizationManager(Configuration configuration) : configuration_(std::move(configuration)) {
   if (!configuration_.preferredLanguages) configuration_.preferredLanguages = platform::preferredLanguages;
   const auto stored = settings_.string(kLanguageSettingKey);
   const auto language = stored ? parseLanguage(*stored) : std::nullopt;
@@ -147,12 +78,10 @@ void LocalizationManager::switchLanguage(Language language) {
     currentLanguage_ = language;
     updateBundle();
   }
-  observers_->notify(language);
+  observers_.notify(language);
 }
 
-LocalizationManager::Subscription LocalizationManager::observe(Observer observer) {
-  return Subscription(observers_, observers_->add(std::move(observer)));
-}
+Subscription LocalizationManager::observe(Observer observer) { return observers_.add(std::move(observer)); }
 
 std::string LocalizationManager::codeFor(Language language) const {
   if (language == Language::system) return systemLanguageCode(configuration_.preferredLanguages());

@@ -15,6 +15,7 @@
 
 #include "settings/settings_store.h"
 #include "support/language.h"
+#include "support/observer_list.h"
 #include "support/strings_table.h"
 
 namespace corvane {
@@ -29,24 +30,6 @@ class LocalizationManager {
   };
 
   using Observer = std::function<void(Language)>;
-  class ObserverRegistry;
-
-  // Keeps an observer registered; dropping (or resetting) it ends the observation.
-  class Subscription {
-   public:
-    Subscription() = default;
-    Subscription(std::weak_ptr<ObserverRegistry> registry, std::uint64_t id);
-    Subscription(Subscription&& other) noexcept;
-    Subscription& operator=(Subscription&& other) noexcept;
-    Subscription(const Subscription&) = delete;
-    Subscription& operator=(const Subscription&) = delete;
-    ~Subscription();
-    void reset();
-
-   private:
-    std::weak_ptr<ObserverRegistry> registry_;
-    std::uint64_t id_ = 0;
-  };
 
   // Created on first use from the saved setting, the installed tables and the system's
   // languages.
@@ -99,7 +82,7 @@ class LocalizationManager {
   Bundle mainBundle_;
   bool mainBundleLoaded_ = false;
   std::map<std::string, Bundle> bundles_;
-  std::shared_ptr<ObserverRegistry> observers_;
+  ObserverList<Language> observers_;
 };
 
 }  // namespace corvane

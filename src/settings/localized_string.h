@@ -30,7 +30,7 @@ class LocalizedString {
   std::string value_;
   std::function<void(const std::string&)> handler_;
   // Declared last so that it is dropped first and no notification reaches a half-destroyed object.
-  LocalizationManager::Subscription cancellable_;
+  Subscription cancellable_;
 };
 
 }  // namespace corvane

@@ -55,9 +55,4 @@ void DebugLogger::setLogFile(std::optional<std::string> path) {
   reportedFileFailure_ = false;
 }
 
-std::optional<std::string> DebugLogger::logFile() const {
-  std::lock_guard lock(mutex_);
-  return logFile_;
-}
-
 }  // namespace corvane

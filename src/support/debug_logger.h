@@ -17,7 +17,6 @@ class DebugLogger {
   void log(std::string_view message);
   // None (the default) keeps the lines in the diagnostic log only.
   void setLogFile(std::optional<std::string> path);
-  std::optional<std::string> logFile() const;
 
  private:
   mutable std::mutex mutex_;

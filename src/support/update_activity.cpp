@@ -14,7 +14,7 @@ void UpdateActivity::begin() {
 
 void UpdateActivity::end() {
   std::lock_guard lock(mutex_);
-  if (pending_ > 0 && --pending_ == 0) idle_.notify_all();
+  if (pending_ > 0) --pending_;
 }
 
 bool UpdateActivity::beginOperation() {
@@ -29,19 +29,9 @@ void UpdateActivity::setInstalling(bool installing) {
   installing_ = installing;
 }
 
-bool UpdateActivity::isInstalling() const {
-  std::lock_guard lock(mutex_);
-  return installing_;
-}
-
 int UpdateActivity::pending() const {
   std::lock_guard lock(mutex_);
   return pending_;
-}
-
-bool UpdateActivity::waitUntilIdle(std::chrono::milliseconds limit) {
-  std::unique_lock lock(mutex_);
-  return idle_.wait_for(lock, limit, [this] { return pending_ == 0; });
 }
 
 }  // namespace corvane

@@ -1,9 +1,7 @@
 // Counts write operations in progress (migrations, moves back) so that a software update can
-// wait until the last one has finished before it replaces the program.
+// see when the last one has finished before it replaces the program.
 #pragma once
 
-#include <chrono>
-#include <condition_variable>
 #include <mutex>
 
 namespace corvane {
@@ -20,14 +18,10 @@ class UpdateActivity {
   void endAfterPendingWrites() { end(); }
   // The installer marks the time it replaces the program; writes are refused meanwhile.
   void setInstalling(bool installing);
-  bool isInstalling() const;
   int pending() const;
-  // True when no write was pending within `limit`.
-  bool waitUntilIdle(std::chrono::milliseconds limit);
 
  private:
   mutable std::mutex mutex_;
-  std::condition_variable idle_;
   int pending_ = 0;
   bool installing_ = false;
 };

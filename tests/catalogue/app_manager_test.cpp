@@ -188,7 +188,7 @@ TEST_F(AppManagerTest, AFileInPlaceOfTheHiddenDirectoryAMissingDiskRootOrNoDiskW
 
 TEST_F(AppManagerTest, SavingTheSameOriginalPathUpdatesInPlaceKeepsTheIdentityAndAccumulatesBackups) {
   int notifications = 0;
-  manager_.addObserver([&] { ++notifications; });
+  const Subscription counting = manager_.observe([&] { ++notifications; });
   MigratedApp first = makeRecord("Foo.app", "/Applications/Foo.app", disk_.child("Applications/Foo.app"),
                                  MigratedItemType::application);
   makeBundle(first.targetPath, "1.0", PropertyListForm::xml);
@@ -241,7 +241,7 @@ TEST_F(AppManagerTest, RemovalWritesTheRemainingListToEveryDiskAndReadsItBack) {
 TEST_F(AppManagerTest, NoDiskMeansAnEmptyListAndPublishingOutlivesNoManager) {
   manager_.saveMigratedApp(makeRecord("A", "/nowhere/A", "/nowhere/A"), std::nullopt, std::nullopt);
   int notifications = 0;
-  manager_.addObserver([&] { ++notifications; });
+  const Subscription counting = manager_.observe([&] { ++notifications; });
   manager_.loadMigratedApps(std::nullopt);
   EXPECT_EQ(manager_.migratedApps().size(), 1u);  // published through the queue, not at once
   queue_.runPending();

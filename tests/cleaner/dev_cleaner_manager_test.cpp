@@ -36,6 +36,7 @@ class DevCleanerManagerTest : public ::testing::Test {
   TemporaryDirectory dockerDirectory;
   MainQueue queue;
   std::vector<CleanerState> states;
+  std::vector<Subscription> subscriptions;
 
   std::unique_ptr<DevCleanerManager> makeManager(std::vector<CleanerDefinition> definitions,
                                                  const std::map<std::string, FakeDockerAnswer>& docker) {
@@ -44,9 +45,9 @@ class DevCleanerManagerTest : public ::testing::Test {
     configuration.definitions = std::move(definitions);
     configuration.dockerCandidates = {cleaner_test::writeFakeDocker(dockerDirectory.path(), docker)};
     auto manager = std::make_unique<DevCleanerManager>(queue, configuration);
-    manager->addObserver([this, raw = manager.get()](DevCleanerChange change) {
+    subscriptions.push_back(manager->observe([this, raw = manager.get()](DevCleanerChange change) {
       if (change == DevCleanerChange::state) states.push_back(raw->currentState());
-    });
+    }));
     return manager;
   }
   void scan(DevCleanerManager& manager) {
@@ -164,7 +165,7 @@ TEST_F(DevCleanerManagerTest, ARescanReplacesTheRunningScanAndAMissingClientHide
   configuration.dockerCandidates = {home.child("no/such/docker")};
   DevCleanerManager manager(queue, configuration);
   int resultsDelivered = 0;
-  manager.addObserver([&](DevCleanerChange change) {
+  const Subscription delivered = manager.observe([&](DevCleanerChange change) {
     if (change == DevCleanerChange::state && manager.currentState() == CleanerState::resultsReady) ++resultsDelivered;
   });
   ASSERT_TRUE(manager.startScanning());

@@ -368,7 +368,7 @@ TEST_F(MigrationManagerTest, SixItemsNeverRunMoreThanFourTransfersAtOnceAndRepor
   };
   MigrationManager manager(queue_, apps_, hooks());
   std::vector<std::thread::id> sampledOn;
-  manager.setProgressObserver(
+  const Subscription sampling = manager.observeProgress(
       [&](const std::vector<MigrationItemProgress>&) { sampledOn.push_back(std::this_thread::get_id()); });
   runBatch(manager, items);
   ASSERT_FALSE(sampledOn.empty()) << "the clock's samples reach the observer";

@@ -128,8 +128,8 @@ TEST_F(LocalizationManagerTest, SwitchingNotifiesObserversAndOnlySavedChoicesPer
 
 TEST_F(LocalizationManagerTest, ObserversMayUnsubscribeWhileBeingNotifiedOrAfterTheManagerIsGone) {
   LocalizationManager manager(configuration());
-  LocalizationManager::Subscription first;
-  LocalizationManager::Subscription second;
+  Subscription first;
+  Subscription second;
   int firstCalls = 0;
   int secondCalls = 0;
   // Whichever is called first drops both subscriptions: the other one is not called afterwards.
@@ -148,7 +148,7 @@ TEST_F(LocalizationManagerTest, ObserversMayUnsubscribeWhileBeingNotifiedOrAfter
   manager.useLanguageForThisRun(Language::en);
   EXPECT_EQ(firstCalls + secondCalls, 1);
   // A subscription may outlive its manager.
-  LocalizationManager::Subscription outliving;
+  Subscription outliving;
   {
     LocalizationManager shortLived(configuration());
     outliving = shortLived.observe([](Language) {});

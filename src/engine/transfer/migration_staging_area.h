@@ -22,8 +22,6 @@ class MigrationStagingArea {
   const std::string& root() const { return root_; }
   const std::string& payload() const { return payload_; }
   const std::string& source() const { return source_; }
-  const MigrationFileIdentity& sourceIdentity() const { return sourceIdentity_; }
-  const MigrationFileIdentity& rootIdentity() const { return rootIdentity_; }
   const MigrationManifest& owned() const { return owned_; }
 
   // Records `path` (and every ancestor up to the root) as created by this operation. A path
