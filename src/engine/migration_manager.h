@@ -91,6 +91,9 @@ class MigrationManager {
   // Moving back, restoring a retained version and uninstalling an item that is already
   // migrated. Owner thread: each starts its work in the background and returns false when it
   // is refused at once (the log says why); `completion` runs on the owner thread at the end.
+  // The record's target must lie on the disk given (`currentDisk`, `disk`, one of
+  // `externalDisks`): without that, moving back and restoring fail before anything is touched
+  // or any program is asked to quit, and uninstalling closes no program.
   struct OperationResult {
     enum class Kind { succeeded, failed, deferred, cancelled, refused };
     Kind kind = Kind::failed;
@@ -114,17 +117,21 @@ class MigrationManager {
     std::string target;    // the copy on the external disk
     std::string name;      // how the log names it
   };
-  // The keys an operation is refused or cancelled with.
+  // How an operation is refused or cancelled, and whether it needs its target on a disk.
   struct ItemOperationKeys {
     std::string duringBatch;
     std::string alreadyRunning;
     std::string cancelled;
+    // Moving back and restoring work on the copy: one that does not lie on the disk fails them.
+    // Uninstalling goes on (each of its removals checks for itself) without closing anything.
+    bool needsTargetOnDisk = true;
   };
   // What every operation on a migrated item goes through: admission (refused during a batch,
   // during another operation on the item and while an update installs; otherwise the item
-  // counts as moving until the work has finished), then in the background the question about
-  // programs running inside the item, then `perform`. `completion` runs on the owner thread.
-  bool startItemOperation(const MigratedApp& app, const ItemOperationKeys& keys,
+  // counts as moving until the work has finished), then in the background the check that the
+  // record's target lies on one of `disks`, the question about programs running inside that
+  // verified target (never elsewhere), then `perform`. `completion` runs on the owner thread.
+  bool startItemOperation(const MigratedApp& app, const std::vector<std::string>& disks, const ItemOperationKeys& keys,
                           std::function<OperationResult(const ItemOperation&)> perform, OperationCompletion completion);
   OperationResult performMigrateBack(const MigratedApp& app, const ItemOperation& item,
                                      const std::optional<std::string>& currentDisk);

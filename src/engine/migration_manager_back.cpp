@@ -33,8 +33,10 @@ std::optional<std::string> diskRootFromLayout(const MigratedApp& app) {
 
 bool MigrationManager::migrateBackToMainDisk(const MigratedApp& app, const std::optional<std::string>& currentDisk,
                                              OperationCompletion completion) {
+  std::vector<std::string> disks;
+  if (currentDisk) disks.push_back(*currentDisk);
   return startItemOperation(
-      app, {"log.migrate_back_blocked_by_migration", "log.migrate_back_in_progress", "log.migrate_back_cancel"},
+      app, disks, {"log.migrate_back_blocked_by_migration", "log.migrate_back_in_progress", "log.migrate_back_cancel"},
       [this, app, currentDisk](const ItemOperation& item) { return performMigrateBack(app, item, currentDisk); },
       std::move(completion));
 }

@@ -3,7 +3,9 @@
 #include <cstring>
 
 #include "engine/migration_failure.h"
+#include "engine/migration_issue.h"
 #include "engine/migration_manager.h"
+#include "engine/switch/migration_file_safety.h"
 #include "platform/item_processes.h"
 #include "settings/localization.h"
 #include "support/diagnostic_log.h"
@@ -54,7 +56,8 @@ void MigrationManager::runInBackground(std::function<OperationResult()> work, Op
   });
 }
 
-bool MigrationManager::startItemOperation(const MigratedApp& app, const ItemOperationKeys& keys,
+bool MigrationManager::startItemOperation(const MigratedApp& app, const std::vector<std::string>& disks,
+                                          const ItemOperationKeys& keys,
                                           std::function<OperationResult(const ItemOperation&)> perform,
                                           OperationCompletion completion) {
   ItemOperation item;
@@ -72,12 +75,24 @@ bool MigrationManager::startItemOperation(const MigratedApp& app, const ItemOper
   migratingBackItems_.insert(item.original);
   notify();
   runInBackground(
-      [this, item, cancelledKey = keys.cancelled, perform = std::move(perform)] {
+      [this, item, disks, keys, perform = std::move(perform)] {
         // Whatever happens, a software update waiting for this operation may go on afterwards.
         struct EndOperation {
           ~EndOperation() { UpdateActivity::shared().endAfterPendingWrites(); }
         } end;
-        if (!closeRunningProgramsOf(item.target, item.name)) {
+        // A record naming "/" must not make every program on the machine a candidate for closing.
+        bool onDisk = true;
+        try {
+          MigrationFileSafety::requireInsideDisk(item.target, disks);
+        } catch (const MigrationIssue& issue) {
+          onDisk = false;
+          if (keys.needsTargetOnDisk) {
+            appendItemLog(item.name, issue.key(), {issue.detail()});
+            return OperationResult{OperationResult::Kind::failed, issue.localizedDescription()};
+          }
+        }
+        const std::string& cancelledKey = keys.cancelled;
+        if (onDisk && !closeRunningProgramsOf(item.target, item.name)) {
           appendItemLog(item.name, cancelledKey, {});
           return OperationResult{OperationResult::Kind::cancelled, localized(cancelledKey)};
         }

@@ -18,8 +18,10 @@ namespace corvane {
 bool MigrationManager::restoreFromBackup(const BackupRecord& backup, const MigratedApp& app,
                                          const std::optional<std::string>& disk, OperationCompletion completion) {
   // One operation per item: the item counts as being moved while its version is swapped.
+  std::vector<std::string> disks;
+  if (disk) disks.push_back(*disk);
   return startItemOperation(
-      app, {"log.migrate_back_blocked_by_migration", "log.migrate_back_in_progress", "log.restore_cancelled"},
+      app, disks, {"log.migrate_back_blocked_by_migration", "log.migrate_back_in_progress", "log.restore_cancelled"},
       [this, backup, app, disk](const ItemOperation& item) {
         return performRestoreFromBackup(backup, app, item, disk);
       },

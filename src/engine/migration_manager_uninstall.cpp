@@ -41,7 +41,8 @@ bool isDeletableSupportFile(const std::string& path) {
 bool MigrationManager::uninstallApp(const MigratedApp& app, const std::vector<std::string>& externalDisks,
                                     OperationCompletion completion) {
   return startItemOperation(
-      app, {"log.uninstall_blocked_by_migration", "log.uninstall_in_progress", "log.uninstall_cancelled"},
+      app, externalDisks,
+      {"log.uninstall_blocked_by_migration", "log.uninstall_in_progress", "log.uninstall_cancelled", false},
       [this, app, externalDisks](const ItemOperation& item) { return performUninstall(app, item, externalDisks); },
       std::move(completion));
 }

@@ -2,6 +2,7 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <nlohmann/json.hpp>
@@ -10,11 +11,13 @@
 #include "catalogue/app_manager.h"
 #include "engine/manifest/migration_entry.h"
 #include "fixtures/corvane_binary.h"
+#include "fixtures/occupant_process.h"
 #include "fixtures/sample_tree.h"
 #include "fixtures/test_volume.h"
 #include "platform/process.h"
 #include "settings/localization.h"
 #include "support/paths.h"
+#include "support/uuid.h"
 
 namespace corvane {
 namespace {
@@ -175,6 +178,42 @@ TEST(ItemCommandsTest, BackUninstallAndRestoreFromTheCommandLine) {
   EXPECT_FALSE(MigrationEntry::read(other, AT_FDCWD));
   EXPECT_FALSE(MigrationEntry::read(target, AT_FDCWD));
   EXPECT_TRUE(AppManager::loadRecords(external->mountPoint()).empty());
+}
+
+// A record is read from a disk anyone can write to: one whose target lies off the disk, is
+// reached through a link on it, or holds a whole volume, must not make `back --yes` close the
+// programs running there. ("/" is the same case; a test of it would end every process on the
+// machine the day it failed.)
+TEST(ItemCommandsTest, BackOfARecordNamingATargetOffTheDiskClosesNothingThere) {
+  CORVANE_TEST_VOLUME(internal, VolumeKind::tmpfs, 64 << 20);
+  CORVANE_TEST_VOLUME(external, VolumeKind::tmpfs, 64 << 20);
+  const std::string outside = internal->child("outside/Tool");
+  ASSERT_EQ(system(("mkdir -p '" + outside + "' && cp /bin/sleep '" + outside + "/sleep'").c_str()), 0);
+  auto program = OccupantProcess::running(outside + "/sleep", {"600"});
+  const std::string item = internal->child("home/me/Tool");
+  ASSERT_EQ(system(("mkdir -p '" + parentPath(item) + "'").c_str()), 0);
+  ASSERT_EQ(symlink(outside.c_str(), item.c_str()), 0);
+  ASSERT_EQ(symlink(internal->child("outside").c_str(), external->child("evil").c_str()), 0);
+
+  for (const std::string& target : {outside, external->child("evil/Tool"), internal->mountPoint()}) {
+    MigratedApp record;
+    record.id = makeUuidString();
+    record.appName = "Tool";
+    record.originalPath = item;
+    record.targetPath = target;
+    record.migratedDate = ReferenceDate::now();
+    AppManager::writeMigratedApps({record}, AppManager::getMigratedAppsFilePath(external->mountPoint()));
+
+    auto back = runCorvane({"back", item, "--disk", external->mountPoint(), "--yes"});
+    EXPECT_EQ(back.exitStatus, 1) << target;
+    EXPECT_NE((back.standardOutput + back.standardError).find(localizedFormat("migration.safety.outside_disk", target)),
+              std::string::npos)
+        << back.standardOutput << back.standardError;
+    int status = 0;
+    EXPECT_EQ(waitpid(program.pid(), &status, WNOHANG), 0) << "the program running at " << target << " was ended";
+    EXPECT_EQ(MigrationEntry::read(item, AT_FDCWD)->kind, MigrationEntry::Kind::symbolicLink);
+    EXPECT_TRUE(MigrationEntry::read(outside + "/sleep", AT_FDCWD));
+  }
 }
 
 }  // namespace

@@ -24,4 +24,21 @@ MigrationEntry MigrationFileSafety::requireRestoreLink(const std::string& source
   return *link;
 }
 
+std::string MigrationFileSafety::requireInsideDisk(const std::string& path, const std::vector<std::string>& disks) {
+  const std::string item = standardizePath(path);
+  for (const auto& disk : disks) {
+    const std::string root = standardizePath(disk);
+    if (item.empty() || item.front() != '/' || item == root || !isSameOrDescendant(item, root)) continue;
+    const auto rootEntry = MigrationEntry::read(root, AT_FDCWD);
+    if (!rootEntry || rootEntry->kind != MigrationEntry::Kind::directory) continue;
+    bool throughRealFolders = true;
+    for (std::string folder = parentPath(item); throughRealFolders && folder != root; folder = parentPath(folder)) {
+      const auto entry = MigrationEntry::read(folder, AT_FDCWD);
+      throughRealFolders = entry && entry->kind == MigrationEntry::Kind::directory;
+    }
+    if (throughRealFolders) return root;
+  }
+  throw MigrationIssue("migration.safety.outside_disk", item);
+}
+
 }  // namespace corvane

@@ -1,9 +1,10 @@
-// Checks made before a link that this program installed is replaced on the way back (moving an
-// item back, restoring a version): the path must still be that link, pointing where it did.
+// Checks made before this program acts on what a record names: a link it installed must still
+// be that link, pointing where it did, and an item on an external disk must really lie on it.
 #pragma once
 
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "engine/manifest/migration_entry.h"
 
@@ -18,6 +19,12 @@ class MigrationFileSafety {
   // `expected` describes: another object or another text).
   static MigrationEntry requireRestoreLink(const std::string& source, const std::string& target,
                                            const std::optional<MigrationEntry>& expected = std::nullopt);
+
+  // A record is read from a disk anyone can write to. Returns the disk (standardized) that
+  // `path` lies strictly inside, with every folder from that disk down to the path's parent a
+  // real folder, never a link; the path itself may be anything. Throws
+  // "migration.safety.outside_disk" otherwise.
+  static std::string requireInsideDisk(const std::string& path, const std::vector<std::string>& disks);
 };
 
 }  // namespace corvane
