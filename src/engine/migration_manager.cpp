@@ -12,12 +12,14 @@
 #include "catalogue/protected_locations.h"
 #include "engine/migration_failure.h"
 #include "engine/migration_issue.h"
+#include "engine/preflight/migration_destination_check.h"
 #include "engine/preflight/migration_open_files.h"
 #include "engine/preflight/migration_selection_validator.h"
 #include "engine/preflight/simulator_migration_preflight.h"
 #include "platform/file_system.h"
 #include "platform/item_processes.h"
 #include "platform/posix_error.h"
+#include "platform/volume.h"
 #include "settings/localization.h"
 #include "support/diagnostic_log.h"
 #include "support/paths.h"
@@ -271,6 +273,7 @@ MigrationManager::ItemOutcome MigrationManager::performSingleAppMigration(const 
   outcome.target = destinationFor(source, batch->disk);
   std::vector<std::string> madeParents;
   try {
+    MigrationDestinationCheck::require(source, batch->disk, platform::mountPoints());
     madeParents = makeParents(outcome.target);
     auto configuration = transferConfiguration([this, runID = batch->runID, name = outcome.name] {
       appendLog(runID, name, "migration.occupancy.rechecking", {});

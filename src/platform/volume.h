@@ -5,6 +5,7 @@
 
 #include <cstdint>
 #include <string>
+#include <vector>
 
 namespace corvane::platform {
 
@@ -20,5 +21,9 @@ VolumeCapabilities volumeCapabilities(const std::string& directory);
 
 // Bytes an unprivileged writer can still use on the volume holding `path`.
 std::int64_t availableCapacity(const std::string& path);
+
+// Where every mounted file system is mounted, as the system's mount table says (macOS: the
+// mounted file systems' list; Linux: this process's mountinfo through libmount).
+std::vector<std::string> mountPoints();
 
 }  // namespace corvane::platform

@@ -96,12 +96,56 @@ TEST_F(MigrateCommandTest, MovesTheItemRecordsItAndSkipsItTheSecondTime) {
   EXPECT_EQ(nlohmann::json::parse(second.standardOutput)[0]["outcome"], "skipped");
 }
 
-TEST_F(MigrateCommandTest, FatDestinationFailsWithTheReasonAndChangesNothing) {
+// Each destination that cannot take the item is refused with its reason, before anything is
+// created: a FAT volume (no links), a path that does not exist, the empty folder an unplugged
+// disk leaves, the item's own volume, an item on the destination disk itself, and an item with
+// another volume mounted inside it.
+TEST_F(MigrateCommandTest, UnfitDestinationsAreRefusedWithTheReasonAndNothingIsCreated) {
   auto fat = TestVolume::create(VolumeKind::fat);
-  auto result = runCorvane({"--lang", "en", "migrate", item_, "--to", fat->mountPoint(), "--defer"});
-  EXPECT_EQ(result.exitStatus, 1);
-  EXPECT_EQ(MigrationEntry::read(item_, AT_FDCWD)->kind, MigrationEntry::Kind::directory);
-  EXPECT_TRUE(stagingDirectories(fat->child("Directories" + parentPath(item_))).empty());
+  const std::string missing = internal_->child("no/such/disk");
+  const std::string unplugged = internal_->child("media/me/BACKUP");
+  ASSERT_EQ(system(("mkdir -p '" + unplugged + "'").c_str()), 0);
+  const std::string onDisk = disk_->child("Directories/home/me/Old");
+  buildSampleTree(onDisk);
+  const std::string holdingMount = internal_->child("home/me/Mounted");
+  buildSampleTree(holdingMount);
+  const std::string mounted = holdingMount + "/cache";
+  ASSERT_EQ(system(("mkdir -p '" + mounted + "' && mount -t tmpfs tmpfs '" + mounted + "'").c_str()), 0);
+  struct Unmount {
+    std::string path;
+    ~Unmount() { static_cast<void>(system(("umount '" + path + "'").c_str())); }
+  } unmount{mounted};
+  // A second mount of the item's own volume: a mounted disk, but no other file system.
+  const std::string sameVolume = internal_->child("media/me/SAME");
+  ASSERT_EQ(system(("mkdir -p '" + sameVolume + "' '" + internal_->child("elsewhere") + "' && mount --bind '" +
+                    internal_->child("elsewhere") + "' '" + sameVolume + "'")
+                       .c_str()),
+            0);
+  Unmount unbind{sameVolume};
+
+  struct Case {
+    std::string item, disk, key, named;
+  };
+  const std::vector<Case> cases = {
+      {item_, fat->mountPoint(), "migration.preflight.filesystem", fat->mountPoint()},
+      {item_, missing, "migration.preflight.destination_missing", missing},
+      {item_, unplugged, "migration.preflight.destination_not_volume", unplugged},
+      {item_, sameVolume, "migration.preflight.destination_same_volume", item_},
+      {onDisk, disk_->mountPoint(), "migration.preflight.source_on_destination", onDisk},
+      {holdingMount, disk_->mountPoint(), "migration.preflight.holds_mount_point", mounted},
+  };
+  for (const auto& unfit : cases) {
+    const auto before = MigrationEntry::read(unfit.item, AT_FDCWD);
+    auto result = runCorvane({"migrate", unfit.item, "--to", unfit.disk, "--defer", "--json"});
+    EXPECT_EQ(result.exitStatus, 1) << unfit.key;
+    const std::string message = nlohmann::json::parse(result.standardOutput).at(0).value("message", "");
+    EXPECT_NE(message.find(localized(unfit.key).substr(0, 12)), std::string::npos) << unfit.key << ": " << message;
+    EXPECT_NE(message.find(unfit.named), std::string::npos) << unfit.key << ": " << message;
+    EXPECT_EQ(MigrationEntry::read(unfit.item, AT_FDCWD), before) << unfit.key;
+    EXPECT_FALSE(MigrationEntry::read(unfit.disk + "/Directories" + parentPath(unfit.item), AT_FDCWD)) << unfit.key;
+    EXPECT_FALSE(MigrationEntry::read(unfit.disk + "/.corvane/migrated_apps.json", AT_FDCWD)) << unfit.key;
+  }
+  EXPECT_FALSE(MigrationEntry::read(missing, AT_FDCWD));
 }
 
 TEST_F(MigrateCommandTest, KilledMidCopyLeavesTheSourceAndDoesNotConfuseTheNextRun) {

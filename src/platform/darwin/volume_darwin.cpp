@@ -49,4 +49,13 @@ std::int64_t availableCapacity(const std::string& path) {
   return bytes;
 }
 
+std::vector<std::string> mountPoints() {
+  struct statfs* mounted = nullptr;
+  const int count = getmntinfo(&mounted, MNT_NOWAIT);
+  if (count <= 0) throwErrno("getmntinfo");
+  std::vector<std::string> points;
+  for (int index = 0; index < count; ++index) points.emplace_back(mounted[index].f_mntonname);
+  return points;
+}
+
 }  // namespace corvane::platform

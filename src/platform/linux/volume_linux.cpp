@@ -1,4 +1,5 @@
 #include <fcntl.h>
+#include <libmount.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
 #include <unistd.h>
@@ -66,6 +67,20 @@ std::int64_t availableCapacity(const std::string& path) {
   struct statvfs st {};
   if (statvfs(path.c_str(), &st) != 0) throwErrno(path);
   return static_cast<std::int64_t>(st.f_bavail) * static_cast<std::int64_t>(st.f_frsize);
+}
+
+std::vector<std::string> mountPoints() {
+  std::vector<std::string> points;
+  libmnt_table* table = mnt_new_table_from_file("/proc/self/mountinfo");
+  if (!table) throw PosixError(errno ? errno : EIO, "/proc/self/mountinfo");
+  libmnt_iter* iterator = mnt_new_iter(MNT_ITER_FORWARD);
+  libmnt_fs* fs = nullptr;
+  while (iterator && mnt_table_next_fs(table, iterator, &fs) == 0) {
+    if (const char* target = mnt_fs_get_target(fs)) points.emplace_back(target);
+  }
+  mnt_free_iter(iterator);
+  mnt_unref_table(table);
+  return points;
 }
 
 }  // namespace corvane::platform
