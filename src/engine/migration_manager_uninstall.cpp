@@ -7,6 +7,7 @@
 #include "engine/migration_failure.h"
 #include "engine/migration_issue.h"
 #include "engine/migration_manager.h"
+#include "engine/switch/migration_file_safety.h"
 #include "platform/file_system.h"
 #include "platform/posix_error.h"
 #include "platform/tree_removal.h"
@@ -18,22 +19,15 @@
 namespace corvane {
 namespace {
 
-// A record is read from a disk anyone can write to: what it names for deletion must be
-// strictly inside one of the disks it was read from.
-bool liesOnOneOf(const std::string& path, const std::vector<std::string>& disks) {
-  for (const auto& disk : disks) {
-    const std::string root = standardizePath(disk);
-    if (path != root && isSameOrDescendant(path, root)) return true;
+// A record is read from a disk anyone can write to. The copy it names goes only when no other
+// record's copy lies inside it: a damaged record naming a folder of several items must not take
+// them all.
+void requireNoOtherItemInside(const std::string& target, const MigratedApp& app, const std::string& disk) {
+  for (const auto& other : AppManager::loadRecords(disk)) {
+    const std::string otherTarget = standardizePath(other.targetPath);
+    if (other.id != app.id && otherTarget != target && isSameOrDescendant(otherTarget, target))
+      throw MigrationIssue("migration.safety.holds_other_items", target);
   }
-  return false;
-}
-
-// Support files are the item's own files somewhere in the user's folders; never a folder that
-// holds the home directory, nor something relative.
-bool isDeletableSupportFile(const std::string& path) {
-  if (path.empty() || path.front() != '/' || path == "/") return false;
-  const std::string home = standardizePath(userHomeDirectory());
-  return !isSameOrDescendant(home, path);
 }
 
 }  // namespace
@@ -59,7 +53,13 @@ MigrationManager::OperationResult MigrationManager::performUninstall(const Migra
 
   // 1. The link at the original location.
   const auto standing = MigrationEntry::read(original, AT_FDCWD);
-  if (AppManager::isAppSymlink(app)) {
+  // What the record names is acted on only when its copy lies on one of the disks.
+  std::optional<std::string> disk;
+  try {
+    disk = MigrationFileSafety::requireInsideDisk(target, externalDisks);
+  } catch (const MigrationIssue&) {
+  }
+  if (disk && AppManager::isAppSymlink(app)) {
     try {
       // Still the same link object when it goes.
       const auto now = MigrationEntry::read(original, AT_FDCWD);
@@ -82,9 +82,10 @@ MigrationManager::OperationResult MigrationManager::performUninstall(const Migra
 
   // 2. The copy on the external disk.
   try {
-    if (!liesOnOneOf(target, externalDisks)) throw MigrationIssue("migration.safety.conflict", target);
+    if (!disk) throw MigrationIssue("migration.safety.outside_disk", target);
+    requireNoOtherItemInside(target, app, *disk);
     if (MigrationEntry::read(target, AT_FDCWD)) {
-      platform::removeTree(target);
+      platform::removeTreeBelow(*disk, target);
       appendItemLog(name, "log.uninstall_app_deleted", {target});
     } else {
       logInfo("uninstall: nothing at " + target);
@@ -96,11 +97,14 @@ MigrationManager::OperationResult MigrationManager::performUninstall(const Migra
   }
 
   // 3. Support files.
+  // They are the item's own files in the user's folders: strictly inside the home folder,
+  // reached through real folders only.
+  const std::string home = standardizePath(userHomeDirectory());
   for (const auto& supportFile : app.supportFiles) {
     const std::string path = standardizePath(supportFile);
     try {
-      if (!isDeletableSupportFile(path)) throw MigrationIssue("migration.safety.conflict", path);
-      platform::removeTree(path);
+      MigrationFileSafety::requireInsideDisk(path, {home}, "migration.safety.outside_home");
+      platform::removeTreeBelow(home, path);
       appendItemLog(name, "log.uninstall_support_deleted", {path});
     } catch (...) {
       failed = true;

@@ -12,6 +12,7 @@
 #include "platform/directory_names.h"
 #include "platform/posix_error.h"
 #include "platform/unique_fd.h"
+#include "support/paths.h"
 
 namespace corvane::platform {
 namespace {
@@ -38,23 +39,46 @@ void removeChildren(int directory, const std::string& path) {
   }
 }
 
-}  // namespace
-
-void removeTree(const std::string& path) {
+// Removes `name` inside the open `directory`, a whole tree when it is a folder.
+void removeEntry(int directory, const std::string& name, const std::string& path) {
   struct stat st {};
-  if (lstat(path.c_str(), &st) != 0) {
+  if (fstatat(directory, name.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0) {
     if (errno == ENOENT) return;
     throwErrno(path);
   }
   if (!S_ISDIR(st.st_mode)) {
-    if (unlink(path.c_str()) != 0 && errno != ENOENT) throwErrno(path);
+    if (unlinkat(directory, name.c_str(), 0) != 0 && errno != ENOENT) throwErrno(path);
     return;
   }
-  UniqueFd directory(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-  if (!directory) throwErrno(path);
-  removeChildren(directory.get(), path);
-  directory.reset();
-  if (rmdir(path.c_str()) != 0 && errno != ENOENT) throwErrno(path);
+  UniqueFd child(openat(directory, name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+  if (!child) throwErrno(path);
+  removeChildren(child.get(), path);
+  child.reset();
+  if (unlinkat(directory, name.c_str(), AT_REMOVEDIR) != 0 && errno != ENOENT) throwErrno(path);
 }
+
+}  // namespace
+
+void removeTreeBelow(const std::string& root, const std::string& path) {
+  const std::string top = standardizePath(root);
+  const std::string item = standardizePath(path);
+  if (item == top || !isSameOrDescendant(item, top)) throwErrno(EINVAL, item);
+  const std::vector<std::string> components = pathComponents(item.substr(top == "/" ? 0 : top.size()));
+  UniqueFd directory(open(top.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  if (!directory) throwErrno(top);
+  std::string reached = top;
+  for (std::size_t index = 0; index + 1 < components.size(); ++index) {
+    reached = joinPath(reached, components[index]);
+    UniqueFd next(openat(directory.get(), components[index].c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    if (!next) {
+      if (errno == ENOENT) return;
+      throwErrno(reached);
+    }
+    directory = std::move(next);
+  }
+  removeEntry(directory.get(), components.back(), item);
+}
+
+void removeTree(const std::string& path) { removeEntry(AT_FDCWD, path, path); }
 
 }  // namespace corvane::platform

@@ -428,6 +428,9 @@ std::vector<std::string> namesIn(const std::string& directory) {
 class ItemOperationsTest : public ::testing::Test {
  protected:
   void SetUp() override {
+    // Support files are deleted only inside the home folder.
+    if (const char* home = std::getenv("HOME")) savedHome_ = home;
+    ::setenv("HOME", root_.child("home").c_str(), 1);
     disk_ = root_.child("disk");
     target_ = disk_ + "/Applications/Tool.app";
     version_ = disk_ + "/Applications/Tool_backup_20240101_120000.app";
@@ -466,7 +469,10 @@ class ItemOperationsTest : public ::testing::Test {
     return result.value_or(MigrationManager::OperationResult{});
   }
 
+  void TearDown() override { ::setenv("HOME", savedHome_.c_str(), 1); }
+
   TemporaryDirectory root_;
+  std::string savedHome_ = "/root";
   std::string disk_, target_, version_, original_, log_;
   MigratedApp app_;
   MainQueue queue_;
@@ -526,15 +532,49 @@ TEST_F(ItemOperationsTest, UninstallLeavesARealBundleAndRemovesCopySupportFilesA
   EXPECT_TRUE(AppManager::loadRecords(disk_).empty());
 }
 
-TEST_F(ItemOperationsTest, UninstallNeverDeletesOutsideTheDiskAndReportsItAtTheEnd) {
-  // A tampered record that names a folder outside the disk as the item's copy.
+// A tampered record names what uninstall deletes: nothing outside the disk (directly, or
+// through a link planted on it), no support file outside the home folder, no folder holding
+// other items' copies, and no link left by the user when the copy is not on the disk.
+TEST_F(ItemOperationsTest, UninstallOfHostileRecordsDeletesNothingOutsideTheDiskOrHome) {
   const std::string outsider = root_.child("precious");
-  writeFile(outsider + "/data.txt", "keep");
-  app_.targetPath = outsider;
-  EXPECT_EQ(operate(Operation::uninstall).kind, MigrationManager::OperationResult::Kind::failed);
-  EXPECT_EQ(readFile(outsider + "/data.txt"), "keep");
-  EXPECT_NE(log_.find(localized("log.uninstall_complete_with_errors")), std::string::npos);
-  EXPECT_NE(log_.find(localized("log.uninstall_record_deleted")), std::string::npos);
+  writeFile(outsider + "/Tool.app/data.txt", "keep");
+  writeFile(outsider + "/support.txt", "keep");
+  ASSERT_EQ(symlink(outsider.c_str(), (disk_ + "/evil").c_str()), 0);
+  const std::string home = root_.child("home");
+  writeFile(home + "/Library/Tool/settings", "mine");
+  const MigratedApp genuine = app_;
+
+  struct Hostile {
+    std::string target;
+    std::vector<std::string> supportFiles;
+  };
+  const std::vector<Hostile> records = {
+      {outsider + "/Tool.app", {}},
+      {disk_ + "/evil/Tool.app", {}},
+      {disk_ + "/Applications", {}},  // holds the genuine record's copy
+      {disk_ + "/Nothing.app", {outsider + "/support.txt", "relative/support.txt", home, home + "/../precious"}},
+  };
+  for (const auto& hostile : records) {
+    app_ = genuine;
+    app_.id = makeUuidString();
+    app_.targetPath = hostile.target;
+    app_.supportFiles = hostile.supportFiles;
+    AppManager::writeMigratedApps({genuine, app_}, AppManager::getMigratedAppsFilePath(disk_));
+    EXPECT_EQ(operate(Operation::uninstall).kind, MigrationManager::OperationResult::Kind::failed) << hostile.target;
+    EXPECT_EQ(readFile(outsider + "/Tool.app/data.txt"), "keep") << hostile.target;
+    EXPECT_EQ(readFile(outsider + "/support.txt"), "keep") << hostile.target;
+    EXPECT_EQ(readFile(home + "/Library/Tool/settings"), "mine") << hostile.target;
+    EXPECT_TRUE(MigrationEntry::read(target_ + "/Contents/Info.plist", AT_FDCWD)) << hostile.target;
+    EXPECT_EQ(MigrationEntry::read(original_, AT_FDCWD).value().kind, MigrationEntry::Kind::symbolicLink)
+        << hostile.target;
+    EXPECT_NE(log_.find(localized("log.uninstall_complete_with_errors")), std::string::npos) << log_;
+  }
+  // A support file inside the home folder is the item's own and goes.
+  app_ = genuine;
+  app_.supportFiles = {home + "/Library/Tool"};
+  EXPECT_EQ(operate(Operation::uninstall).kind, MigrationManager::OperationResult::Kind::succeeded) << log_;
+  EXPECT_FALSE(MigrationEntry::read(home + "/Library/Tool", AT_FDCWD));
+  EXPECT_FALSE(MigrationEntry::read(target_, AT_FDCWD));
 }
 
 }  // namespace

@@ -24,7 +24,8 @@ MigrationEntry MigrationFileSafety::requireRestoreLink(const std::string& source
   return *link;
 }
 
-std::string MigrationFileSafety::requireInsideDisk(const std::string& path, const std::vector<std::string>& disks) {
+std::string MigrationFileSafety::requireInsideDisk(const std::string& path, const std::vector<std::string>& disks,
+                                                   const std::string& refusal) {
   const std::string item = standardizePath(path);
   for (const auto& disk : disks) {
     const std::string root = standardizePath(disk);
@@ -38,7 +39,7 @@ std::string MigrationFileSafety::requireInsideDisk(const std::string& path, cons
     }
     if (throughRealFolders) return root;
   }
-  throw MigrationIssue("migration.safety.outside_disk", item);
+  throw MigrationIssue(refusal, item);
 }
 
 }  // namespace corvane

@@ -22,9 +22,10 @@ class MigrationFileSafety {
 
   // A record is read from a disk anyone can write to. Returns the disk (standardized) that
   // `path` lies strictly inside, with every folder from that disk down to the path's parent a
-  // real folder, never a link; the path itself may be anything. Throws
-  // "migration.safety.outside_disk" otherwise.
-  static std::string requireInsideDisk(const std::string& path, const std::vector<std::string>& disks);
+  // real folder, never a link; the path itself may be anything. Throws `refusal` (the key, with
+  // the path) otherwise. The same holds for a support file inside the home folder.
+  static std::string requireInsideDisk(const std::string& path, const std::vector<std::string>& disks,
+                                       const std::string& refusal = "migration.safety.outside_disk");
 };
 
 }  // namespace corvane
