@@ -198,14 +198,22 @@ void AppManager::loadMigratedApps(const std::optional<std::string>& disk) { publ
 
 std::vector<MigratedApp> AppManager::loadRecords(const std::optional<std::string>& disk) {
   if (!disk) return {};
-  const std::string filePath = getMigratedAppsFilePath(*disk);
+  // Reading creates nothing: on an unplugged disk's empty mount point a hidden folder would
+  // make the disk mount elsewhere next time.
+  const std::string filePath = MigratedAppsFile::currentPath(*disk);
   try {
     auto decoded = MigratedAppsFile::read(filePath);
     const std::size_t decodedCount = decoded.size();
     auto reconciled = reconcileBackupVersions(withoutConflicts(std::move(decoded), "⚠️ 发现冲突状态:"));
     if (reconciled.changed) {
       try {
-        writeMigratedApps(reconciled.apps, filePath);
+        // Completed under the lock, on the list as it is now: another command may have saved
+        // a record since it was read.
+        const MigratedAppsFile::Lock lock(*disk);
+        auto fresh =
+            reconcileBackupVersions(withoutConflicts(MigratedAppsFile::read(filePath), "⚠️ 发现冲突状态:"));
+        writeMigratedApps(fresh.apps, filePath);
+        reconciled.apps = std::move(fresh.apps);
         logInfo("📦 已补全历史版本副本记录");
       } catch (const std::exception& error) {
         logError(fmt::format("保存补全后的副本记录失败: {}", error.what()));
@@ -276,64 +284,91 @@ AppManager::ReconciledApps AppManager::reconcileBackupVersions(std::vector<Migra
   return result;
 }
 
+void AppManager::changeRecordFile(const std::string& disk,
+                                  const std::function<void(std::vector<MigratedApp>&)>& change) {
+  const MigratedAppsFile::Lock lock(disk);
+  const std::string filePath = getMigratedAppsFilePath(disk);
+  std::vector<MigratedApp> apps = migratedApps_;
+  try {
+    apps = MigratedAppsFile::read(filePath);
+  } catch (const std::exception& error) {
+    if (!isMissingFile(error)) {
+      // The file may only be damaged in a way a later version or a person can still read: it
+      // is kept under a dated name rather than overwritten.
+      const std::string kept = filePath + ".unreadable_" + MigratedBackupCatalog::formatTimestamp(ReferenceDate::now());
+      logWarning(fmt::format("记录文件无法读取，保留为 {}: {}", kept, error.what()));
+      platform::renameExclusive(filePath, kept);
+    }
+  }
+  change(apps);
+  writeMigratedApps(apps, filePath);
+  migratedApps_ = std::move(apps);
+  notify();
+}
+
 bool AppManager::saveMigratedApp(const MigratedApp& appToSave, const std::optional<std::string>& disk,
                                  const std::optional<std::string>& backupPath) {
   // A copy: the caller may pass an element of the list that is about to change.
   const MigratedApp app = appToSave;
-  const auto existing = std::find_if(migratedApps_.begin(), migratedApps_.end(), [&](const MigratedApp& candidate) {
-    return candidate.originalPath == app.originalPath;
-  });
-  if (existing != migratedApps_.end()) {
-    *existing = MigratedBackupCatalog::appByMerging(app, *existing, backupPath);
-    logInfo(fmt::format("✅ 已更新现有记录 (总共 {} 个)", migratedApps_.size()));
-  } else {
-    migratedApps_.push_back(MigratedBackupCatalog::appByMerging(app, std::nullopt, backupPath));
-    logInfo(fmt::format("✅ 已添加到内存列表 (当前共 {} 个)", migratedApps_.size()));
+  auto merge = [&](std::vector<MigratedApp>& apps) {
+    const auto existing = std::find_if(apps.begin(), apps.end(), [&](const MigratedApp& candidate) {
+      return candidate.originalPath == app.originalPath;
+    });
+    if (existing != apps.end()) {
+      *existing = MigratedBackupCatalog::appByMerging(app, *existing, backupPath);
+      logInfo(fmt::format("✅ 已更新现有记录 (总共 {} 个)", apps.size()));
+    } else {
+      apps.push_back(MigratedBackupCatalog::appByMerging(app, std::nullopt, backupPath));
+      logInfo(fmt::format("✅ 已添加到内存列表 (当前共 {} 个)", apps.size()));
+    }
+  };
+  if (disk) {
+    try {
+      changeRecordFile(*disk, merge);
+      logInfo(fmt::format("💾 已成功保存迁移记录文件: {} (共 {} 个记录)", MigratedAppsFile::currentPath(*disk),
+                          migratedApps_.size()));
+      return true;
+    } catch (const std::exception& error) {
+      logError("❌ 保存迁移记录失败: " + MigratedAppsFile::currentPath(*disk));
+      logError(fmt::format("错误详情: {}", error.what()));
+    }
   }
+  merge(migratedApps_);
   notify();
-  if (!disk) return false;
-  const std::string filePath = getMigratedAppsFilePath(*disk);
-  try {
-    writeMigratedApps(migratedApps_, filePath);
-    const auto status = platform::statNoFollow(AT_FDCWD, filePath);
-    logInfo(fmt::format("💾 已成功保存迁移记录文件: {} ({} 字节, 共 {} 个记录)", filePath, status ? status->size : 0,
-                        migratedApps_.size()));
-    return true;
-  } catch (const std::exception& error) {
-    logError("❌ 保存迁移记录失败: " + filePath);
-    logError(fmt::format("错误详情: {}", error.what()));
-    return false;
-  }
+  return false;
 }
 
 bool AppManager::removeMigratedApp(const MigratedApp& appToRemove, const std::optional<std::string>& disk) {
   // A copy: the caller may pass an element of the list that is about to shift.
   const MigratedApp app = appToRemove;
-  const std::size_t before = migratedApps_.size();
-  std::erase_if(migratedApps_, [&](const MigratedApp& candidate) { return candidate.id == app.id; });
-  logInfo(fmt::format("🗑️ 删除记录: {} (删除前 {} 个, 删除后 {} 个)", app.appName, before,
-                      migratedApps_.size()));
-  if (before != migratedApps_.size()) notify();
-  if (!disk) return false;
-  const std::string filePath = getMigratedAppsFilePath(*disk);
+  auto remove = [&](std::vector<MigratedApp>& apps) {
+    const std::size_t before = apps.size();
+    std::erase_if(apps, [&](const MigratedApp& candidate) { return candidate.id == app.id; });
+    logInfo(
+        fmt::format("🗑️ 删除记录: {} (删除前 {} 个, 删除后 {} 个)", app.appName, before, apps.size()));
+  };
+  if (!disk) {
+    remove(migratedApps_);
+    notify();
+    return false;
+  }
+  const std::string filePath = MigratedAppsFile::currentPath(*disk);
   try {
-    writeMigratedApps(migratedApps_, filePath);
+    changeRecordFile(*disk, remove);
   } catch (const std::exception& error) {
     logError(fmt::format("❌ 更新迁移记录文件失败: {}", error.what()));
+    remove(migratedApps_);
+    notify();
     return false;
   }
   // Read back what reached the disk: a record that survives in the file would return on the next load.
-  if (!platform::statNoFollow(AT_FDCWD, filePath)) {
-    logError(fmt::format("❌ 文件不存在: {}", filePath));
-    return false;
-  }
   try {
     const auto readBack = MigratedAppsFile::read(filePath);
     logInfo(fmt::format("✅ 文件验证成功，包含 {} 个记录", readBack.size()));
     const bool stillListed = std::any_of(readBack.begin(), readBack.end(),
                                          [&](const MigratedApp& candidate) { return candidate.id == app.id; });
-    if (stillListed || readBack.size() != migratedApps_.size()) {
-      logError(fmt::format("❌ 文件验证失败: {} 的记录与内存列表不一致", filePath));
+    if (stillListed) {
+      logError(fmt::format("❌ 文件验证失败: {} 仍包含该记录", filePath));
       return false;
     }
     return true;
@@ -346,20 +381,22 @@ bool AppManager::removeMigratedApp(const MigratedApp& appToRemove, const std::op
 bool AppManager::removeMigratedAppAndSaveToAllDisks(const MigratedApp& app,
                                                     const std::vector<std::string>& externalDisks) {
   const std::string id = app.id;
-  const std::size_t before = migratedApps_.size();
-  std::erase_if(migratedApps_, [&](const MigratedApp& candidate) { return candidate.id == id; });
-  if (before != migratedApps_.size()) notify();
+  auto remove = [&](std::vector<MigratedApp>& apps) {
+    std::erase_if(apps, [&](const MigratedApp& candidate) { return candidate.id == id; });
+  };
   bool allWritten = true;
-  for (const auto& disk : externalDisks) {
-    const std::string filePath = getMigratedAppsFilePath(disk);
+  // The published list ends as the first disk's, which the catalogue loaded before.
+  for (auto disk = externalDisks.rbegin(); disk != externalDisks.rend(); ++disk) {
     try {
-      writeMigratedApps(migratedApps_, filePath);
-      logInfo(fmt::format("💾 已更新磁盘记录文件: {}", filePath));
+      changeRecordFile(*disk, remove);
+      logInfo(fmt::format("💾 已更新磁盘记录文件: {}", MigratedAppsFile::currentPath(*disk)));
     } catch (const std::exception& error) {
-      logError(fmt::format("❌ 更新迁移记录文件失败: {}: {}", filePath, error.what()));
+      logError(fmt::format("❌ 更新迁移记录文件失败: {}: {}", *disk, error.what()));
       allWritten = false;
     }
   }
+  remove(migratedApps_);
+  notify();
   return allWritten;
 }
 

@@ -63,6 +63,9 @@ class AppManager {
 
   static ReconciledApps reconcileBackupVersions(std::vector<MigratedApp> apps);
 
+  // Each change of a disk's file happens under the disk's lock on the list the file holds at
+  // that moment (the published list when the file is missing), so that commands running side by
+  // side never lose each other's records; the list written is then published.
   // Owner thread. Inserts or updates (matched by originalPath) and writes the disk's file.
   // True only when the record reached a file: false when writing failed or no disk was given.
   bool saveMigratedApp(const MigratedApp& app, const std::optional<std::string>& disk,
@@ -70,8 +73,8 @@ class AppManager {
   // Owner thread. Removes by id, writes the file and reads it back. True when the file was
   // written and read back without the record (always false without a disk).
   bool removeMigratedApp(const MigratedApp& app, const std::optional<std::string>& disk);
-  // Owner thread. Removes by id once and writes the remaining list to every disk. True when
-  // every disk's file was written.
+  // Owner thread. Removes by id from every disk's file. True when every disk's file was
+  // written.
   bool removeMigratedAppAndSaveToAllDisks(const MigratedApp& app, const std::vector<std::string>& externalDisks);
 
   // Whether the record's original path is a symbolic link that leads to its target.
@@ -79,6 +82,9 @@ class AppManager {
 
  private:
   void publish(std::vector<MigratedApp> apps);
+  // Under the disk's lock: re-reads the file, applies `change`, writes the file and publishes
+  // the list. Throws when the file cannot be written; the published list is then unchanged.
+  void changeRecordFile(const std::string& disk, const std::function<void(std::vector<MigratedApp>&)>& change);
   void notify();
 
   MainQueue& mainQueue_;

@@ -1,10 +1,13 @@
 #include "catalogue/migrated_apps_file.h"
 
 #include <fcntl.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
+#include <thread>
 
 #include "catalogue/migrated_apps_file_format.h"
 #include "platform/atomic_file_replacement.h"
@@ -63,6 +66,22 @@ void MigratedAppsFile::write(const std::vector<MigratedApp>& apps, const std::st
   platform::AtomicFileReplacement replacement(directory.get(), lastComponent(filePath), filePath);
   replacement.write(data);
   replacement.commit();
+}
+
+MigratedAppsFile::Lock::Lock(const std::string& disk) {
+  prepareDirectory(disk);
+  const std::string directoryName = directoryPath(disk);
+  const platform::UniqueFd directory = platform::openDirectoryNoFollow(directoryName);
+  const std::string path = joinPath(directoryName, ".lock");
+  fd_ = platform::UniqueFd(
+      ::openat(directory.get(), ".lock", O_RDWR | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0644));
+  if (!fd_) platform::throwErrno(path);
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+  while (::flock(fd_.get(), LOCK_EX | LOCK_NB) != 0) {
+    if ((errno != EWOULDBLOCK && errno != EINTR) || std::chrono::steady_clock::now() > deadline)
+      platform::throwErrno(path);
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
 }
 
 void MigratedAppsFile::removeLegacy(const std::string& disk) {

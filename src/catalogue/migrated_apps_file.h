@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "catalogue/migrated_app.h"
+#include "platform/unique_fd.h"
 
 namespace corvane {
 
@@ -39,6 +40,18 @@ class MigratedAppsFile {
   static void write(const std::vector<MigratedApp>& apps, const std::string& filePath);
   // Removes the legacy file (a link there is removed itself, never its target).
   static void removeLegacy(const std::string& disk);
+
+  // Holds the disk's record file for one read-change-write, across processes: two commands
+  // saving at once would otherwise each write the list they read, and one record would be
+  // lost. Waits at most 30 s for another holder (a record change takes milliseconds), then
+  // throws PosixError (EWOULDBLOCK).
+  class Lock {
+   public:
+    explicit Lock(const std::string& disk);
+
+   private:
+    platform::UniqueFd fd_;
+  };
 };
 
 }  // namespace corvane

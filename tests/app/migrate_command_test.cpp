@@ -5,10 +5,12 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <filesystem>
 #include <nlohmann/json.hpp>
 #include <thread>
 
 #include "catalogue/app_manager.h"
+#include "catalogue/migrated_apps_file.h"
 #include "engine/manifest/migration_entry.h"
 #include "fixtures/corvane_binary.h"
 #include "fixtures/occupant_process.h"
@@ -146,6 +148,45 @@ TEST_F(MigrateCommandTest, UnfitDestinationsAreRefusedWithTheReasonAndNothingIsC
     EXPECT_FALSE(MigrationEntry::read(unfit.disk + "/.corvane/migrated_apps.json", AT_FDCWD)) << unfit.key;
   }
   EXPECT_FALSE(MigrationEntry::read(missing, AT_FDCWD));
+  // Listing an unplugged disk reads; it never creates the hidden folder that would push the
+  // real disk to another mount path.
+  runCorvane({"list", "--disk", unplugged});
+  EXPECT_FALSE(MigrationEntry::read(unplugged + "/.corvane", AT_FDCWD));
+}
+
+// Six commands saving to one disk at once each re-read the list under the disk's lock: no
+// record is lost. A record file that cannot be read is kept under a dated name, not overwritten.
+TEST_F(MigrateCommandTest, ParallelMigrationsKeepEveryRecordAndAnUnreadableFileIsKept) {
+  std::vector<std::string> items;
+  for (int index = 0; index < 6; ++index) {
+    items.push_back(internal_->child("home/me/Item" + std::to_string(index)));
+    writeFile(items.back() + "/data.txt", "item " + std::to_string(index));
+  }
+  std::vector<platform::ChildProcess> children;
+  for (const auto& item : items) {
+    platform::ProcessRequest request;
+    request.executable = corvaneBinaryPath();
+    request.arguments = {"migrate", item, "--to", disk_->mountPoint(), "--yes"};
+    children.push_back(platform::ChildProcess::spawn(request));
+  }
+  for (auto& child : children) {
+    const auto exit = child.waitFor(std::chrono::minutes(2));
+    child.finishOutput(std::chrono::seconds(5));
+    EXPECT_TRUE(exit && exit->succeeded()) << child.standardOutput() << child.standardError();
+  }
+  const std::string file = disk_->child(".corvane/migrated_apps.json");
+  EXPECT_EQ(MigratedAppsFile::read(file).size(), items.size());
+
+  writeFile(file, "{ damaged");
+  const std::string more = internal_->child("home/me/More");
+  writeFile(more + "/data.txt", "more");
+  auto migrated = runCorvane({"migrate", more, "--to", disk_->mountPoint(), "--yes"});
+  EXPECT_EQ(migrated.exitStatus, 0) << migrated.standardError;
+  std::vector<std::string> kept;
+  for (const auto& entry : std::filesystem::directory_iterator(disk_->child(".corvane")))
+    if (entry.path().filename().string().rfind("migrated_apps.json.unreadable_", 0) == 0) kept.push_back(entry.path());
+  ASSERT_EQ(kept.size(), 1u);
+  EXPECT_EQ(readFile(kept.front()), "{ damaged");
 }
 
 TEST_F(MigrateCommandTest, KilledMidCopyLeavesTheSourceAndDoesNotConfuseTheNextRun) {

@@ -162,12 +162,20 @@ TEST_F(AppManagerTest, OddObjectsInPlaceOfTheFileNeitherHangNorCrashTheLoader) {
   }
   EXPECT_TRUE(load().empty());
   ASSERT_EQ(::unlink(file.c_str()), 0);
-  // A directory of that name cannot be replaced by a file.
-  makeDirectories(file);
+  // A directory of that name is not read; a save keeps it under a dated name.
+  makeDirectories(file + "/inside");
   EXPECT_TRUE(load().empty());
-  EXPECT_FALSE(manager_.saveMigratedApp(makeRecord("A", "/nowhere/A", disk_.child("Directories/A")), disk_.path(),
-                                        std::nullopt));
-  EXPECT_EQ(treeNames(disk_.child(".corvane")), std::set<std::string>{"migrated_apps.json"});
+  EXPECT_TRUE(manager_.saveMigratedApp(makeRecord("A", "/nowhere/A", disk_.child("Directories/A")), disk_.path(),
+                                       std::nullopt));
+  EXPECT_EQ(MigratedAppsFile::read(file).size(), 1u);
+  // The lock stays: a file that comes and goes could not be locked by two processes at once.
+  const auto names = treeNames(disk_.child(".corvane"));
+  EXPECT_EQ(std::count_if(names.begin(), names.end(),
+                          [](const std::string& name) {
+                            return name.rfind("migrated_apps.json.unreadable_", 0) == 0 && name.ends_with("/inside");
+                          }),
+            1)
+      << ::testing::PrintToString(names);
 }
 
 TEST_F(AppManagerTest, AFileInPlaceOfTheHiddenDirectoryAMissingDiskRootOrNoDiskWritesNothing) {
@@ -299,7 +307,7 @@ TEST_P(RecordFileVolumeTest, RecordsSurviveSaveReplaceRemoveAndReloadOnTheVolume
   std::set<std::string> hidden;
   for (const auto& name : treeNames(disk))
     if (name.rfind(".corvane/", 0) == 0) hidden.insert(name);
-  EXPECT_EQ(hidden, std::set<std::string>{".corvane/migrated_apps.json"});
+  EXPECT_EQ(hidden, (std::set<std::string>{".corvane/.lock", ".corvane/migrated_apps.json"}));
 }
 
 INSTANTIATE_TEST_SUITE_P(Volumes, RecordFileVolumeTest,
