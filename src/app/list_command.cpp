@@ -54,7 +54,8 @@ std::string dateText(ReferenceDate date) { return MigratedBackupCatalog::formatT
 int runList(const ListOptions& options) {
   const std::string disk = absolutePath(options.disk);
   if (!MigrationEntry::read(disk, AT_FDCWD)) throw MigrationIssue("error.item_not_found", disk);
-  const auto apps = AppManager::loadRecords(disk);
+  const auto [apps, rebuiltByScan] = AppManager::loadRecordsTellingSource(disk);
+  if (rebuiltByScan && !apps.empty()) printErrorLine(localized("cli.list.rebuilt_by_scan"));
   if (options.json) {
     nlohmann::ordered_json items = nlohmann::ordered_json::array();
     for (const auto& app : apps) {

@@ -113,11 +113,17 @@ std::vector<MigratedApp> scanApplications(const std::string& folder) {
   return apps;
 }
 
-// A folder of the mirrored tree that only leads to migrated items: its original place is a real
-// directory on the internal disk and it holds nothing but folders (hidden entries aside).
-bool isIntermediateFolder(const std::string& folder, const std::string& originalPath) {
+// A folder whose original place is a link to it is a migrated item for certain.
+bool isProvenItem(const std::string& folder, const std::string& originalPath) {
   const auto original = platform::statNoFollow(AT_FDCWD, originalPath);
-  if (!original || !S_ISDIR(original->mode)) return false;
+  if (!original || !S_ISLNK(original->mode)) return false;
+  return standardizePath(resolvingSymlinksInPath(originalPath)) == standardizePath(resolvingSymlinksInPath(folder));
+}
+
+// A folder of the mirrored tree that only leads to migrated items: it holds nothing but folders
+// (hidden entries aside). Such a folder is never taken for an item itself unless its link
+// proves it, so that a guessed record never names a folder holding other items' copies.
+bool isIntermediateFolder(const std::string& folder) {
   bool sawFolder = false;
   for (const auto& entry : listDirectory(folder)) {
     if (entry.name.front() == '.') continue;
@@ -139,7 +145,7 @@ void scanMirroredFolder(const std::string& root, const std::string& relative, in
     const std::string original = "/" + childRelative;
     bool descend = false;
     try {
-      descend = depth < kMaximumDirectoryDepth && isIntermediateFolder(target, original);
+      descend = depth < kMaximumDirectoryDepth && !isProvenItem(target, original) && isIntermediateFolder(target);
     } catch (const std::exception& error) {
       logWarning(fmt::format("⚠️ 扫描 Directories 目录失败: {}", error.what()));
     }
@@ -169,13 +175,14 @@ AppManager::~AppManager() { lifetime_.reset(); }
 
 void AppManager::notify() { observers_.notify(); }
 
-void AppManager::publish(std::vector<MigratedApp> apps) {
+void AppManager::publish(std::vector<MigratedApp> apps, bool guessed) {
   std::weak_ptr<AppManager*> lifetime = lifetime_;
-  mainQueue_.post([lifetime, apps = std::move(apps)]() mutable {
+  mainQueue_.post([lifetime, apps = std::move(apps), guessed]() mutable {
     const auto alive = lifetime.lock();
     if (!alive) return;
     AppManager& manager = **alive;
     manager.migratedApps_ = std::move(apps);
+    manager.publishedListGuessed_ = guessed;
     manager.notify();
   });
 }
@@ -194,9 +201,16 @@ void AppManager::writeMigratedApps(const std::vector<MigratedApp>& apps, const s
   MigratedAppsFile::write(apps, filePath);
 }
 
-void AppManager::loadMigratedApps(const std::optional<std::string>& disk) { publish(loadRecords(disk)); }
+void AppManager::loadMigratedApps(const std::optional<std::string>& disk) {
+  auto loaded = loadRecordsTellingSource(disk);
+  publish(std::move(loaded.apps), loaded.rebuiltByScan);
+}
 
 std::vector<MigratedApp> AppManager::loadRecords(const std::optional<std::string>& disk) {
+  return loadRecordsTellingSource(disk).apps;
+}
+
+AppManager::LoadedRecords AppManager::loadRecordsTellingSource(const std::optional<std::string>& disk) {
   if (!disk) return {};
   // Reading creates nothing: on an unplugged disk's empty mount point a hidden folder would
   // make the disk mount elsewhere next time.
@@ -221,7 +235,7 @@ std::vector<MigratedApp> AppManager::loadRecords(const std::optional<std::string
     }
     logInfo(
         fmt::format("📋 从隐藏目录记录文件加载了 {} 个有效迁移项目 (过滤前: {})", reconciled.apps.size(), decodedCount));
-    return std::move(reconciled.apps);
+    return {std::move(reconciled.apps), false};
   } catch (const std::exception& error) {
     // A disk without records yet is the common case, not a problem.
     logDiagnostic(isMissingFile(error) ? LogLevel::info : LogLevel::warning,
@@ -233,12 +247,12 @@ std::vector<MigratedApp> AppManager::loadRecords(const std::optional<std::string
         reconcileBackupVersions(withoutConflicts(std::move(legacy), "⚠️ 发现冲突状态 (Legacy):"));
     migrateRecordsToNewLocation(reconciled.apps, *disk);
     logInfo(fmt::format("📋 从旧位置加载了 {} 个有效迁移项目", reconciled.apps.size()));
-    return std::move(reconciled.apps);
+    return {std::move(reconciled.apps), false};
   } catch (const std::exception& error) {
     logDiagnostic(isMissingFile(error) ? LogLevel::info : LogLevel::warning,
                   fmt::format("从旧位置也加载失败: {}", error.what()));
   }
-  return scannedRecords(*disk);
+  return {scannedRecords(*disk), true};
 }
 
 void AppManager::migrateRecordsToNewLocation(const std::vector<MigratedApp>& apps, const std::string& disk) {
@@ -258,7 +272,7 @@ void AppManager::migrateRecordsToNewLocation(const std::vector<MigratedApp>& app
   }
 }
 
-void AppManager::scanTargetDiskForMigratedApps(const std::string& disk) { publish(scannedRecords(disk)); }
+void AppManager::scanTargetDiskForMigratedApps(const std::string& disk) { publish(scannedRecords(disk), true); }
 
 std::vector<MigratedApp> AppManager::scannedRecords(const std::string& disk) {
   auto apps = scanApplications(joinPath(disk, "Applications"));
@@ -288,7 +302,7 @@ void AppManager::changeRecordFile(const std::string& disk,
                                   const std::function<void(std::vector<MigratedApp>&)>& change) {
   const MigratedAppsFile::Lock lock(disk);
   const std::string filePath = getMigratedAppsFilePath(disk);
-  std::vector<MigratedApp> apps = migratedApps_;
+  std::vector<MigratedApp> apps = publishedListGuessed_ ? std::vector<MigratedApp>{} : migratedApps_;
   try {
     apps = MigratedAppsFile::read(filePath);
   } catch (const std::exception& error) {
@@ -303,6 +317,7 @@ void AppManager::changeRecordFile(const std::string& disk,
   change(apps);
   writeMigratedApps(apps, filePath);
   migratedApps_ = std::move(apps);
+  publishedListGuessed_ = false;
   notify();
 }
 

@@ -51,6 +51,13 @@ class AppManager {
   // What loadMigratedApps publishes, computed on the calling thread (with the same repairs of
   // the file: reconciled backups written back, a legacy file moved).
   static std::vector<MigratedApp> loadRecords(const std::optional<std::string>& disk);
+  // The same, saying whether the list was rebuilt from the disk's folders because no record
+  // file could be read: such a list is a guess that front ends must present as one.
+  struct LoadedRecords {
+    std::vector<MigratedApp> apps;
+    bool rebuiltByScan = false;
+  };
+  static LoadedRecords loadRecordsTellingSource(const std::optional<std::string>& disk);
 
   // Writes legacy records to the current location and removes the legacy file; on failure the
   // legacy file stays for the next attempt.
@@ -81,7 +88,8 @@ class AppManager {
   static bool isAppSymlink(const MigratedApp& app);
 
  private:
-  void publish(std::vector<MigratedApp> apps);
+  // `guessed`: the list was rebuilt from the disk's folders, not read from a record file.
+  void publish(std::vector<MigratedApp> apps, bool guessed);
   // Under the disk's lock: re-reads the file, applies `change`, writes the file and publishes
   // the list. Throws when the file cannot be written; the published list is then unchanged.
   void changeRecordFile(const std::string& disk, const std::function<void(std::vector<MigratedApp>&)>& change);
@@ -89,6 +97,9 @@ class AppManager {
 
   MainQueue& mainQueue_;
   std::vector<MigratedApp> migratedApps_;
+  // A guessed list is shown but never written as records: a folder another command is moving
+  // right now would otherwise become a record of its own.
+  bool publishedListGuessed_ = false;
   ObserverList<> observers_;
   // Work posted to the main queue checks this so that it never reaches a destroyed manager.
   std::shared_ptr<AppManager*> lifetime_ = std::make_shared<AppManager*>(this);

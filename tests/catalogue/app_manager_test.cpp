@@ -101,9 +101,15 @@ TEST_F(AppManagerTest, WithoutAnyReadableFileTheDiskIsScannedAndTheDamagedFileKe
   writeFile(recordFilePath(disk_.path()), "[ {\"truncated\" : ");
   writeFile(disk_.child("migrated_apps.json"), "not json");
 
-  const auto loaded = load();
-  ASSERT_EQ(loaded.size(), 1u);
-  EXPECT_EQ(loaded[0].originalPath, "/nowhere-on-this-machine");
+  // Folders that only hold folders are never guessed to be items: a record for "/elsewhere/me"
+  // would take both copies below it with it.
+  writeFile(disk_.child("Directories/elsewhere/me/Old/notes.txt"), "old");
+  writeFile(disk_.child("Directories/elsewhere/me/New/notes.txt"), "new");
+
+  std::set<std::string> originals;
+  for (const auto& record : load()) originals.insert(record.originalPath);
+  EXPECT_EQ(originals, (std::set<std::string>{"/nowhere-on-this-machine", "/elsewhere/me/Old", "/elsewhere/me/New"}));
+  EXPECT_TRUE(AppManager::loadRecordsTellingSource(disk_.path()).rebuiltByScan);
   EXPECT_EQ(readFile(recordFilePath(disk_.path())), "[ {\"truncated\" : ");
   EXPECT_EQ(readFile(disk_.child("migrated_apps.json")), "not json");
 }
