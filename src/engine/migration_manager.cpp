@@ -231,7 +231,7 @@ void MigrationManager::runItem(const std::shared_ptr<Batch>& batch, std::size_t 
   } else if (kind == ItemOutcome::Kind::failed) {
     appendLog(batch->runID, name, "log.migrate_item_failed", {outcome.message});
   } else if (kind == ItemOutcome::Kind::deferred) {
-    appendLog(batch->runID, name, "log.migrate_item_skip", {});
+    appendLog(batch->runID, name, "log.migrate_item_deferred", {outcome.message});
   }
   const auto batchOutcome = kind == ItemOutcome::Kind::succeeded ? MigrationBatchProgress::Outcome::succeeded
                             : kind == ItemOutcome::Kind::failed  ? MigrationBatchProgress::Outcome::failed
