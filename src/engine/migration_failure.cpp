@@ -3,6 +3,7 @@
 #include <cstring>
 
 #include "engine/migration_issue.h"
+#include "engine/preflight/migration_occupancy_description.h"
 #include "engine/preflight/migration_open_files.h"
 #include "engine/transfer/migration_transfer.h"
 #include "platform/posix_error.h"
@@ -17,7 +18,8 @@ std::string migrationErrorDescription(const std::exception_ptr& failure) {
   } catch (const MigrationTransfer::Failure& transferFailure) {
     return migrationErrorDescription(transferFailure.cause());
   } catch (const MigrationOpenFiles::Blocked& blocked) {
-    return blocked.localizedDescription();
+    // The header alone leaves the user guessing which program to close.
+    return MigrationOccupancyDescription::message(blocked);
   } catch (const MigrationIssue& issue) {
     return issue.localizedDescription();
   } catch (const platform::PosixError& error) {

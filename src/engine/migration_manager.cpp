@@ -70,6 +70,8 @@ struct MigrationManager::Batch {
   std::thread driver;
   std::mutex mutex;
   std::vector<std::optional<ItemOutcome>> outcomes;
+  // One per item: why the item may not be moved at all.
+  std::vector<std::optional<SelectionRefusal>> refusals;
   std::unique_ptr<UpdateActivityScope> activity;
 };
 
@@ -103,15 +105,15 @@ bool MigrationManager::migrateApps(const std::vector<std::string>& apps, const s
       return false;
     }
   }
-  // Protected locations are refused before anything starts.
+  // A protected item is refused on its own; the rest of the batch goes on.
   MigrationSelectionValidator validator([locations = ProtectedLocations::forCurrentUser()](const std::string& path) {
     return locations.isProtected(path);
   });
-  for (const auto& app : apps) {
-    if (auto refusal = validator.validate(standardizePath(app))) throw MigrationIssue("error.protected_location", app);
-  }
   auto batch = std::make_shared<Batch>();
-  for (const auto& app : apps) batch->apps.push_back(standardizePath(app));
+  for (const auto& app : apps) {
+    batch->apps.push_back(standardizePath(app));
+    batch->refusals.push_back(validator.validate(batch->apps.back()));
+  }
   batch->disk = standardizePath(disk);
   batch->runID = makeUuidString();
   progressRunID_ = batch->runID;
@@ -150,6 +152,15 @@ void MigrationManager::perform(std::shared_ptr<Batch> batch) {
     for (const auto& candidate : batch->records) {
       if (standardizePath(candidate.originalPath) == source) record = &candidate;
     }
+    if (const auto& refusal = batch->refusals[index]) {
+      appendLog(batch->runID, name, "migration.preflight.selection_protected", {source});
+      batch->tracker->setPhase(source, MigrationItemProgress::Phase::failed);
+      std::lock_guard lock(batch->mutex);
+      batch->outcomes[index] =
+          ItemOutcome{source, name, target, ItemOutcome::Kind::failed, refusal->localizedDescription, {}, {}};
+      batch->progress->finish(static_cast<std::int64_t>(index), MigrationBatchProgress::Outcome::failed);
+      continue;
+    }
     const LinkState state = linkState(source, target);
     if (state == LinkState::pointsAtTarget) {
       appendLog(batch->runID, name, "log.symlink_exists", {});
@@ -163,12 +174,14 @@ void MigrationManager::perform(std::shared_ptr<Batch> batch) {
       continue;
     }
     if (state == LinkState::pointsElsewhere) {
+      // Someone else's link: nothing of ours to move, and nothing wrong with the batch.
       appendLog(batch->runID, name, "log.symlink_invalid", {});
-      batch->tracker->setPhase(source, MigrationItemProgress::Phase::failed);
+      appendLog(batch->runID, name, "log.migrate_item_skip", {});
+      batch->tracker->setPhase(source, MigrationItemProgress::Phase::skipped);
       std::lock_guard lock(batch->mutex);
       batch->outcomes[index] =
-          ItemOutcome{source, name, target, ItemOutcome::Kind::failed, localized("log.symlink_invalid"), {}, {}};
-      batch->progress->finish(static_cast<std::int64_t>(index), MigrationBatchProgress::Outcome::failed);
+          ItemOutcome{source, name, target, ItemOutcome::Kind::skipped, localized("log.symlink_invalid"), {}, {}};
+      batch->progress->finish(static_cast<std::int64_t>(index), MigrationBatchProgress::Outcome::skipped);
       continue;
     }
     if (record) appendLog(batch->runID, name, "log.record_inconsistent", {});
@@ -220,7 +233,7 @@ void MigrationManager::runItem(const std::shared_ptr<Batch>& batch, std::size_t 
   } else if (kind == ItemOutcome::Kind::failed) {
     appendLog(batch->runID, name, "log.migrate_item_failed", {outcome.message});
   } else if (kind == ItemOutcome::Kind::deferred) {
-    appendLog(batch->runID, name, "log.migrate_item_skip", {});
+    appendLog(batch->runID, name, "log.migrate_item_deferred", {outcome.message});
   }
   const auto batchOutcome = kind == ItemOutcome::Kind::succeeded ? MigrationBatchProgress::Outcome::succeeded
                             : kind == ItemOutcome::Kind::failed  ? MigrationBatchProgress::Outcome::failed

@@ -98,6 +98,21 @@ TEST_F(MigrateCommandTest, MovesTheItemRecordsItAndSkipsItTheSecondTime) {
   EXPECT_EQ(nlohmann::json::parse(second.standardOutput)[0]["outcome"], "skipped");
 }
 
+TEST_F(MigrateCommandTest, FileHeldOpenLeavesTheItemAndNamesTheProgramInTextAndJson) {
+  const int held = ::open((item_ + "/Contents/Info.plist").c_str(), O_RDONLY | O_CLOEXEC);
+  ASSERT_GE(held, 0);
+  const std::string holder = "PID " + std::to_string(::getpid());
+  auto text = runCorvane({"--lang", "en", "migrate", item_, "--to", disk_->mountPoint(), "--defer"});
+  EXPECT_NE(text.standardOutput.find(holder), std::string::npos) << text.standardOutput;
+  auto json = runCorvane({"migrate", item_, "--to", disk_->mountPoint(), "--defer", "--json"});
+  ::close(held);
+  auto outcomes = nlohmann::json::parse(json.standardOutput);
+  ASSERT_EQ(outcomes.size(), 1u);
+  EXPECT_EQ(outcomes[0]["outcome"], "deferred");
+  EXPECT_NE(outcomes[0]["message"].get<std::string>().find(holder), std::string::npos) << json.standardOutput;
+  EXPECT_EQ(MigrationEntry::read(item_, AT_FDCWD)->kind, MigrationEntry::Kind::directory);
+}
+
 // Each destination that cannot take the item is refused with its reason, before anything is
 // created: a FAT volume (no links), a path that does not exist, the empty folder an unplugged
 // disk leaves, the item's own volume, an item on the destination disk itself, and an item with

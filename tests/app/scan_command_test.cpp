@@ -110,7 +110,9 @@ TEST(CheckCommandTest, ReportsWhatBlocksEachItemAndRefusesMissingPathsAndLinks) 
   EXPECT_TRUE(platform::statNoFollow(AT_FDCWD, stale + "/old.sock"));
 
   worker.stop();
-  EXPECT_EQ(runCorvane({"check", busy}).exitStatus, 0) << "idle once the worker left";
+  auto idleRun = runCorvane({"check", busy}, {.workingDirectory = busy + "/inner"});
+  EXPECT_EQ(idleRun.exitStatus, 0) << "idle once the worker left, Corvane's own working folder aside\n"
+                                   << idleRun.standardOutput;
 
   // Missing paths and links are errors.
   auto missing = runCorvane({"check", clean, scratch.child("Gone")});

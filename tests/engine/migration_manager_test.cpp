@@ -384,14 +384,23 @@ TEST_F(MigrationManagerTest, SixItemsNeverRunMoreThanFourTransfersAtOnceAndRepor
   EXPECT_EQ(AppManager::loadRecords(disk_).size(), 6u) << "every success is recorded on the disk";
 }
 
-TEST_F(MigrationManagerTest, ProtectedItemsAreRefusedAndOnesAlreadyLinkedAreSkipped) {
+TEST_F(MigrationManagerTest, ProtectedItemsAreRefusedAloneAndLinkedOnesAreSkipped) {
   const std::string application = internal_->child("Applications/Tool.app");
   buildSampleTree(application);
+  // A link someone else made: not ours to move, and no failure of the batch.
+  const std::string foreignLink = internal_->child("home/me/Foreign");
+  ASSERT_EQ(symlink(internal_->child("home/me/outside.txt").c_str(), foreignLink.c_str()), 0);
   MigrationManager manager(queue_, apps_, hooks());
-  EXPECT_THROW(manager.migrateApps({"/usr"}, disk_), MigrationIssue);
-  EXPECT_FALSE(manager.isMigrating()) << "refused before any work";
-  runBatch(manager, {item_, application});
-  EXPECT_EQ(manager.activeMigrationProgress().succeeded, 2);
+  runBatch(manager, {"/usr", item_, foreignLink, application});
+  EXPECT_EQ(manager.activeMigrationProgress().succeeded, 2) << "the protected item did not stop the others";
+  EXPECT_EQ(manager.activeMigrationProgress().failed, 1);
+  EXPECT_EQ(manager.activeMigrationProgress().skipped, 1);
+  ASSERT_EQ(manager.outcomes().size(), 4u);
+  EXPECT_EQ(manager.outcomes()[0].kind, MigrationManager::ItemOutcome::Kind::failed);
+  EXPECT_EQ(manager.outcomes()[0].message, localizedFormat("migration.preflight.selection_protected", "/usr"));
+  EXPECT_EQ(manager.outcomes()[2].kind, MigrationManager::ItemOutcome::Kind::skipped);
+  EXPECT_EQ(manager.outcomes()[2].message, localized("log.symlink_invalid"));
+  EXPECT_EQ(MigrationEntry::read(foreignLink, AT_FDCWD).value().kind, MigrationEntry::Kind::symbolicLink);
   EXPECT_TRUE(MigrationEntry::read(disk_ + "/Applications/Tool.app/Contents/Info.plist", AT_FDCWD));
   EXPECT_TRUE(MigrationEntry::read(disk_ + "/Directories" + item_ + "/Contents/Info.plist", AT_FDCWD));
   MigrationManager again(queue_, apps_, hooks());

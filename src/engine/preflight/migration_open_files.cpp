@@ -1,6 +1,7 @@
 #include "engine/preflight/migration_open_files.h"
 
 #include <fmt/format.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <charconv>
@@ -411,7 +412,10 @@ std::vector<MigrationOpenFiles::Reference> MigrationOpenFiles::occupyingReferenc
     if (run.status == 0 && run.standardOutput.empty()) throw std::runtime_error("status 0 without output");
     // Status 1 says that nothing at all is open; output beside it contradicts that.
     if (run.status == 1 && !run.standardOutput.empty()) throw std::runtime_error("status 1 with output");
-    return references(run.standardOutput, source, index);
+    auto found = references(run.standardOutput, source, index);
+    // Corvane itself (its working folder, the item it is reading) never blocks its own work.
+    std::erase_if(found, [self = ::getpid()](const Reference& reference) { return reference.pid == self; });
+    return found;
   } catch (const std::exception& failure) {
     logWarning(fmt::format("Migration lsof check failed: {}", failure.what()));
     throw MigrationIssue(std::string(kOccupancyUnknown), source);
