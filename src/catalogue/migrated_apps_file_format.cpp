@@ -43,6 +43,8 @@ ReferenceDate requireDate(const Json& object, const char* key, const std::string
   if (!value.is_number()) fail(where, std::string("\"") + key + "\" is not a number");
   const double seconds = value.get<double>();
   if (!std::isfinite(seconds)) fail(where, std::string("\"") + key + "\" is not a finite number");
+  // Beyond about ±8000 years the date overflows the calendar types it is shown with.
+  if (std::fabs(seconds) > 2.5e11) fail(where, std::string("\"") + key + "\" is out of range");
   return ReferenceDate{seconds};
 }
 

@@ -143,9 +143,12 @@ TEST(RecordFileFormatTest, AnyMissingKeyNullOrWrongTypeMakesTheWholeFileUnreadab
   EXPECT_THROW(MigratedAppsFileFormat::decode(
                    fixtureWith("\"migratedDate\" : 735000000.123456", "\"migratedDate\" : \"2024-01-01\"")),
                MigratedAppsFormatError);
-  EXPECT_THROW(
-      MigratedAppsFileFormat::decode(fixtureWith("\"migratedDate\" : 735000000.123456", "\"migratedDate\" : 1e999")),
-      MigratedAppsFormatError);
+  for (const std::string date : {"1e999", "1e300", "-9.2e18"}) {
+    EXPECT_THROW(MigratedAppsFileFormat::decode(
+                     fixtureWith("\"migratedDate\" : 735000000.123456", "\"migratedDate\" : " + date)),
+                 MigratedAppsFormatError)
+        << date;
+  }
   EXPECT_THROW(MigratedAppsFileFormat::decode(fixtureWith("F47AC10B-58CC-4372-A567-0E02B2C3D479", "not-a-uuid")),
                MigratedAppsFormatError);
   // Only the two short type names decode.
