@@ -206,6 +206,7 @@ class TransferRun {
         request_.source, staging_->payload(), plan_.manifest, plan_.inactiveSockets, relocated_, *staging_,
         [&](const MigrationCopyUpdate& update) { tracker_.copied(name_, update.bytes, update.entries, update.path); },
         [&] { return cancelled(); });
+    if (configuration_.afterCopy) configuration_.afterCopy(staging_->payload());
     stopIfCancelled();
   }
 
@@ -222,7 +223,8 @@ class TransferRun {
       tracker_.verified(name_, progress.bytes, progress.entries, progress.relativePath);
     };
     options.repaired = [&](const std::string& relative) {
-      staging_->recordCreated(relative.empty() ? staging_->payload() : staging_->payload() + "/" + relative);
+      staging_->recordRepaired(relative.empty() ? staging_->payload() : staging_->payload() + "/" + relative);
+      say("migration.transfer.repaired", {relative.empty() ? name_ : relative});
     };
     MigrationIntegrityVerifier::verify(request_.source, staging_->payload(), plan_.manifest, options);
     if (requireDirectory(parent_).identity() != parentEntry_.identity())
