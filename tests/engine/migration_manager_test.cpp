@@ -59,6 +59,7 @@ class MigrateBackTest : public ::testing::Test {
     result.checkUsage = [this](const auto& item, const auto& manifest) {
       if (duringCheck_) duringCheck_(item, manifest);
     };
+    result.afterSwitch = afterSwitch_;
     return result;
   }
 
@@ -138,6 +139,7 @@ class MigrateBackTest : public ::testing::Test {
   DeferringPrompter prompter_;
   std::function<void(const std::string&, const MigrationManifest&)> duringCheck_;
   std::function<void(const std::string&)> afterCopy_;
+  std::function<void()> afterSwitch_;
 };
 
 TEST_F(MigrateBackTest, RoundTripRestoresEverythingButInodesAndChangeTimes) {
@@ -192,6 +194,18 @@ TEST_F(MigrateBackTest, RealFolderAtTheOriginalPathIsNeverReplaced) {
   ASSERT_EQ(stored.size(), 1u);
   EXPECT_EQ(stored.front().id, app.id);
   EXPECT_EQ(log_.find(localized("log.migration_record_cleaned")), std::string::npos);
+}
+
+TEST_F(MigrateBackTest, ACopyReplacedAfterTheSwitchKeepsTheDiskCopy) {
+  const auto app = migrate();
+  const auto external = fullManifest(app.targetPath);
+  // Another folder takes the restored copy's place before the disk's copy would be removed.
+  afterSwitch_ = [&] {
+    ASSERT_EQ(rename(item_.c_str(), (item_ + "-aside").c_str()), 0);
+    makeDirectories(item_);
+  };
+  moveBack(app);
+  EXPECT_EQ(fullManifest(app.targetPath), external);
 }
 
 TEST_F(MigrateBackTest, InternalDiskFillingUpDuringTheCopyLeavesTheItemMigrated) {

@@ -112,6 +112,7 @@ class TransferRun {
       tracker_.setPhase(name_, Phase::failed);
       throw MigrationTransfer::Failure(cause, cleanupPath, description);
     }
+    if (configuration_.afterSwitch) configuration_.afterSwitch();
     MigrationTransfer::Result result = tidyUpReplacedData();
     finishStaging();
     tracker_.setPhase(name_, Phase::done);
@@ -319,10 +320,10 @@ class TransferRun {
       if (migrating()) {
         access_->cleanupBackup(originalKeptAt_, plan_.manifest, plan_.inactiveSockets, relocated_);
       } else {
-        auto restored = MigrationEntry::read(request_.destination, AT_FDCWD);
-        if (!restored) throw MigrationIssue("error.migration_restore_conflict", request_.destination);
+        // The copy that was verified and exchanged, as it was known before the exchange: what
+        // stands at the destination now must still be that object for the disk's copy to go.
         access_->cleanupRestoredSource(request_.source, plan_.manifest, plan_.inactiveSockets, relocated_,
-                                       request_.destination, *restored);
+                                       request_.destination, *stagedRoot_);
       }
     } catch (const std::exception& error) {
       logWarning(std::string("the replaced data stays: ") + error.what());
