@@ -258,6 +258,7 @@ MigrationTransfer::Configuration MigrationManager::transferConfiguration(std::fu
   configuration.services = hooks_.services;
   configuration.cancelled = hooks_.cancelled;
   configuration.beforeCommit = hooks_.beforeCommit;
+  configuration.afterSwitch = hooks_.afterSwitch;
   auto platformCheck = [onRecheck = std::move(onRecheck)](const std::string& path, const MigrationManifest& manifest) {
     MigrationOpenFiles::requireIdle(path, MigrationOpenFiles::fileIndex(manifest), MigrationOpenFiles::defaultInspect(),
                                     MigrationOpenFiles::waitBetweenRechecks(2, std::chrono::seconds(1)), onRecheck,

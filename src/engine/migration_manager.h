@@ -52,6 +52,8 @@ class MigrationManager {
     std::function<void(const std::string& source, const MigrationManifest& manifest)> checkUsage;
     // The transfer's last hook before the exchange.
     std::function<void()> beforeCommit;
+    // The transfer's hook after the exchange, before the replaced data is removed.
+    std::function<void()> afterSwitch;
     std::size_t maximumInFlight = 4;
   };
 

@@ -24,6 +24,7 @@
 #include "fixtures/test_volume.h"
 #include "platform/file_system.h"
 #include "platform/posix_error.h"
+#include "platform/unique_fd.h"
 #include "platform/volume.h"
 #include "settings/localization.h"
 #include "support/paths.h"
@@ -58,6 +59,7 @@ class MigrateBackTest : public ::testing::Test {
     result.checkUsage = [this](const auto& item, const auto& manifest) {
       if (duringCheck_) duringCheck_(item, manifest);
     };
+    result.afterSwitch = afterSwitch_;
     return result;
   }
 
@@ -79,6 +81,7 @@ class MigrateBackTest : public ::testing::Test {
     configuration.prompter = &prompter_;
     configuration.services = hooks().services;
     configuration.checkUsage = hooks().checkUsage;
+    configuration.afterCopy = afterCopy_;
     configuration.makeAccess = [](const std::string& path) { return std::make_unique<MigrationAccess>(path); };
     MigrationItemProgress item;
     item.name = "item";
@@ -135,6 +138,8 @@ class MigrateBackTest : public ::testing::Test {
   AppManager apps_{queue_};
   DeferringPrompter prompter_;
   std::function<void(const std::string&, const MigrationManifest&)> duringCheck_;
+  std::function<void(const std::string&)> afterCopy_;
+  std::function<void()> afterSwitch_;
 };
 
 TEST_F(MigrateBackTest, RoundTripRestoresEverythingButInodesAndChangeTimes) {
@@ -189,6 +194,18 @@ TEST_F(MigrateBackTest, RealFolderAtTheOriginalPathIsNeverReplaced) {
   ASSERT_EQ(stored.size(), 1u);
   EXPECT_EQ(stored.front().id, app.id);
   EXPECT_EQ(log_.find(localized("log.migration_record_cleaned")), std::string::npos);
+}
+
+TEST_F(MigrateBackTest, ACopyReplacedAfterTheSwitchKeepsTheDiskCopy) {
+  const auto app = migrate();
+  const auto external = fullManifest(app.targetPath);
+  // Another folder takes the restored copy's place before the disk's copy would be removed.
+  afterSwitch_ = [&] {
+    ASSERT_EQ(rename(item_.c_str(), (item_ + "-aside").c_str()), 0);
+    makeDirectories(item_);
+  };
+  moveBack(app);
+  EXPECT_EQ(fullManifest(app.targetPath), external);
 }
 
 TEST_F(MigrateBackTest, InternalDiskFillingUpDuringTheCopyLeavesTheItemMigrated) {
@@ -279,6 +296,29 @@ TEST_F(TransferTest, KeepingTheOriginalLeavesItBesideTheLinkAndStaleSocketsOutOf
   EXPECT_EQ(lastProgress_.phase, MigrationItemProgress::Phase::done);
   EXPECT_EQ(lastProgress_.copiedBytes, lastProgress_.totalBytes);
   EXPECT_GT(lastProgress_.totalBytes, 0);
+}
+
+TEST_F(TransferTest, AStagedFileDamagedAfterTheCopyIsRepairedOnceAndTheMigrationCompletes) {
+  // Held open so the rebuilt file cannot take the freed inode number back, as on a busy volume.
+  platform::UniqueFd damaged;
+  afterCopy_ = [&](const std::string& staged) {
+    // Same size and times, other bytes: only the content comparison can see it.
+    const std::string file = staged + "/Contents/Resources/deep/file4.txt";
+    const auto times = platform::statNoFollow(AT_FDCWD, file).value();
+    damaged = platform::UniqueFd(open(file.c_str(), O_WRONLY | O_CLOEXEC));
+    ASSERT_EQ(pwrite(damaged.get(), "XY", 2, 0), 2);
+    platform::setTimesNoFollow(file, times.accessed, times.modified);
+  };
+  const auto result = transfer();
+  EXPECT_FALSE(result.retainedSource);
+  EXPECT_NE(log_.find("migration.transfer.repaired"), std::string::npos) << log_;
+  EXPECT_EQ(MigrationEntry::read(item_, AT_FDCWD).value().link, destination_);
+  EXPECT_FALSE(hasStagingLeft(parentPath(destination_)));
+  // The rebuilt file's folder carries the original folder's times again.
+  const auto copied = fullManifest(destination_);
+  for (const char* relative : {"Contents/Resources/deep", "Contents/Resources/deep/file4.txt"}) {
+    EXPECT_EQ(copied.at(relative), before_.at(relative)) << relative;
+  }
 }
 
 TEST_F(TransferTest, SourceChangedOrGrowingAfterTheScanRollsBackWithTheSourceIntact) {

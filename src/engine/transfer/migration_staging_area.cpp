@@ -74,6 +74,34 @@ void MigrationStagingArea::refreshDirectories() {
   for (const auto& relative : directories) record(relative, RecordScope::onlyKnown);
 }
 
+void MigrationStagingArea::recordRepaired(const std::string& path) {
+  requireRoot();
+  const std::string relative = relativeToRoot(path);
+  const std::string payload = relativeToRoot(payload_);
+  if (relative != payload && relative.rfind(payload + "/", 0) != 0) {
+    throw MigrationIssue("migration.safety.conflict", path);
+  }
+  // The rebuild changed the folder's times, not the folder: it must still be ours.
+  const auto slash = relative.rfind('/');
+  record(slash == std::string::npos ? std::string() : relative.substr(0, slash), RecordScope::onlyKnown);
+  auto entry = MigrationEntry::read(relative, rootDescriptor_.get());
+  if (entry && entry->kind == MigrationEntry::Kind::directory) {
+    auto known = owned_.find(relative);
+    if (known != owned_.end() && known->second.identity() == entry->identity()) {
+      record(relative, RecordScope::onlyKnown);
+      return;
+    }
+  }
+  for (auto it = owned_.begin(); it != owned_.end();) {
+    if (it->first == relative || it->first.rfind(relative + "/", 0) == 0) {
+      it = owned_.erase(it);
+    } else {
+      ++it;
+    }
+  }
+  if (entry) owned_.insert_or_assign(relative, *entry);
+}
+
 void MigrationStagingArea::record(const std::string& relative, RecordScope scope) {
   auto known = owned_.find(relative);
   if (scope == RecordScope::onlyKnown && known == owned_.end()) return;

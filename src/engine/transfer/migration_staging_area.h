@@ -34,6 +34,11 @@ class MigrationStagingArea {
   // be the same object). Files keep their records: a file changed since is not ours to delete.
   void refreshDirectories();
 
+  // After verification rebuilt the entry at `path` (below the payload): the new object takes
+  // the old one's record, and a rebuilt directory's old records below it are dropped. Its
+  // folder must still be the recorded one ("migration.safety.conflict" otherwise).
+  void recordRepaired(const std::string& path);
+
   // Removes the (by now empty) staging directory after a successful switch.
   void finish();
   // Removes everything recorded after a roll-back.

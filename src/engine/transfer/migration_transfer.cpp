@@ -112,6 +112,7 @@ class TransferRun {
       tracker_.setPhase(name_, Phase::failed);
       throw MigrationTransfer::Failure(cause, cleanupPath, description);
     }
+    if (configuration_.afterSwitch) configuration_.afterSwitch();
     MigrationTransfer::Result result = tidyUpReplacedData();
     finishStaging();
     tracker_.setPhase(name_, Phase::done);
@@ -206,6 +207,7 @@ class TransferRun {
         request_.source, staging_->payload(), plan_.manifest, plan_.inactiveSockets, relocated_, *staging_,
         [&](const MigrationCopyUpdate& update) { tracker_.copied(name_, update.bytes, update.entries, update.path); },
         [&] { return cancelled(); });
+    if (configuration_.afterCopy) configuration_.afterCopy(staging_->payload());
     stopIfCancelled();
   }
 
@@ -222,7 +224,8 @@ class TransferRun {
       tracker_.verified(name_, progress.bytes, progress.entries, progress.relativePath);
     };
     options.repaired = [&](const std::string& relative) {
-      staging_->recordCreated(relative.empty() ? staging_->payload() : staging_->payload() + "/" + relative);
+      staging_->recordRepaired(relative.empty() ? staging_->payload() : staging_->payload() + "/" + relative);
+      say("migration.transfer.repaired", {relative.empty() ? name_ : relative});
     };
     MigrationIntegrityVerifier::verify(request_.source, staging_->payload(), plan_.manifest, options);
     if (requireDirectory(parent_).identity() != parentEntry_.identity())
@@ -317,10 +320,10 @@ class TransferRun {
       if (migrating()) {
         access_->cleanupBackup(originalKeptAt_, plan_.manifest, plan_.inactiveSockets, relocated_);
       } else {
-        auto restored = MigrationEntry::read(request_.destination, AT_FDCWD);
-        if (!restored) throw MigrationIssue("error.migration_restore_conflict", request_.destination);
+        // The copy that was verified and exchanged, as it was known before the exchange: what
+        // stands at the destination now must still be that object for the disk's copy to go.
         access_->cleanupRestoredSource(request_.source, plan_.manifest, plan_.inactiveSockets, relocated_,
-                                       request_.destination, *restored);
+                                       request_.destination, *stagedRoot_);
       }
     } catch (const std::exception& error) {
       logWarning(std::string("the replaced data stays: ") + error.what());

@@ -36,6 +36,10 @@ class MigrationTransfer {
     std::function<std::unique_ptr<MigrationAccess>(const std::string& path)> makeAccess;
     // Runs last before the exchange; may throw.
     std::function<void()> beforeCommit;
+    // Runs between the copy and its verification with the staged copy's path (tests damage it).
+    std::function<void(const std::string& stagedCopy)> afterCopy;
+    // Runs after the exchange, before the replaced data is removed (tests replace things here).
+    std::function<void()> afterSwitch;
     MigrationPreflightPrompter* prompter = nullptr;
     MigrationPreflight::Services services;
     // Set from any thread to stop during the copy or the verification; the transfer rolls back.

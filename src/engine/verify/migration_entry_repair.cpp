@@ -7,8 +7,10 @@
 #include "engine/manifest/migration_file_metadata.h"
 #include "engine/migration_issue.h"
 #include "platform/file_copy.h"
+#include "platform/file_system.h"
 #include "platform/posix_error.h"
 #include "platform/tree_removal.h"
+#include "support/paths.h"
 
 namespace corvane {
 
@@ -47,6 +49,13 @@ void MigrationEntryRepair::rebuild(const MigrationRepairRequest& request) {
     case Kind::socket:
     case Kind::special:
       break;
+  }
+  // Removing and making an entry moved its folder's times away from the original folder's, and
+  // a folder's own check has already passed by the time its entries are checked.
+  if (!keepDirectory && !request.relativePath.empty()) {
+    if (const auto folder = platform::statNoFollow(AT_FDCWD, parentPath(request.source))) {
+      platform::setTimesNoFollow(parentPath(destination), folder->accessed, folder->modified);
+    }
   }
 }
 
