@@ -6,6 +6,7 @@
 
 #include "catalogue/app_bundle_metadata.h"
 #include "catalogue/migrated_backup_catalog.h"
+#include "engine/manifest/migration_snapshot.h"
 #include "engine/migration_failure.h"
 #include "engine/migration_issue.h"
 #include "engine/migration_manager.h"
@@ -60,6 +61,21 @@ MigrationManager::OperationResult MigrationManager::performRestoreFromBackup(con
 
   const std::optional<std::string> versionBefore = bundle ? AppBundleMetadata::version(target) : std::nullopt;
   const std::optional<std::string> versionAfter = bundle ? AppBundleMetadata::version(chosen) : std::nullopt;
+
+  // A program holding a file of the current copy open would go on writing into the version put
+  // aside: the swap waits, as a move-back does.
+  try {
+    const MigrationManifest manifest =
+        MigrationSnapshot::walk(target, RuntimeEntries::allow, ReadableCheck::skip, RemovableCheck::skip);
+    transferConfiguration([this, name] {
+      appendItemLog(name, "migration.occupancy.rechecking", {});
+    }).checkUsage(target, manifest);
+  } catch (...) {
+    const auto failure = std::current_exception();
+    OperationResult result = stop("log.restore_failed", {migrationErrorDescription(failure)});
+    if (isMigrationDeferral(failure)) result.kind = OperationResult::Kind::deferred;
+    return result;
+  }
 
   appendItemLog(name, "log.restore_backup_current", {});
   const ReferenceDate now = ReferenceDate::now();

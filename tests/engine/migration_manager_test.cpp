@@ -19,6 +19,7 @@
 #include "engine/preflight/migration_socket_probe.h"
 #include "engine/transfer/migration_transfer.h"
 #include "fixtures/corvane_binary.h"
+#include "fixtures/occupant_process.h"
 #include "fixtures/sample_tree.h"
 #include "fixtures/temporary_directory.h"
 #include "fixtures/test_volume.h"
@@ -529,6 +530,14 @@ class ItemOperationsTest : public ::testing::Test {
 };
 
 TEST_F(ItemOperationsTest, RestoringPutsTheVersionInPlaceAndKeepsTheCurrentOne) {
+  {
+    // A program holding a file of the current copy open defers the restore; nothing moves.
+    auto holder = OccupantProcess::holdingFile(target_ + "/Contents/Info.plist", O_RDONLY);
+    EXPECT_EQ(operate(Operation::restore).kind, MigrationManager::OperationResult::Kind::deferred) << log_;
+    EXPECT_EQ(AppBundleMetadata::version(target_), "2.0");
+    EXPECT_EQ(namesIn(disk_ + "/Applications"),
+              (std::vector<std::string>{"Tool.app", "Tool_backup_20240101_120000.app"}));
+  }
   ASSERT_EQ(operate(Operation::restore).kind, MigrationManager::OperationResult::Kind::succeeded) << log_;
   EXPECT_EQ(AppBundleMetadata::version(target_), "1.0");
   EXPECT_FALSE(MigrationEntry::read(version_, AT_FDCWD));
