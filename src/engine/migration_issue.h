@@ -1,14 +1,18 @@
-// The error the migration engine throws: a localization key and a detail (a path, or empty).
+// The error the migration engine throws: a localization key and what goes into its text (a
+// path, several paths, or nothing).
 #pragma once
 
 #include <stdexcept>
 #include <string>
+#include <vector>
 
 namespace corvane {
 
 class MigrationIssue : public std::runtime_error {
  public:
   MigrationIssue(std::string key, std::string detail = {});
+  // A text with several places ({0}, {1}, …); detail() is the first argument.
+  MigrationIssue(std::string key, std::vector<std::string> arguments);
 
   const std::string& key() const noexcept { return key_; }
   const std::string& detail() const noexcept { return detail_; }
@@ -18,6 +22,7 @@ class MigrationIssue : public std::runtime_error {
  private:
   std::string key_;
   std::string detail_;
+  std::vector<std::string> arguments_;
 };
 
 }  // namespace corvane

@@ -61,6 +61,7 @@ class MigrateBackTest : public ::testing::Test {
       if (duringCheck_) duringCheck_(item, manifest);
     };
     result.afterSwitch = afterSwitch_;
+    result.beforeCommit = beforeCommit_;
     return result;
   }
 
@@ -141,6 +142,7 @@ class MigrateBackTest : public ::testing::Test {
   std::function<void(const std::string&, const MigrationManifest&)> duringCheck_;
   std::function<void(const std::string&)> afterCopy_;
   std::function<void()> afterSwitch_;
+  std::function<void()> beforeCommit_;
 };
 
 TEST_F(MigrateBackTest, RoundTripRestoresEverythingButInodesAndChangeTimes) {
@@ -207,6 +209,52 @@ TEST_F(MigrateBackTest, ACopyReplacedAfterTheSwitchKeepsTheDiskCopy) {
   };
   moveBack(app);
   EXPECT_EQ(fullManifest(app.targetPath), external);
+}
+
+TEST_F(MigrateBackTest, AFailureAfterTheExchangeUndoesNothingAndTheOutcomeSaysWhereEverythingIs) {
+  // On the way out: the copy vanishes as the link takes the item's place. Undoing the promotion
+  // would leave the link dangling and the original under a name nobody was told.
+  beforeCommit_ = [&] { ASSERT_EQ(rename(destination_.c_str(), (destination_ + "-aside").c_str()), 0); };
+  {
+    MigrationManager manager(queue_, apps_, hooks());
+    runBatch(manager, {item_});
+    ASSERT_EQ(manager.outcomes().size(), 1u);
+    const auto& outcome = manager.outcomes().front();
+    EXPECT_EQ(outcome.kind, MigrationManager::ItemOutcome::Kind::failed) << manager.logText();
+    ASSERT_TRUE(outcome.cleanupPath);
+    EXPECT_EQ(parentPath(*outcome.cleanupPath), parentPath(item_));
+    EXPECT_EQ(fullManifest(*outcome.cleanupPath), before_) << "the original lies where the outcome says";
+    for (const auto& path : {item_, destination_, *outcome.cleanupPath})
+      EXPECT_NE(outcome.message.find(path), std::string::npos) << outcome.message;
+    EXPECT_EQ(MigrationEntry::read(item_, AT_FDCWD).value().link, destination_);
+    EXPECT_EQ(manager.logText().find(localized("migration.safety.rolled_back")), std::string::npos);
+    EXPECT_FALSE(MigrationEntry::read(AppManager::getMigratedAppsFilePath(disk_), AT_FDCWD)) << "no record";
+  }
+  // Put things right by hand, migrate properly, then fail the way back after its exchange: the
+  // link that is swapped out is not the one that was checked.
+  ASSERT_EQ(unlink(item_.c_str()), 0);
+  for (const auto& entry : std::filesystem::directory_iterator(parentPath(item_))) {
+    if (entry.path().filename().string().find(".corvane_backup_") != std::string::npos) {
+      ASSERT_EQ(rename(entry.path().c_str(), item_.c_str()), 0);
+    }
+  }
+  std::filesystem::remove_all(destination_ + "-aside");
+  beforeCommit_ = {};
+  const auto app = migrate();
+  const auto external = fullManifest(app.targetPath);
+  beforeCommit_ = [&] {
+    ASSERT_EQ(symlink(app.targetPath.c_str(), (item_ + "-new").c_str()), 0);
+    ASSERT_EQ(rename((item_ + "-new").c_str(), item_.c_str()), 0);
+  };
+  const auto result = moveBack(app);
+  EXPECT_EQ(result.kind, MigrationManager::OperationResult::Kind::failed) << log_;
+  for (const auto& path : {item_, app.targetPath})
+    EXPECT_NE(result.message.find(path), std::string::npos) << result.message;
+  EXPECT_EQ(log_.find(localized("migration.safety.rolled_back")), std::string::npos) << log_;
+  // The item is back, the copy and its record are still on the disk, as the outcome says.
+  EXPECT_EQ(fullManifest(item_), external);
+  EXPECT_EQ(fullManifest(app.targetPath), external);
+  EXPECT_EQ(MigratedAppsFile::read(AppManager::getMigratedAppsFilePath(disk_)).size(), 1u);
 }
 
 TEST_F(MigrateBackTest, InternalDiskFillingUpDuringTheCopyLeavesTheItemMigrated) {

@@ -177,8 +177,14 @@ std::string MigrationAccess::install(const std::string& target, const std::funct
   operations.removeLink = [this](const std::string& link) { removeLink(link); };
 
   std::string temporary = MigrationSourceSwitch::install(source_, target, beforeExchange, operations);
-  auto committed = MigrationEntry::read(target, AT_FDCWD);
-  if (!committed) throw MigrationIssue("error.migration_copy_mismatch", target);
+  // The link stands now: a copy that cannot be read back is reported, never answered by undoing.
+  std::optional<MigrationEntry> committed;
+  try {
+    committed = MigrationEntry::read(target, AT_FDCWD);
+  } catch (const std::exception&) {
+    throw MigrationSwitchStands("error.migration_copy_mismatch", target, temporary);
+  }
+  if (!committed) throw MigrationSwitchStands("error.migration_copy_mismatch", target, temporary);
   committedTarget_ = std::make_pair(target, *committed);
   return temporary;
 }

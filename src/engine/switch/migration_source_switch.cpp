@@ -101,7 +101,7 @@ std::string MigrationSourceSwitch::install(const std::string& source, const std:
     operations.exchange(original, temporary);
   } catch (const std::exception& failure) {
     logError(fmt::format("Migration switch could not swap back {}: {}", original, failure.what()));
-    throw MigrationIssue("error.migration_copy_mismatch", temporary);
+    throw MigrationSwitchStands("error.migration_copy_mismatch", original, temporary);
   }
   removeNewLink(operations, temporary);
   throw MigrationIssue("error.migration_copy_mismatch", original);

@@ -6,7 +6,23 @@
 #include <functional>
 #include <string>
 
+#include "engine/migration_issue.h"
+
 namespace corvane {
+
+// The exchange was made and can be neither confirmed nor undone. The item's path may lead to
+// the copy by now and whatever stood there lies under kept(): undoing anything else would be
+// guesswork, so whoever catches this leaves everything where it is and says where that is. The
+// key and detail are the reason.
+class MigrationSwitchStands : public MigrationIssue {
+ public:
+  MigrationSwitchStands(std::string key, std::string detail, std::string kept)
+      : MigrationIssue(std::move(key), std::move(detail)), kept_(std::move(kept)) {}
+  const std::string& kept() const noexcept { return kept_; }
+
+ private:
+  std::string kept_;
+};
 
 // The file operations of a switch, made as the user or through the administrator path.
 struct MigrationSwitchOperations {

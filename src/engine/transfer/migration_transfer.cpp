@@ -11,6 +11,7 @@
 #include "engine/migration_failure.h"
 #include "engine/migration_issue.h"
 #include "engine/switch/migration_file_safety.h"
+#include "engine/switch/migration_source_switch.h"
 #include "engine/transfer/migration_destination_transaction.h"
 #include "engine/transfer/migration_staging_area.h"
 #include "engine/transfer/progress_file_copier.h"
@@ -108,6 +109,7 @@ class TransferRun {
       const std::exception_ptr cause = std::current_exception();
       const std::string description = migrationErrorDescription(cause);
       logInfo("Migration error: " + description);
+      if (const auto kept = keptAfterSwitch(cause)) failAfterSwitch(cause, *kept);
       const std::optional<std::string> cleanupPath = rollBack();
       tracker_.setPhase(name_, Phase::failed);
       throw MigrationTransfer::Failure(cause, cleanupPath, description);
@@ -267,13 +269,41 @@ class TransferRun {
       transaction_.promote(staging_->payload());
       flushToMedium(parent_);
       originalKeptAt_ = access_->install(request_.destination, beforeCommit());
+      switched_ = true;
       say("log.symlink_success", {name_});
     } else {
       access_->restore(*stagedRoot_, staging_->payload(), beforeCommit());
+      // The item's path holds the data and the staging area the old link from here on.
+      switched_ = true;
       staging_->receivedLinkAfterRestore(*restoreLink_);
       flushToMedium(parent_);
       say("log.migrate_back_swap_success", {name_});
     }
+  }
+
+  // Where the replaced object lies when the failure came after the exchange: the original's
+  // temporary name on a migration, the staging area holding the old link on a move-back.
+  std::optional<std::string> keptAfterSwitch(const std::exception_ptr& cause) const {
+    if (switched_) return migrating() ? originalKeptAt_ : staging_->root();
+    try {
+      std::rethrow_exception(cause);
+    } catch (const MigrationSwitchStands& stands) {
+      return stands.kept();
+    } catch (...) {
+      return std::nullopt;
+    }
+  }
+
+  // After the exchange a roll-back would be blind: the copy may be all the item's path leads to.
+  // Everything stays where it is, and the failure says where that is.
+  [[noreturn]] void failAfterSwitch(const std::exception_ptr& cause, const std::string& kept) {
+    tracker_.setPhase(name_, Phase::failed);
+    const std::string reason = migrationErrorDescription(cause);
+    const MigrationIssue standing =
+        migrating()
+            ? MigrationIssue("migration.safety.switch_stands", {request_.source, request_.destination, kept, reason})
+            : MigrationIssue("migration.safety.move_back_stands", {request_.destination, request_.source, reason});
+    throw MigrationTransfer::Failure(std::make_exception_ptr(standing), kept, standing.localizedDescription());
   }
 
   // Before the switch: the destination and the staging area go again. Returns a path that could
@@ -358,6 +388,7 @@ class TransferRun {
   std::unique_ptr<MigrationStagingArea> staging_;
   std::optional<MigrationEntry> stagedRoot_;
   std::string originalKeptAt_;
+  bool switched_ = false;
 };
 
 }  // namespace
