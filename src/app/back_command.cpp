@@ -14,21 +14,25 @@ namespace {
 struct BackOptions {
   std::string item;
   std::optional<std::string> disk;
+  bool json = false;
   PromptOptions prompts;
 };
 
 int runBack(const BackOptions& options) {
+  ItemOperationReport report{.json = options.json, .source = options.item, .succeededAs = "movedBack"};
   MigratedItemMatch match;
   try {
     match = findMigratedItem(options.item, options.disk);
   } catch (const std::exception& failure) {
-    return reportFailure(failure);
+    return reportItemOperationFailure(failure, report);
   }
+  report.source = match.app.targetPath;
+  report.target = match.app.originalPath;
   return runItemOperation(
       [&](MigrationManager& manager, MigrationManager::OperationCompletion completion) {
         manager.migrateBackToMainDisk(match.app, match.disk, std::move(completion));
       },
-      options.prompts, ProgressLines::show);
+      options.prompts, ProgressLines::show, report);
 }
 
 }  // namespace
@@ -38,6 +42,7 @@ void addBackCommand(CLI::App& app, CommandRegistry& registry) {
   CLI::App* back = app.add_subcommand("back", localized("cli.back.description"));
   back->add_option("item", options->item, localized("cli.back.item"))->required();
   back->add_option("--disk", options->disk, localized("cli.item.disk"));
+  back->add_flag("--json", options->json, localized("cli.option.json"));
   addPromptOptions(back, options->prompts);
   registry.add(back, [options] { return runBack(*options); });
 }

@@ -2,6 +2,7 @@
 
 #include "app/command_line.h"
 #include "app/interruption.h"
+#include "app/outcome_report.h"
 #include "app/progress_display.h"
 #include "app/running_app_prompt.h"
 #include "app/user_output.h"
@@ -12,7 +13,35 @@
 
 namespace corvane {
 
-int runItemOperation(const ItemOperation& operation, const PromptOptions& prompts, ProgressLines progress) {
+namespace {
+
+std::string_view outcomeName(MigrationManager::OperationResult::Kind kind, const std::string& succeededAs) {
+  using Kind = MigrationManager::OperationResult::Kind;
+  switch (kind) {
+    case Kind::succeeded:
+      return succeededAs;
+    case Kind::deferred:
+      return "deferred";
+    case Kind::cancelled:
+      return "cancelled";
+    case Kind::refused:
+      return "refused";
+    case Kind::failed:
+      break;
+  }
+  return "failed";
+}
+
+}  // namespace
+
+int reportItemOperationFailure(const std::exception& failure, const ItemOperationReport& report) {
+  if (!report.json) return reportFailure(failure);
+  printOutcomeReports({{.source = report.source, .outcome = "failed", .message = failureDescription(failure)}});
+  return kExitFailure;
+}
+
+int runItemOperation(const ItemOperation& operation, const PromptOptions& prompts, ProgressLines progress,
+                     const ItemOperationReport& report) {
   InterruptionGuard interruption;
   MainQueue mainQueue;
   AppManager appManager(mainQueue);
@@ -33,12 +62,21 @@ int runItemOperation(const ItemOperation& operation, const PromptOptions& prompt
     if (progress == ProgressLines::show) progressLines = manager.observeProgress(showingShortNames(display));
     const Subscription logLines = manager.observeLog([&](const std::string& line) {
       display.clear();
-      printLine(line);
+      if (!report.json) printLine(line);
     });
     operation(manager, [&](const MigrationManager::OperationResult& outcome) { result = outcome; });
     runUntilFinishedTellingAboutInterruption(mainQueue, display, [&] { return result.has_value(); });
   }
   display.clear();
+  if (report.json) {
+    printOutcomeReports({{.source = report.source,
+                          .target = report.target,
+                          .outcome = std::string(outcomeName(result->kind, report.succeededAs)),
+                          .message = result->message,
+                          .leftBehind = result->cleanupPath,
+                          .recordSaved = result->recordSaved}});
+  }
+  if (!result->recordSaved) return kExitFailure;
   switch (result->kind) {
     case MigrationManager::OperationResult::Kind::succeeded:
       return kExitSuccess;

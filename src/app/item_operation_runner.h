@@ -14,7 +14,20 @@ enum class ProgressLines { show, hide };
 
 using ItemOperation = std::function<void(MigrationManager& manager, MigrationManager::OperationCompletion completion)>;
 
-// 0 when it succeeded, 2 when it was deferred, 1 otherwise.
-int runItemOperation(const ItemOperation& operation, const PromptOptions& prompts, ProgressLines progress);
+// How the outcome is told: the log lines as they come, or with `json` one report at the end
+// (the log lines are then left out of standard output).
+struct ItemOperationReport {
+  bool json = false;
+  std::string source = {};
+  std::string target = {};
+  std::string succeededAs = {};  // the report's outcome when the operation succeeded
+};
+
+// 0 when it succeeded, 2 when it was deferred, 1 otherwise (a record that could not be changed
+// with the item included).
+int runItemOperation(const ItemOperation& operation, const PromptOptions& prompts, ProgressLines progress,
+                     const ItemOperationReport& report);
+// An operation that could not even start: its text, or its report with `json`. Returns 1.
+int reportItemOperationFailure(const std::exception& failure, const ItemOperationReport& report);
 
 }  // namespace corvane

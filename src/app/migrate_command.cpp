@@ -3,11 +3,10 @@
 // items still copying or verifying; each is rolled back and its original stays as it was.
 #include <signal.h>
 
-#include <nlohmann/json.hpp>
-
 #include "app/command_line.h"
 #include "app/commands.h"
 #include "app/interruption.h"
+#include "app/outcome_report.h"
 #include "app/progress_display.h"
 #include "app/running_app_prompt.h"
 #include "app/terminal_prompter.h"
@@ -46,25 +45,24 @@ std::string_view outcomeName(MigrationManager::ItemOutcome::Kind kind) {
 int exitStatusFor(const std::vector<MigrationManager::ItemOutcome>& outcomes) {
   bool deferred = false;
   for (const auto& outcome : outcomes) {
-    if (outcome.kind == MigrationManager::ItemOutcome::Kind::failed) return kExitFailure;
+    if (outcome.kind == MigrationManager::ItemOutcome::Kind::failed || !outcome.recordSaved) return kExitFailure;
     if (outcome.kind == MigrationManager::ItemOutcome::Kind::deferred) deferred = true;
   }
   return deferred ? kExitDeferred : kExitSuccess;
 }
 
 void printJson(const std::vector<MigrationManager::ItemOutcome>& outcomes) {
-  nlohmann::ordered_json items = nlohmann::ordered_json::array();
+  std::vector<OutcomeReport> reports;
   for (const auto& outcome : outcomes) {
-    nlohmann::ordered_json item;
-    item["source"] = outcome.source;
-    item["target"] = outcome.target;
-    item["outcome"] = outcomeName(outcome.kind);
-    if (!outcome.message.empty()) item["message"] = outcome.message;
-    if (outcome.retainedPath) item["retainedOriginal"] = *outcome.retainedPath;
-    if (outcome.cleanupPath) item["leftBehind"] = *outcome.cleanupPath;
-    items.push_back(item);
+    reports.push_back({.source = outcome.source,
+                       .target = outcome.target,
+                       .outcome = std::string(outcomeName(outcome.kind)),
+                       .message = outcome.message,
+                       .retainedOriginal = outcome.retainedPath,
+                       .leftBehind = outcome.cleanupPath,
+                       .recordSaved = outcome.recordSaved});
   }
-  printLine(items.dump(2, ' ', false, nlohmann::json::error_handler_t::replace));
+  printOutcomeReports(reports);
 }
 
 int runMigrate(const MigrateOptions& options) {

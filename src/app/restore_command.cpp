@@ -19,6 +19,7 @@ struct RestoreOptions {
   std::string item;
   std::string version;
   std::optional<std::string> disk;
+  bool json = false;
   PromptOptions prompts;
 };
 
@@ -38,14 +39,19 @@ std::optional<BackupRecord> chosenVersion(const MigratedApp& app, const std::str
 }
 
 int runRestore(const RestoreOptions& options) {
+  ItemOperationReport report{.json = options.json, .source = options.item, .succeededAs = "restored"};
   MigratedItemMatch match;
   try {
     match = findMigratedItem(options.item, options.disk);
   } catch (const std::exception& failure) {
-    return reportFailure(failure);
+    return reportItemOperationFailure(failure, report);
   }
   const auto backup = chosenVersion(match.app, options.version);
   if (!backup) {
+    if (options.json) {
+      return reportItemOperationFailure(
+          MigrationIssue("cli.restore.no_such_version", {options.version, match.app.appName}), report);
+    }
     printErrorLine(localizedFormat("cli.restore.version_not_found", options.version, match.app.appName));
     for (const auto& version : match.app.backupVersions) {
       printErrorLine(localizedFormat("cli.restore.version_line",
@@ -54,11 +60,13 @@ int runRestore(const RestoreOptions& options) {
     }
     return kExitFailure;
   }
+  report.source = backup->backupPath;
+  report.target = match.app.targetPath;
   return runItemOperation(
       [&](MigrationManager& manager, MigrationManager::OperationCompletion completion) {
         manager.restoreFromBackup(*backup, match.app, match.disk, std::move(completion));
       },
-      options.prompts, ProgressLines::hide);
+      options.prompts, ProgressLines::hide, report);
 }
 
 }  // namespace
@@ -69,6 +77,7 @@ void addRestoreCommand(CLI::App& app, CommandRegistry& registry) {
   restore->add_option("item", options->item, localized("cli.restore.item"))->required();
   restore->add_option("--version", options->version, localized("cli.restore.version"))->required();
   restore->add_option("--disk", options->disk, localized("cli.item.disk"));
+  restore->add_flag("--json", options->json, localized("cli.option.json"));
   addPromptOptions(restore, options->prompts);
   registry.add(restore, [options] { return runRestore(*options); });
 }

@@ -18,6 +18,7 @@ namespace {
 struct UninstallOptions {
   std::string item;
   std::optional<std::string> disk;
+  bool json = false;
   PromptOptions prompts;
 };
 
@@ -30,28 +31,27 @@ bool confirmed(const MigratedItemMatch& match) {
 }
 
 int runUninstall(const UninstallOptions& options) {
+  ItemOperationReport report{.json = options.json, .source = options.item, .succeededAs = "uninstalled"};
   MigratedItemMatch match;
   try {
     match = findMigratedItem(options.item, options.disk);
   } catch (const std::exception& failure) {
-    return reportFailure(failure);
+    return reportItemOperationFailure(failure, report);
   }
+  report.source = match.app.originalPath;
+  report.target = match.app.targetPath;
   if (!options.prompts.yes) {
     // Deleting is never decided without someone who can be asked.
     if (options.prompts.defer || !isatty(STDIN_FILENO)) {
-      printErrorLine(localized("cli.uninstall.no_terminal"));
-      return kExitFailure;
+      return reportItemOperationFailure(MigrationIssue("cli.uninstall.no_terminal"), report);
     }
-    if (!confirmed(match)) {
-      printErrorLine(localized("cli.uninstall.declined"));
-      return kExitFailure;
-    }
+    if (!confirmed(match)) return reportItemOperationFailure(MigrationIssue("cli.uninstall.declined"), report);
   }
   return runItemOperation(
       [&](MigrationManager& manager, MigrationManager::OperationCompletion completion) {
         manager.uninstallApp(match.app, {match.disk}, std::move(completion));
       },
-      options.prompts, ProgressLines::hide);
+      options.prompts, ProgressLines::hide, report);
 }
 
 }  // namespace
@@ -61,6 +61,7 @@ void addUninstallCommand(CLI::App& app, CommandRegistry& registry) {
   CLI::App* uninstall = app.add_subcommand("uninstall", localized("cli.uninstall.description"));
   uninstall->add_option("item", options->item, localized("cli.uninstall.item"))->required();
   uninstall->add_option("--disk", options->disk, localized("cli.item.disk"));
+  uninstall->add_flag("--json", options->json, localized("cli.option.json"));
   addPromptOptions(uninstall, options->prompts);
   registry.add(uninstall, [options] { return runUninstall(*options); });
 }

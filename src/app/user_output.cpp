@@ -23,15 +23,17 @@ void printErrorLine(std::string_view text) {
   std::fflush(stderr);
 }
 
-int reportFailure(const std::exception& failure) {
+std::string failureDescription(const std::exception& failure) {
   logInfo(failure.what());
-  if (const auto* issue = dynamic_cast<const MigrationIssue*>(&failure)) {
-    printErrorLine(issue->localizedDescription());
-  } else if (const auto* posix = dynamic_cast<const platform::PosixError*>(&failure)) {
-    printErrorLine(localizedFormat("error.system", posix->path(), std::strerror(posix->errnoValue())));
-  } else {
-    printErrorLine(localizedFormat("error.unexpected", failure.what()));
+  if (const auto* issue = dynamic_cast<const MigrationIssue*>(&failure)) return issue->localizedDescription();
+  if (const auto* posix = dynamic_cast<const platform::PosixError*>(&failure)) {
+    return localizedFormat("error.system", posix->path(), std::strerror(posix->errnoValue()));
   }
+  return localizedFormat("error.unexpected", failure.what());
+}
+
+int reportFailure(const std::exception& failure) {
+  printErrorLine(failureDescription(failure));
   return kExitFailure;
 }
 

@@ -215,9 +215,13 @@ void MigrationManager::runItem(const std::shared_ptr<Batch>& batch, std::size_t 
     outcome = performSingleAppMigration(batch, source);
   }
   const auto kind = outcome.kind;
+  {
+    std::lock_guard lock(batch->mutex);
+    batch->outcomes[index] = outcome;
+  }
   if (kind == ItemOutcome::Kind::succeeded) {
     // The record is written by the owner thread, which also owns the catalogue's list.
-    post(batch->runID, [this, batch, outcome] {
+    post(batch->runID, [this, batch, index, outcome] {
       MigratedApp app;
       app.id = makeUuidString();
       app.appName = outcome.name;
@@ -227,6 +231,10 @@ void MigrationManager::runItem(const std::shared_ptr<Batch>& batch, std::size_t 
       app.itemType = isApplication(outcome.source) ? MigratedItemType::application : MigratedItemType::directory;
       if (!appManager_.saveMigratedApp(app, batch->disk, std::nullopt)) {
         appendLog(batch->runID, outcome.name, "migration.safety.catalog_failed", {});
+        // The batch's outcomes are collected after every record of the batch was written.
+        std::lock_guard lock(batch->mutex);
+        batch->outcomes[index]->recordSaved = false;
+        batch->outcomes[index]->message = localized("migration.safety.catalog_failed");
       }
       appendLog(batch->runID, outcome.name, "log.migrate_item_complete", {});
     });
@@ -240,7 +248,6 @@ void MigrationManager::runItem(const std::shared_ptr<Batch>& batch, std::size_t 
                                                                  : MigrationBatchProgress::Outcome::skipped;
   {
     std::lock_guard lock(batch->mutex);
-    batch->outcomes[index] = outcome;
     batch->progress->finish(static_cast<std::int64_t>(index), batchOutcome);
   }
   batch->progress->publish([this, batch](MigrationBatchProgress::Snapshot snapshot) {

@@ -37,6 +37,8 @@ class MigrationManager {
     std::string message;  // the localized reason of a failure, deferral or skip
     std::optional<std::string> retainedPath;
     std::optional<std::string> cleanupPath;
+    // False when the item moved but its record could not be written: the user must hear it.
+    bool recordSaved = true;
   };
 
   struct Hooks {
@@ -100,6 +102,10 @@ class MigrationManager {
     enum class Kind { succeeded, failed, deferred, cancelled, refused };
     Kind kind = Kind::failed;
     std::string message;  // the localized reason when it did not succeed
+    // Where something the operation could not tidy up remains (the staging area, a copy).
+    std::optional<std::string> cleanupPath = {};
+    // False when the item's files changed but its record could not be changed with them.
+    bool recordSaved = true;
   };
   using OperationCompletion = std::function<void(const OperationResult&)>;
   bool migrateBackToMainDisk(const MigratedApp& app, const std::optional<std::string>& currentDisk,
@@ -118,6 +124,8 @@ class MigrationManager {
     std::string original;  // where the link stands
     std::string target;    // the copy on the external disk
     std::string name;      // how the log names it
+    // Set on the owner thread when a record change of the operation could not be written.
+    std::shared_ptr<std::atomic<bool>> recordFailed = std::make_shared<std::atomic<bool>>(false);
   };
   // How an operation is refused or cancelled, and whether it needs its target on a disk.
   struct ItemOperationKeys {
@@ -142,8 +150,12 @@ class MigrationManager {
   OperationResult performUninstall(const MigratedApp& app, const ItemOperation& item,
                                    const std::vector<std::string>& externalDisks);
   // Any thread: the catalogue loads `disk`'s records (when given), then `change` runs on the
-  // owner thread, after that load, while the manager still exists.
-  void changeRecords(const std::optional<std::string>& disk, std::function<void(MigrationManager&)> change);
+  // owner thread, after that load, while the manager still exists, and before the operation's
+  // completion.
+  // `change` returns whether the record file was written; when it was not, the operation's
+  // result says so.
+  void changeRecords(const ItemOperation& item, const std::optional<std::string>& disk,
+                     std::function<bool(MigrationManager&)> change);
   // The staged transfer as every operation runs it: the hooks' prompter and checks, open files
   // checked before the copy and again before the replaced data is removed, and the
   // administrator asked for only when the item's place needs it. `onRecheck` is told each time

@@ -80,13 +80,14 @@ MigrationManager::OperationResult MigrationManager::performMigrateBack(const Mig
     result.message = migrationErrorDescription(failure);
     result.kind = isMigrationDeferral(failure) ? OperationResult::Kind::deferred : OperationResult::Kind::failed;
     appendItemLog(name, "log.migrate_back_failed_detailed", {result.message});
-    if (const auto cleanupPath = migrationCleanupPath(failure))
-      appendItemLog(name, "migration.occupancy.cleanup_detail", {*cleanupPath});
+    result.cleanupPath = migrationCleanupPath(failure);
+    if (result.cleanupPath) appendItemLog(name, "migration.occupancy.cleanup_detail", {*result.cleanupPath});
     return result;
   }
   tracker.stop();
   // The item is back; a copy that could not be removed from the external disk is only named.
   if (transferred.retainedSource && transferred.retainedPath) {
+    result.cleanupPath = transferred.retainedPath;
     appendItemLog(name, "migration.occupancy.cleanup_detail", {*transferred.retainedPath});
   }
 
@@ -104,17 +105,13 @@ MigrationManager::OperationResult MigrationManager::performMigrateBack(const Mig
       appendItemLog(name, "log.no_available_disk_path", {});
     }
   }
-  changeRecords(disk, [app, disk, name](MigrationManager& manager) {
-    if (disk) {
-      if (manager.appManager_.removeMigratedApp(app, *disk)) {
-        manager.appendItemLog(name, "log.migration_record_cleaned", {});
-      } else {
-        manager.appendItemLog(name, "migration.safety.catalog_failed", {});
-      }
-    }
+  changeRecords(item, disk, [app, disk, name](MigrationManager& manager) {
+    const bool removed = disk && manager.appManager_.removeMigratedApp(app, *disk);
+    manager.appendItemLog(name, removed ? "log.migration_record_cleaned" : "migration.safety.catalog_failed", {});
     manager.appendItemLog(name, "log.migrate_back_complete", {});
     manager.appendItemLog(name, "log.migration_complete", {});
     manager.appendItemLog("", "log.separator_line", {});
+    return removed;
   });
   result.kind = OperationResult::Kind::succeeded;
   return result;

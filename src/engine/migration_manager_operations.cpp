@@ -98,22 +98,30 @@ bool MigrationManager::startItemOperation(const MigratedApp& app, const std::vec
         }
         return perform(item);
       },
-      [this, original = item.original, completion = std::move(completion)](const OperationResult& result) {
+      [this, original = item.original, recordFailed = item.recordFailed,
+       completion = std::move(completion)](OperationResult result) {
         migratingBackItems_.erase(original);
         notify();
+        if (*recordFailed) {
+          result.recordSaved = false;
+          if (result.message.empty()) result.message = localized("migration.safety.catalog_failed");
+        }
         if (completion) completion(result);
       });
   return true;
 }
 
-void MigrationManager::changeRecords(const std::optional<std::string>& disk,
-                                     std::function<void(MigrationManager&)> change) {
+void MigrationManager::changeRecords(const ItemOperation& item, const std::optional<std::string>& disk,
+                                     std::function<bool(MigrationManager&)> change) {
   // The catalogue's list must be this disk's before one record of it changes and the rest are
   // written back; the load reaches the owner thread ahead of the change.
   if (disk) appManager_.loadMigratedApps(*disk);
-  mainQueue_.post([lifetime = std::weak_ptr<MigrationManager*>(lifetime_), change = std::move(change)] {
-    if (auto alive = lifetime.lock()) change(**alive);
-  });
+  mainQueue_.post(
+      [lifetime = std::weak_ptr<MigrationManager*>(lifetime_), failed = item.recordFailed, change = std::move(change)] {
+        if (auto alive = lifetime.lock()) {
+          if (!change(**alive)) *failed = true;
+        }
+      });
 }
 
 }  // namespace corvane

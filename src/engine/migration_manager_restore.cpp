@@ -117,17 +117,17 @@ MigrationManager::OperationResult MigrationManager::performRestoreFromBackup(con
   updated.backupVersions.push_back(keptRecord);
   MigratedBackupCatalog::sortNewestFirst(updated.backupVersions);
 
-  changeRecords(disk, [updated, disk, kept, name, versionBefore, versionAfter](MigrationManager& manager) {
+  changeRecords(item, disk, [updated, disk, kept, name, versionBefore, versionAfter](MigrationManager& manager) {
     manager.appendItemLog(name, "log.restore_update_record", {});
-    if (!manager.appManager_.saveMigratedApp(updated, disk, kept)) {
-      manager.appendItemLog(name, "migration.safety.catalog_failed", {});
-    }
+    const bool saved = manager.appManager_.saveMigratedApp(updated, disk, kept);
+    if (!saved) manager.appendItemLog(name, "migration.safety.catalog_failed", {});
     if (versionBefore && versionAfter) {
       manager.appendItemLog(name, "log.restore_complete_versions", {*versionBefore, *versionAfter});
     } else {
       manager.appendItemLog(name, "log.restore_complete", {});
     }
     manager.appendItemLog("", "log.separator_line", {});
+    return saved;
   });
   return OperationResult{OperationResult::Kind::succeeded, {}};
 }

@@ -115,14 +115,10 @@ MigrationManager::OperationResult MigrationManager::performUninstall(const Migra
   // 4. The record, on every connected disk; the list written is the first disk's.
   const std::optional<std::string> firstDisk =
       externalDisks.empty() ? std::nullopt : std::optional<std::string>(externalDisks.front());
-  changeRecords(firstDisk, [app, externalDisks, name, failed](MigrationManager& manager) {
-    bool withErrors = failed;
-    if (manager.appManager_.removeMigratedAppAndSaveToAllDisks(app, externalDisks)) {
-      manager.appendItemLog(name, "log.uninstall_record_deleted", {});
-    } else {
-      withErrors = true;
-      manager.appendItemLog(name, "migration.safety.catalog_failed", {});
-    }
+  changeRecords(item, firstDisk, [app, externalDisks, name, failed](MigrationManager& manager) {
+    const bool removed = manager.appManager_.removeMigratedAppAndSaveToAllDisks(app, externalDisks);
+    manager.appendItemLog(name, removed ? "log.uninstall_record_deleted" : "migration.safety.catalog_failed", {});
+    const bool withErrors = failed || !removed;
     if (withErrors) {
       manager.appendItemLog(name, "log.uninstall_complete_with_errors", {});
       manager.appendItemLog(name, "log.uninstall_completion_with_errors", {});
@@ -130,6 +126,7 @@ MigrationManager::OperationResult MigrationManager::performUninstall(const Migra
       manager.appendItemLog(name, "log.uninstall_complete", {});
     }
     manager.appendItemLog("", "log.separator_line", {});
+    return removed;
   });
   OperationResult result;
   result.kind = failed ? OperationResult::Kind::failed : OperationResult::Kind::succeeded;

@@ -96,6 +96,20 @@ TEST_F(MigrateCommandTest, MovesTheItemRecordsItAndSkipsItTheSecondTime) {
   auto second = runCorvane({"migrate", item_, "--to", disk_->mountPoint(), "--defer", "--json"});
   EXPECT_EQ(second.exitStatus, 0);
   EXPECT_EQ(nlohmann::json::parse(second.standardOutput)[0]["outcome"], "skipped");
+
+  // A record that cannot be written (its folder made immutable) fails the run: the item moved,
+  // but nothing would find it again.
+  const std::string other = internal_->child("home/me/Other");
+  buildSampleTree(other);
+  const std::string recordFolder = disk_->child(".corvane");
+  ASSERT_EQ(system(("chattr +i '" + recordFolder + "'").c_str()), 0);
+  auto unrecorded = runCorvane({"migrate", other, "--to", disk_->mountPoint(), "--defer", "--json"});
+  ASSERT_EQ(system(("chattr -i '" + recordFolder + "'").c_str()), 0);
+  EXPECT_EQ(unrecorded.exitStatus, 1);
+  const auto report = nlohmann::json::parse(unrecorded.standardOutput).at(0);
+  EXPECT_EQ(report.at("outcome"), "migrated");
+  EXPECT_EQ(report.value("recordSaved", true), false);
+  EXPECT_EQ(report.value("message", ""), localized("migration.safety.catalog_failed"));
 }
 
 TEST_F(MigrateCommandTest, FileHeldOpenLeavesTheItemAndNamesTheProgramInTextAndJson) {
@@ -238,13 +252,28 @@ TEST_F(MigrateCommandTest, InterruptRollsBackAndSaysSo) {
 
 TEST(ItemCommandsTest, BackUninstallAndRestoreFromTheCommandLine) {
   CORVANE_TEST_VOLUME(internal, VolumeKind::tmpfs, 128 << 20);
-  CORVANE_TEST_VOLUME(external, VolumeKind::tmpfs, 128 << 20);
+  CORVANE_TEST_VOLUME(external, VolumeKind::ext4, 128 << 20);
   const std::string item = internal->child("home/me/Notes");
   const std::string other = internal->child("home/me/Drafts");
   buildSampleTree(item);
   buildSampleTree(other);
   auto migrated = runCorvane({"migrate", item, other, "--to", external->mountPoint()});
   ASSERT_EQ(migrated.exitStatus, 0) << migrated.standardOutput << migrated.standardError;
+  const std::string copy = external->child("Directories" + item);
+
+  // Checking a migrated item checks its copy, which is what a move-back would take.
+  {
+    auto worker = OccupantProcess::workingIn(copy + "/Contents");
+    auto checked = runCorvane({"check", item, "--json"});
+    EXPECT_EQ(checked.exitStatus, 3) << checked.standardOutput << checked.standardError;
+    const auto report = nlohmann::json::parse(checked.standardOutput).at(0);
+    EXPECT_EQ(report.at("outcome"), "blocked");
+    EXPECT_EQ(report.at("target"), copy);
+    EXPECT_NE(report.at("message").get<std::string>().find(std::to_string(worker.pid())), std::string::npos);
+  }
+  auto idle = runCorvane({"check", item});
+  EXPECT_EQ(idle.exitStatus, 0) << idle.standardOutput << idle.standardError;
+  EXPECT_NE(idle.standardOutput.find(localizedFormat("cli.check.migrated_copy", item, copy)), std::string::npos);
 
   // Back by path: the disk is found above the link's target.
   auto back = runCorvane({"back", item});
@@ -254,16 +283,23 @@ TEST(ItemCommandsTest, BackUninstallAndRestoreFromTheCommandLine) {
   EXPECT_TRUE(MigrationEntry::read(item + "/Contents/Info.plist", AT_FDCWD));
   ASSERT_EQ(AppManager::loadRecords(external->mountPoint()).size(), 1u) << "the other item's record stays";
 
-  // A second move-back finds no record.
+  // A second move-back finds no record, in text and in the report a script reads.
   auto again = runCorvane({"back", "Notes", "--disk", external->mountPoint()});
   EXPECT_EQ(again.exitStatus, 1);
   EXPECT_NE(again.standardError.find(localizedFormat("cli.item.not_found", "Notes")), std::string::npos)
       << again.standardError;
+  again = runCorvane({"back", "Notes", "--disk", external->mountPoint(), "--json"});
+  EXPECT_EQ(again.exitStatus, 1);
+  EXPECT_EQ(nlohmann::json::parse(again.standardOutput).at(0).at("outcome"), "failed") << again.standardOutput;
 
   // A version that does not exist names the versions there are and changes nothing.
   auto restore = runCorvane({"restore", "Drafts", "--version", "20000101_000000", "--disk", external->mountPoint()});
   EXPECT_EQ(restore.exitStatus, 1);
   EXPECT_EQ(MigrationEntry::read(other, AT_FDCWD)->kind, MigrationEntry::Kind::symbolicLink);
+  restore =
+      runCorvane({"restore", "Drafts", "--version", "20000101_000000", "--disk", external->mountPoint(), "--json"});
+  EXPECT_EQ(nlohmann::json::parse(restore.standardOutput).at(0).at("message"),
+            localizedFormat("cli.restore.no_such_version", "20000101_000000", "Drafts"));
 
   // Uninstall deletes only after a confirmation: none without a terminal and without --yes.
   const std::string target = external->child("Directories" + other);
@@ -272,12 +308,29 @@ TEST(ItemCommandsTest, BackUninstallAndRestoreFromTheCommandLine) {
   EXPECT_NE(refused.standardError.find(localized("cli.uninstall.no_terminal")), std::string::npos)
       << refused.standardError;
   EXPECT_TRUE(MigrationEntry::read(target, AT_FDCWD));
-  auto uninstalled = runCorvane({"uninstall", "Drafts", "--disk", external->mountPoint(), "--yes"});
+  auto uninstalled = runCorvane({"uninstall", "Drafts", "--disk", external->mountPoint(), "--yes", "--json"});
   EXPECT_EQ(uninstalled.exitStatus, 0) << uninstalled.standardOutput << uninstalled.standardError;
-  EXPECT_NE(uninstalled.standardOutput.find(localized("log.uninstall_complete")), std::string::npos);
+  const auto report = nlohmann::json::parse(uninstalled.standardOutput).at(0);
+  EXPECT_EQ(report.at("outcome"), "uninstalled");
+  EXPECT_EQ(report.at("target"), target);
   EXPECT_FALSE(MigrationEntry::read(other, AT_FDCWD));
   EXPECT_FALSE(MigrationEntry::read(target, AT_FDCWD));
   EXPECT_TRUE(AppManager::loadRecords(external->mountPoint()).empty());
+
+  // The record file cannot be written (its folder made immutable): the item comes back, and the
+  // record that could not go with it is said in the report and the exit status, not only logged.
+  migrated = runCorvane({"migrate", item, "--to", external->mountPoint()});
+  ASSERT_EQ(migrated.exitStatus, 0) << migrated.standardOutput << migrated.standardError;
+  const std::string records = external->child(".corvane");
+  ASSERT_EQ(system(("chattr +i '" + records + "'").c_str()), 0);
+  back = runCorvane({"back", item, "--json"});
+  ASSERT_EQ(system(("chattr -i '" + records + "'").c_str()), 0);
+  EXPECT_EQ(back.exitStatus, 1) << back.standardOutput << back.standardError;
+  const auto backReport = nlohmann::json::parse(back.standardOutput).at(0);
+  EXPECT_EQ(backReport.at("outcome"), "movedBack");
+  EXPECT_EQ(backReport.value("recordSaved", true), false);
+  EXPECT_EQ(backReport.value("message", ""), localized("migration.safety.catalog_failed"));
+  EXPECT_EQ(MigrationEntry::read(item, AT_FDCWD)->kind, MigrationEntry::Kind::directory);
 }
 
 // A record is read from a disk anyone can write to: one whose target lies off the disk, is
