@@ -1,6 +1,7 @@
 #include "app/localized_cli.h"
 
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -92,6 +93,16 @@ std::string missingArguments(const CLI::App* app) {
   return joined(names);
 }
 
+// The option a parser message is about: the parser puts its name first ("--to: 1 required TEXT
+// missing"); only that name is shown, never the parser's English around it.
+std::optional<std::string> optionNamedIn(const CLI::App* app, const std::string& message) {
+  const std::string name = message.substr(0, message.find(':'));
+  for (const CLI::Option* option : app->get_options()) {
+    if (option->check_name(name)) return name;
+  }
+  return std::nullopt;
+}
+
 std::string describeFailure(const CLI::App* root, const CLI::Error& error) {
   const CLI::App* current = innermostParsed(root);
   std::string problem;
@@ -108,6 +119,9 @@ std::string describeFailure(const CLI::App* root, const CLI::Error& error) {
     }
   } else if (dynamic_cast<const CLI::ExtrasError*>(&error) != nullptr) {
     problem = localizedFormat("cli.error.unexpected_argument", joined(root->remaining(true)));
+  } else if (const auto option = optionNamedIn(current, error.what());
+             option && dynamic_cast<const CLI::ArgumentMismatch*>(&error) != nullptr) {
+    problem = localizedFormat("cli.error.missing_value", *option);
   } else if (dynamic_cast<const CLI::ConversionError*>(&error) != nullptr ||
              dynamic_cast<const CLI::ValidationError*>(&error) != nullptr ||
              dynamic_cast<const CLI::ArgumentMismatch*>(&error) != nullptr) {

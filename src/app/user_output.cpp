@@ -7,6 +7,7 @@
 #include "engine/migration_issue.h"
 #include "platform/posix_error.h"
 #include "settings/localization.h"
+#include "settings/system_error_text.h"
 #include "support/diagnostic_log.h"
 
 namespace corvane {
@@ -27,7 +28,7 @@ std::string failureDescription(const std::exception& failure) {
   logInfo(failure.what());
   if (const auto* issue = dynamic_cast<const MigrationIssue*>(&failure)) return issue->localizedDescription();
   if (const auto* posix = dynamic_cast<const platform::PosixError*>(&failure)) {
-    return localizedFormat("error.system", posix->path(), std::strerror(posix->errnoValue()));
+    return localizedFormat("error.system", posix->path(), localizedSystemError(posix->errnoValue()));
   }
   return localizedFormat("error.unexpected", failure.what());
 }

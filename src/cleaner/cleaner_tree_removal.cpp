@@ -10,6 +10,7 @@
 #include "cleaner/directory_chain.h"
 #include "platform/file_system.h"
 #include "platform/posix_error.h"
+#include "settings/system_error_text.h"
 #include "support/diagnostic_log.h"
 #include "support/paths.h"
 
@@ -258,8 +259,11 @@ CleanFailure failureFromReport(const RemovalReport& report) {
   const auto& first = report.problems.front();
   const bool systemError = first.errnoValue != 0;
   CleanFailure failure;
-  failure.arguments = {first.path, systemError ? std::string(std::strerror(first.errnoValue)) : first.reasonKey};
-  if (!systemError) failure.keyArguments = {1};
+  const auto systemKey = systemError ? systemErrorKey(first.errnoValue) : std::nullopt;
+  failure.arguments = {first.path, !systemError ? first.reasonKey
+                                   : systemKey  ? *systemKey
+                                                : std::string(std::strerror(first.errnoValue))};
+  if (!systemError || systemKey) failure.keyArguments = {1};
   if (report.problemCount == 1) {
     failure.key = "cleaner.error.remove_failed";
   } else {

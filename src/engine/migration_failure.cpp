@@ -8,6 +8,7 @@
 #include "engine/transfer/migration_transfer.h"
 #include "platform/posix_error.h"
 #include "settings/localization.h"
+#include "settings/system_error_text.h"
 #include "support/diagnostic_log.h"
 
 namespace corvane {
@@ -23,7 +24,7 @@ std::string migrationErrorDescription(const std::exception_ptr& failure) {
   } catch (const MigrationIssue& issue) {
     return issue.localizedDescription();
   } catch (const platform::PosixError& error) {
-    return localizedFormat("error.system", error.path(), std::strerror(error.errnoValue()));
+    return localizedFormat("error.system", error.path(), localizedSystemError(error.errnoValue()));
   } catch (const std::exception& error) {
     logWarning(std::string("Migration error: ") + error.what());
   } catch (...) {

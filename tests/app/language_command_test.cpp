@@ -123,6 +123,11 @@ TEST_F(LanguageCommandTest, HelpAndUsageErrorsComeFromTheTables) {
   EXPECT_EQ(missing.standardError, shipped("zh-Hant", "cli.error.missing_argument", {"path"}) + "\n" +
                                        shipped("zh-Hant", "cli.error.see_help", {"corvane scan --help"}) + "\n");
 
+  auto noValue = run({"--lang", "zh-Hans", "migrate", "item", "--to"});
+  EXPECT_EQ(noValue.exitStatus, 64);
+  EXPECT_EQ(noValue.standardError, shipped("zh-Hans", "cli.error.missing_value", {"--to"}) + "\n" +
+                                       shipped("zh-Hans", "cli.error.see_help", {"corvane migrate --help"}) + "\n");
+
   auto unknown = run({"frobnicate"});
   EXPECT_EQ(unknown.exitStatus, 64);
   EXPECT_TRUE(contains(unknown.standardError, shipped("en", "cli.error.unknown_command", {"frobnicate"})))

@@ -129,8 +129,8 @@ TEST_F(MigrateCommandTest, FileHeldOpenLeavesTheItemAndNamesTheProgramInTextAndJ
 
 // Each destination that cannot take the item is refused with its reason, before anything is
 // created: a FAT volume (no links), a path that does not exist, the empty folder an unplugged
-// disk leaves, the item's own volume, an item on the destination disk itself, and an item with
-// another volume mounted inside it.
+// disk leaves, the item's own volume, an item on the destination disk itself, an item with
+// another volume mounted inside it, and an item that is not there at all.
 TEST_F(MigrateCommandTest, UnfitDestinationsAreRefusedWithTheReasonAndNothingIsCreated) {
   auto fat = TestVolume::create(VolumeKind::fat);
   const std::string missing = internal_->child("no/such/disk");
@@ -164,6 +164,7 @@ TEST_F(MigrateCommandTest, UnfitDestinationsAreRefusedWithTheReasonAndNothingIsC
       {item_, sameVolume, "migration.preflight.destination_same_volume", item_},
       {onDisk, disk_->mountPoint(), "migration.preflight.source_on_destination", onDisk},
       {holdingMount, disk_->mountPoint(), "migration.preflight.holds_mount_point", mounted},
+      {internal_->child("home/me/Gone"), disk_->mountPoint(), "error.item_not_found", internal_->child("home/me/Gone")},
   };
   for (const auto& unfit : cases) {
     const auto before = MigrationEntry::read(unfit.item, AT_FDCWD);

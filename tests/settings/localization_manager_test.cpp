@@ -3,6 +3,8 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <cerrno>
+#include <cstring>
 #include <nlohmann/json.hpp>
 #include <set>
 #include <thread>
@@ -11,6 +13,7 @@
 #include "fixtures/temporary_directory.h"
 #include "settings/localization.h"
 #include "settings/localized_string.h"
+#include "settings/system_error_text.h"
 #include "support/localization_test_support.h"
 
 namespace corvane {
@@ -190,6 +193,14 @@ TEST(LocalizedTextFormattingTest, PlaceholdersArePositionalAndMismatchesShowTheT
   const Language before = shared.currentLanguage();
   shared.useLanguageForThisRun(Language::zhHans);
   EXPECT_EQ(localizedWithDetail("migration.preflight.space", "/Volumes/X"), "目标磁盘的可用空间不足：/Volumes/X");
+  // A sentence keeps no full stop before the detail's colon, in either script.
+  EXPECT_EQ(localizedWithDetail("migration.safety.rolled_back", "/x"), "所有更改已撤销，原件保持不变：/x");
+  // What the system said is in the user's language too; uncommon errors keep the library's words.
+  EXPECT_EQ(localizedSystemError(ENOSPC), "磁盘已满");
+  EXPECT_EQ(localizedSystemError(ENOTRECOVERABLE), std::strerror(ENOTRECOVERABLE));
+  shared.useLanguageForThisRun(Language::en);
+  EXPECT_EQ(localizedWithDetail("migration.safety.rolled_back", "/x"),
+            "All changes were undone; the original is untouched: /x");
   shared.useLanguageForThisRun(before);
 }
 

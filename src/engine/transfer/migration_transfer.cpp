@@ -143,7 +143,7 @@ class TransferRun {
   void resolveLocations() {
     const std::string& source = request_.source;
     const std::string& destination = request_.destination;
-    if (!MigrationEntry::read(source, AT_FDCWD)) throw MigrationIssue("error.migration_source_changed", source);
+    if (!MigrationEntry::read(source, AT_FDCWD)) throw MigrationIssue("error.item_not_found", source);
     if (migrating()) {
       MigrationIntegrityVerifier::validateLocations(source, destination);
       if (MigrationEntry::read(destination, AT_FDCWD))
