@@ -15,7 +15,7 @@
 #include "app/user_output.h"
 #include "cleaner/dev_cleaner_manager.h"
 #include "settings/localization.h"
-#include "support/byte_format.h"
+#include "settings/byte_format.h"
 #include "support/main_queue.h"
 
 namespace corvane {

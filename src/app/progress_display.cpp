@@ -5,7 +5,7 @@
 #include <cmath>
 
 #include "settings/localization.h"
-#include "support/byte_format.h"
+#include "settings/byte_format.h"
 #include "support/paths.h"
 
 namespace corvane {

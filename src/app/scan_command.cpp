@@ -7,7 +7,7 @@
 #include "app/user_output.h"
 #include "engine/migration_item_inspector.h"
 #include "settings/localization.h"
-#include "support/byte_format.h"
+#include "settings/byte_format.h"
 
 namespace corvane {
 namespace {

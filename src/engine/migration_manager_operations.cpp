@@ -91,6 +91,16 @@ bool MigrationManager::startItemOperation(const MigratedApp& app, const std::vec
             return OperationResult{OperationResult::Kind::failed, issue.localizedDescription()};
           }
         }
+        // Another process moving back, restoring or uninstalling the same item.
+        platform::UniqueFd claim;
+        if (onDisk) {
+          try {
+            MigrationFileSafety::claimItem(item.target, claim);
+          } catch (const MigrationIssue& issue) {
+            appendItemLog(item.name, issue.key(), {issue.detail()});
+            return OperationResult{OperationResult::Kind::failed, issue.localizedDescription()};
+          }
+        }
         const std::string& cancelledKey = keys.cancelled;
         if (onDisk && !closeRunningProgramsOf(item.target, item.name)) {
           appendItemLog(item.name, cancelledKey, {});

@@ -233,6 +233,26 @@ TEST_F(MigrateCommandTest, KilledMidCopyLeavesTheSourceAndDoesNotConfuseTheNextR
   EXPECT_EQ(readFile(item_ + "/large.bin").size(), static_cast<std::size_t>(96 << 20));
 }
 
+// A second command on an item another one is moving is told so and touches nothing; the first
+// finishes as if alone. (The first is stopped mid-copy so the second surely meets it.)
+TEST_F(MigrateCommandTest, ASecondRunOnTheSameItemIsToldItIsBusy) {
+  auto first = startLargeMigration();
+  ASSERT_EQ(::kill(first.pid(), SIGSTOP), 0);
+  auto second = runCorvane({"migrate", item_, "--to", disk_->mountPoint(), "--defer", "--json"});
+  ASSERT_EQ(::kill(first.pid(), SIGCONT), 0);
+  EXPECT_EQ(second.exitStatus, 1) << second.standardOutput << second.standardError;
+  const auto report = nlohmann::json::parse(second.standardOutput).at(0);
+  EXPECT_EQ(report.value("message", ""), localizedFormat("migration.transfer.item_busy", item_));
+  EXPECT_EQ(stagingDirectories(parent()).size(), 1u) << "only the first one's";
+
+  const auto exit = first.waitFor(std::chrono::seconds(120));
+  ASSERT_TRUE(exit);
+  EXPECT_EQ(exit->exitCode, 0);
+  EXPECT_EQ(MigrationEntry::read(item_, AT_FDCWD)->kind, MigrationEntry::Kind::symbolicLink);
+  EXPECT_EQ(AppManager::loadRecords(disk_->mountPoint()).size(), 1u);
+  EXPECT_TRUE(stagingDirectories(parent()).empty());
+}
+
 TEST_F(MigrateCommandTest, InterruptRollsBackAndSaysSo) {
   auto child = startLargeMigration();
   ::kill(child.pid(), SIGINT);

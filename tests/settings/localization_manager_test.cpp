@@ -11,6 +11,7 @@
 
 #include "fixtures/sample_tree.h"
 #include "fixtures/temporary_directory.h"
+#include "settings/byte_format.h"
 #include "settings/localization.h"
 #include "settings/localized_string.h"
 #include "settings/system_error_text.h"
@@ -198,6 +199,8 @@ TEST(LocalizedTextFormattingTest, PlaceholdersArePositionalAndMismatchesShowTheT
   // What the system said is in the user's language too; uncommon errors keep the library's words.
   EXPECT_EQ(localizedSystemError(ENOSPC), "磁盘已满");
   EXPECT_EQ(localizedSystemError(ENOTRECOVERABLE), std::strerror(ENOTRECOVERABLE));
+  EXPECT_EQ(formatByteCount(12), "12 字节");
+  EXPECT_EQ(formatByteCount(1'500'000), "1.50 MB");
   shared.useLanguageForThisRun(Language::en);
   EXPECT_EQ(localizedWithDetail("migration.safety.rolled_back", "/x"),
             "All changes were undone; the original is untouched: /x");

@@ -3,6 +3,7 @@
 #include <fcntl.h>
 
 #include "engine/migration_issue.h"
+#include "platform/item_lock.h"
 #include "support/paths.h"
 
 namespace corvane {
@@ -40,6 +41,12 @@ std::string MigrationFileSafety::requireInsideDisk(const std::string& path, cons
     if (throughRealFolders) return root;
   }
   throw MigrationIssue(refusal, item);
+}
+
+void MigrationFileSafety::claimItem(const std::string& path, platform::UniqueFd& holder) {
+  if (platform::lockItem(path, holder) == platform::ItemLockOutcome::busy) {
+    throw MigrationIssue("migration.transfer.item_busy", path);
+  }
 }
 
 }  // namespace corvane

@@ -1,5 +1,6 @@
 // Checks made before this program acts on what a record names: a link it installed must still
-// be that link, pointing where it did, and an item on an external disk must really lie on it.
+// be that link, pointing where it did, an item on an external disk must really lie on it, and no
+// other operation may be working on the item.
 #pragma once
 
 #include <optional>
@@ -7,6 +8,7 @@
 #include <vector>
 
 #include "engine/manifest/migration_entry.h"
+#include "platform/unique_fd.h"
 
 namespace corvane {
 
@@ -26,6 +28,10 @@ class MigrationFileSafety {
   // the path) otherwise. The same holds for a support file inside the home folder.
   static std::string requireInsideDisk(const std::string& path, const std::vector<std::string>& disks,
                                        const std::string& refusal = "migration.safety.outside_disk");
+
+  // Claims the item at `path` for this operation until `holder` is closed. Another operation,
+  // in this process or another, that holds it gives "migration.transfer.item_busy".
+  static void claimItem(const std::string& path, platform::UniqueFd& holder);
 };
 
 }  // namespace corvane

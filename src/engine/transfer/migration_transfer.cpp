@@ -144,6 +144,8 @@ class TransferRun {
     const std::string& source = request_.source;
     const std::string& destination = request_.destination;
     if (!MigrationEntry::read(source, AT_FDCWD)) throw MigrationIssue("error.item_not_found", source);
+    // A move-back's copy was claimed by the operation that runs it.
+    if (migrating()) MigrationFileSafety::claimItem(source, itemClaim_);
     if (migrating()) {
       MigrationIntegrityVerifier::validateLocations(source, destination);
       if (MigrationEntry::read(destination, AT_FDCWD))
@@ -377,6 +379,7 @@ class TransferRun {
   MigrationProgressTracker& tracker_;
   const std::string& name_;
   MigrationDestinationTransaction transaction_;
+  platform::UniqueFd itemClaim_;
   std::optional<DestinationReservation> reservation_;
   std::string parent_;
   MigrationEntry parentEntry_;

@@ -1,12 +1,16 @@
-#include "support/byte_format.h"
+#include "settings/byte_format.h"
 
 #include <fmt/format.h>
+
+#include "settings/localization.h"
 
 namespace corvane {
 
 std::string formatByteCount(std::int64_t bytes) {
-  static constexpr const char* kUnits[] = {"bytes", "KB", "MB", "GB", "TB", "PB"};
-  if (bytes < 1000) return fmt::format("{} {}", bytes, bytes == 1 ? "byte" : kUnits[0]);
+  static constexpr const char* kUnits[] = {"", "KB", "MB", "GB", "TB", "PB"};
+  // The unit symbols read alike in every language; the word for bytes does not.
+  if (bytes < 1000)
+    return formatLocalizedText(localized(bytes == 1 ? "unit.byte" : "unit.bytes"), {std::to_string(bytes)});
   double value = static_cast<double>(bytes);
   int unit = 0;
   while (value >= 1000 && unit < 5) {

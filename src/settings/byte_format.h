@@ -1,4 +1,4 @@
-// Byte counts and durations for people: "1.5 GB", "2 min 5 s".
+// Byte counts for people, in the current language: "1.5 GB", "12 bytes".
 #pragma once
 
 #include <cstdint>
