@@ -4,6 +4,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "settings/localization.h"
@@ -103,6 +104,15 @@ std::optional<std::string> optionNamedIn(const CLI::App* app, const std::string&
   return std::nullopt;
 }
 
+// The option and the value of a value the parser could not convert ("Could not convert:
+// --json = abc").
+std::optional<std::pair<std::string, std::string>> convertedValue(const std::string& message) {
+  const auto colon = message.find(": ");
+  const auto equals = message.find(" = ", colon == std::string::npos ? 0 : colon);
+  if (colon == std::string::npos || equals == std::string::npos) return std::nullopt;
+  return std::make_pair(message.substr(colon + 2, equals - colon - 2), message.substr(equals + 3));
+}
+
 std::string describeFailure(const CLI::App* root, const CLI::Error& error) {
   const CLI::App* current = innermostParsed(root);
   std::string problem;
@@ -121,7 +131,11 @@ std::string describeFailure(const CLI::App* root, const CLI::Error& error) {
     problem = localizedFormat("cli.error.unexpected_argument", joined(root->remaining(true)));
   } else if (const auto option = optionNamedIn(current, error.what());
              option && dynamic_cast<const CLI::ArgumentMismatch*>(&error) != nullptr) {
-    problem = localizedFormat("cli.error.missing_value", *option);
+    const bool tooMany = std::string_view(error.what()).find("At Most") != std::string_view::npos;
+    problem = localizedFormat(tooMany ? "cli.error.given_twice" : "cli.error.missing_value", *option);
+  } else if (const auto given = convertedValue(error.what());
+             given && dynamic_cast<const CLI::ConversionError*>(&error) != nullptr) {
+    problem = localizedFormat("cli.error.bad_value", given->first, given->second);
   } else if (dynamic_cast<const CLI::ConversionError*>(&error) != nullptr ||
              dynamic_cast<const CLI::ValidationError*>(&error) != nullptr ||
              dynamic_cast<const CLI::ArgumentMismatch*>(&error) != nullptr) {

@@ -128,6 +128,14 @@ TEST_F(LanguageCommandTest, HelpAndUsageErrorsComeFromTheTables) {
   EXPECT_EQ(noValue.standardError, shipped("zh-Hans", "cli.error.missing_value", {"--to"}) + "\n" +
                                        shipped("zh-Hans", "cli.error.see_help", {"corvane migrate --help"}) + "\n");
 
+  // Neither a repeated option nor a value a flag cannot take shows the parser's English.
+  auto twice = run({"--lang", "zh-Hant", "migrate", "item", "--to", "a", "--to", "b"});
+  EXPECT_TRUE(contains(twice.standardError, shipped("zh-Hant", "cli.error.given_twice", {"--to"})))
+      << twice.standardError;
+  auto flagValue = run({"--lang", "zh-Hant", "migrate", "item", "--to", "a", "--json=abc"});
+  EXPECT_TRUE(contains(flagValue.standardError, shipped("zh-Hant", "cli.error.bad_value", {"--json", "abc"})))
+      << flagValue.standardError;
+
   auto unknown = run({"frobnicate"});
   EXPECT_EQ(unknown.exitStatus, 64);
   EXPECT_TRUE(contains(unknown.standardError, shipped("en", "cli.error.unknown_command", {"frobnicate"})))
