@@ -2,7 +2,11 @@
 
 #include <fcntl.h>
 
+#include "catalogue/app_manager.h"
+#include "catalogue/transfer_staging_name.h"
 #include "engine/migration_issue.h"
+#include "platform/directory_names.h"
+#include "platform/no_follow_open.h"
 #include "support/paths.h"
 
 namespace corvane {
@@ -40,6 +44,32 @@ std::string MigrationFileSafety::requireInsideDisk(const std::string& path, cons
     if (throughRealFolders) return root;
   }
   throw MigrationIssue(refusal, item);
+}
+
+void MigrationFileSafety::requireDefinitePath(const std::string& path) {
+  bool definite = !path.empty() && path.front() == '/';
+  for (const auto& component : pathComponents(path)) definite = definite && component != "." && component != "..";
+  if (!definite) throw MigrationIssue("migration.safety.indefinite_path", path);
+}
+
+void MigrationFileSafety::requireNoOtherItemInside(const std::string& target, const std::string& disk,
+                                                   const std::string& ownId) {
+  const std::string item = standardizePath(target);
+  const std::string root = standardizePath(disk);
+  for (const auto& other : AppManager::loadRecords(root)) {
+    const std::string otherTarget = standardizePath(other.targetPath);
+    if (other.id != ownId && otherTarget != item && isSameOrDescendant(otherTarget, item))
+      throw MigrationIssue("migration.safety.holds_other_items", item);
+  }
+  if (isSameOrDescendant(item, root)) {
+    for (const auto& component : pathComponents(std::string_view(item).substr(root.size())))
+      if (isTransferStagingName(component)) throw MigrationIssue("migration.safety.holds_transfer", item);
+  }
+  const auto entry = MigrationEntry::read(item, AT_FDCWD);
+  if (!entry || entry->kind != MigrationEntry::Kind::directory) return;
+  const platform::UniqueFd folder = platform::openDirectoryNoFollow(item);
+  if (platform::findFolderBelow(folder.get(), item, isTransferStagingName))
+    throw MigrationIssue("migration.safety.holds_transfer", item);
 }
 
 }  // namespace corvane
