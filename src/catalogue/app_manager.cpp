@@ -13,6 +13,7 @@
 #include "catalogue/migrated_apps_file.h"
 #include "catalogue/migrated_apps_file_format.h"
 #include "catalogue/migrated_backup_catalog.h"
+#include "catalogue/transfer_staging_name.h"
 #include "platform/file_system.h"
 #include "platform/posix_error.h"
 #include "support/diagnostic_log.h"
@@ -22,7 +23,6 @@
 namespace corvane {
 namespace {
 
-constexpr std::string_view kStagingPrefix = ".corvane-transfer-";
 // The mirrored tree below Directories is never deeper than a path on the internal disk.
 constexpr int kMaximumDirectoryDepth = 64;
 
@@ -97,6 +97,39 @@ MigratedApp scannedRecord(std::string name, std::string originalPath, std::strin
   return app;
 }
 
+struct FolderContents {
+  // Nothing but folders (hidden entries aside): a folder of the mirrored tree that only leads to
+  // migrated items. Such a folder is never taken for an item itself unless its link proves it,
+  // so that a guessed record never names a folder holding other items' copies.
+  bool onlyFolders = false;
+  // A transfer builds an item in it right now, or was interrupted there: the folder is the
+  // parent of an item, never one, and taking it for one would hand the transfer's copy to
+  // whatever is done with the guess.
+  bool holdsTransfer = false;
+};
+
+FolderContents folderContents(const std::string& folder) {
+  FolderContents contents;
+  bool sawFolder = false;
+  bool sawOther = false;
+  for (const auto& entry : listDirectory(folder)) {
+    if (entry.isDirectory && isTransferStagingName(entry.name)) contents.holdsTransfer = true;
+    if (entry.name.front() == '.') continue;
+    (entry.isDirectory ? sawFolder : sawOther) = true;
+  }
+  contents.onlyFolders = sawFolder && !sawOther;
+  return contents;
+}
+
+// A bundle that cannot be listed is still guessed to be an item, as an unlistable folder is.
+bool holdsTransfer(const std::string& folder) {
+  try {
+    return folderContents(folder).holdsTransfer;
+  } catch (const std::exception&) {
+    return false;
+  }
+}
+
 std::vector<MigratedApp> scanApplications(const std::string& folder) {
   std::vector<MigratedApp> apps;
   try {
@@ -104,6 +137,10 @@ std::vector<MigratedApp> scanApplications(const std::string& folder) {
       const auto dot = entry.name.find_last_of('.');
       if (dot == std::string::npos || dot == 0 || entry.name.substr(dot + 1) != "app") continue;
       if (isBackupName(entry.name.substr(0, dot))) continue;
+      if (holdsTransfer(joinPath(folder, entry.name))) {
+        logWarning(fmt::format("⚠️ 跳过含有未完成传输的文件夹: {}", joinPath(folder, entry.name)));
+        continue;
+      }
       apps.push_back(scannedRecord(entry.name, "/Applications/" + entry.name, joinPath(folder, entry.name),
                                    MigratedItemType::application));
     }
@@ -120,37 +157,28 @@ bool isProvenItem(const std::string& folder, const std::string& originalPath) {
   return standardizePath(resolvingSymlinksInPath(originalPath)) == standardizePath(resolvingSymlinksInPath(folder));
 }
 
-// A folder of the mirrored tree that only leads to migrated items: it holds nothing but folders
-// (hidden entries aside). Such a folder is never taken for an item itself unless its link
-// proves it, so that a guessed record never names a folder holding other items' copies.
-bool isIntermediateFolder(const std::string& folder) {
-  bool sawFolder = false;
-  for (const auto& entry : listDirectory(folder)) {
-    if (entry.name.front() == '.') continue;
-    if (!entry.isDirectory) return false;
-    sawFolder = true;
-  }
-  return sawFolder;
-}
-
 void scanMirroredFolder(const std::string& root, const std::string& relative, int depth,
                         std::vector<MigratedApp>& apps) {
   const std::string folder = relative.empty() ? root : joinPath(root, relative);
   for (const auto& entry : listDirectory(folder)) {
     if (!entry.isDirectory) continue;
-    if (entry.name.compare(0, kStagingPrefix.size(), kStagingPrefix) == 0) continue;
+    if (isTransferStagingName(entry.name)) continue;
     if (isBackupName(entry.name)) continue;
     const std::string childRelative = relative.empty() ? entry.name : joinPath(relative, entry.name);
     const std::string target = joinPath(root, childRelative);
     const std::string original = "/" + childRelative;
-    bool descend = false;
+    bool proven = false;
+    FolderContents contents;
     try {
-      descend = depth < kMaximumDirectoryDepth && !isProvenItem(target, original) && isIntermediateFolder(target);
+      proven = isProvenItem(target, original);
+      contents = folderContents(target);
     } catch (const std::exception& error) {
       logWarning(fmt::format("⚠️ 扫描 Directories 目录失败: {}", error.what()));
     }
-    if (descend) {
+    if (depth < kMaximumDirectoryDepth && !proven && contents.onlyFolders) {
       scanMirroredFolder(root, childRelative, depth + 1, apps);
+    } else if (contents.holdsTransfer) {
+      logWarning(fmt::format("⚠️ 跳过含有未完成传输的文件夹: {}", target));
     } else {
       apps.push_back(scannedRecord(entry.name, original, target, MigratedItemType::directory));
     }

@@ -9,7 +9,7 @@ namespace corvane {
 
 struct BackupRecord {
   std::string id;            // canonical upper-case UUID
-  std::string backupPath;    // absolute and standardized (no ".", "..", trailing slash)
+  std::string backupPath;    // standardized (no ".", "..", trailing slash) once reconciled
   ReferenceDate backupDate;  // taken from the copy's name
   bool exists = false;       // something stood at backupPath when last reconciled
 

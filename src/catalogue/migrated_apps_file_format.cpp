@@ -6,7 +6,6 @@
 #include <nlohmann/json.hpp>
 
 #include "catalogue/sorted_pretty_json.h"
-#include "support/paths.h"
 #include "support/uuid.h"
 
 namespace corvane {
@@ -60,15 +59,12 @@ const Json& requireArray(const Json& object, const char* key, const std::string&
   return value;
 }
 
-// A path that later steps may delete or replace must name one definite place: absolute, no
-// "." or ".." components that would make it climb, no NUL, and of a length a system accepts.
+// A path is read as it stands, relative or climbing through "..": the macOS program reads it so,
+// and whatever acts on a path checks it there. Only a text no system can take as a path is
+// refused: with a NUL the system would see a shorter path, naming another place.
 void requireUsablePath(const std::string& path, const std::string& field, const std::string& where) {
-  if (path.empty() || path.front() != '/') fail(where, "\"" + field + "\" is not an absolute path");
   if (path.size() > MigratedAppsFileFormat::kMaximumPathLength) fail(where, "\"" + field + "\" is too long");
   if (path.find('\0') != std::string::npos) fail(where, "\"" + field + "\" contains a NUL character");
-  for (const auto& component : pathComponents(path)) {
-    if (component == "." || component == "..") fail(where, "\"" + field + "\" contains a \".\" or \"..\" component");
-  }
 }
 
 std::string requirePath(const Json& object, const char* key, const std::string& where) {
@@ -96,8 +92,7 @@ MigratedApp decodeApp(const Json& value, const std::string& where) {
     fail(where, "\"appName\" is not a usable name");
   app.originalPath = requirePath(value, "originalPath", where);
   app.targetPath = requirePath(value, "targetPath", where);
-  app.rollbackScriptPath = requireString(value, "rollbackScriptPath", where);
-  if (!app.rollbackScriptPath.empty()) requireUsablePath(app.rollbackScriptPath, "rollbackScriptPath", where);
+  app.rollbackScriptPath = requirePath(value, "rollbackScriptPath", where);
   app.migratedDate = requireDate(value, "migratedDate", where);
   const Json& supportFiles = requireArray(value, "supportFiles", where);
   for (std::size_t index = 0; index < supportFiles.size(); ++index) {

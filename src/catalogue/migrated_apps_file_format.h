@@ -1,7 +1,9 @@
 // The encoding of migrated_apps.json, shared byte for byte with the macOS program: an array of
 // record objects with sorted keys, upper-case UUIDs and dates as seconds since 2001-01-01 UTC.
-// Reading is strict: one missing key, null, wrong type or unusable path makes the whole file
+// Reading is strict about shape: one missing key, null or wrong type makes the whole file
 // unreadable, so the caller falls back to another source instead of acting on half a record.
+// Paths are read as written (they may be relative or hold "." and ".."): what acts on them
+// checks them.
 #pragma once
 
 #include <cstddef>

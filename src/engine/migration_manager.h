@@ -97,7 +97,9 @@ class MigrationManager {
   // is refused at once (the log says why); `completion` runs on the owner thread at the end.
   // The record's target must lie on the disk given (`currentDisk`, `disk`, one of
   // `externalDisks`): without that, moving back and restoring fail before anything is touched
-  // or any program is asked to quit, and uninstalling closes no program.
+  // or any program is asked to quit, and uninstalling closes no program. A record whose paths
+  // are relative or hold "." or "..", or whose target holds another record's target or a
+  // transfer's staging folder, fails all three the same way.
   struct OperationResult {
     enum class Kind { succeeded, failed, deferred, cancelled, refused };
     Kind kind = Kind::failed;
@@ -138,9 +140,10 @@ class MigrationManager {
   };
   // What every operation on a migrated item goes through: admission (refused during a batch,
   // during another operation on the item and while an update installs; otherwise the item
-  // counts as moving until the work has finished), then in the background the check that the
-  // record's target lies on one of `disks`, the question about programs running inside that
-  // verified target (never elsewhere), then `perform`. `completion` runs on the owner thread.
+  // counts as moving until the work has finished), then in the background the checks on what
+  // the record names (definite paths, the target on one of `disks` and holding no other item),
+  // the question about programs running inside that verified target (never elsewhere), then
+  // `perform`. `completion` runs on the owner thread.
   bool startItemOperation(const MigratedApp& app, const std::vector<std::string>& disks, const ItemOperationKeys& keys,
                           std::function<OperationResult(const ItemOperation&)> perform, OperationCompletion completion);
   OperationResult performMigrateBack(const MigratedApp& app, const ItemOperation& item,

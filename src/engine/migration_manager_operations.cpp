@@ -75,21 +75,26 @@ bool MigrationManager::startItemOperation(const MigratedApp& app, const std::vec
   migratingBackItems_.insert(item.original);
   notify();
   runInBackground(
-      [this, item, disks, keys, perform = std::move(perform)] {
+      [this, item, disks, keys, id = app.id, paths = std::vector{app.originalPath, app.targetPath},
+       perform = std::move(perform)] {
         // Whatever happens, a software update waiting for this operation may go on afterwards.
         struct EndOperation {
           ~EndOperation() { UpdateActivity::shared().endAfterPendingWrites(); }
         } end;
         // A record naming "/" must not make every program on the machine a candidate for closing.
-        bool onDisk = true;
+        bool onDisk = false;
         try {
-          MigrationFileSafety::requireInsideDisk(item.target, disks);
-        } catch (const MigrationIssue& issue) {
-          onDisk = false;
-          if (keys.needsTargetOnDisk) {
-            appendItemLog(item.name, issue.key(), {issue.detail()});
-            return OperationResult{OperationResult::Kind::failed, issue.localizedDescription()};
+          for (const auto& path : paths) MigrationFileSafety::requireDefinitePath(path);
+          try {
+            const std::string disk = MigrationFileSafety::requireInsideDisk(item.target, disks);
+            onDisk = true;
+            MigrationFileSafety::requireNoOtherItemInside(item.target, disk, id);
+          } catch (const MigrationIssue&) {
+            if (onDisk || keys.needsTargetOnDisk) throw;
           }
+        } catch (const MigrationIssue& issue) {
+          appendItemLog(item.name, issue.key(), {issue.detail()});
+          return OperationResult{OperationResult::Kind::failed, issue.localizedDescription()};
         }
         // Another process moving back, restoring or uninstalling the same item.
         platform::UniqueFd claim;

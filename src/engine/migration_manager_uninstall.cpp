@@ -17,20 +17,6 @@
 #include "support/paths.h"
 
 namespace corvane {
-namespace {
-
-// A record is read from a disk anyone can write to. The copy it names goes only when no other
-// record's copy lies inside it: a damaged record naming a folder of several items must not take
-// them all.
-void requireNoOtherItemInside(const std::string& target, const MigratedApp& app, const std::string& disk) {
-  for (const auto& other : AppManager::loadRecords(disk)) {
-    const std::string otherTarget = standardizePath(other.targetPath);
-    if (other.id != app.id && otherTarget != target && isSameOrDescendant(otherTarget, target))
-      throw MigrationIssue("migration.safety.holds_other_items", target);
-  }
-}
-
-}  // namespace
 
 bool MigrationManager::uninstallApp(const MigratedApp& app, const std::vector<std::string>& externalDisks,
                                     OperationCompletion completion) {
@@ -51,14 +37,25 @@ MigrationManager::OperationResult MigrationManager::performUninstall(const Migra
   appendItemLog(name, "log.uninstall_start", {});
   appendItemLog(name, "log.uninstall_progress", {});
 
-  // 1. The link at the original location.
-  const auto standing = MigrationEntry::read(original, AT_FDCWD);
   // What the record names is acted on only when its copy lies on one of the disks.
   std::optional<std::string> disk;
   try {
     disk = MigrationFileSafety::requireInsideDisk(target, externalDisks);
   } catch (const MigrationIssue&) {
   }
+  // Checked when the operation began; again now, since a transfer may have begun inside the
+  // copy while the user was asked about the programs running from it.
+  if (disk) {
+    try {
+      MigrationFileSafety::requireNoOtherItemInside(target, *disk, app.id);
+    } catch (const MigrationIssue& issue) {
+      appendItemLog(name, issue.key(), {issue.detail()});
+      return OperationResult{OperationResult::Kind::failed, issue.localizedDescription()};
+    }
+  }
+
+  // 1. The link at the original location.
+  const auto standing = MigrationEntry::read(original, AT_FDCWD);
   if (disk && AppManager::isAppSymlink(app)) {
     try {
       // Still the same link object when it goes.
@@ -83,7 +80,6 @@ MigrationManager::OperationResult MigrationManager::performUninstall(const Migra
   // 2. The copy on the external disk.
   try {
     if (!disk) throw MigrationIssue("migration.safety.outside_disk", target);
-    requireNoOtherItemInside(target, app, *disk);
     if (MigrationEntry::read(target, AT_FDCWD)) {
       platform::removeTreeBelow(*disk, target);
       appendItemLog(name, "log.uninstall_app_deleted", {target});
@@ -103,6 +99,7 @@ MigrationManager::OperationResult MigrationManager::performUninstall(const Migra
   for (const auto& supportFile : app.supportFiles) {
     const std::string path = standardizePath(supportFile);
     try {
+      MigrationFileSafety::requireDefinitePath(supportFile);
       MigrationFileSafety::requireInsideDisk(path, {home}, "migration.safety.outside_home");
       platform::removeTreeBelow(home, path);
       appendItemLog(name, "log.uninstall_support_deleted", {path});

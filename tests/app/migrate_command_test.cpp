@@ -226,6 +226,28 @@ TEST_F(MigrateCommandTest, KilledMidCopyLeavesTheSourceAndDoesNotConfuseTheNextR
   EXPECT_EQ(MigrationEntry::read(item_, AT_FDCWD)->kind, MigrationEntry::Kind::directory);
   EXPECT_EQ(readFile(item_ + "/Contents/Info.plist"), "<plist>sample</plist>\n");
 
+  // The folder holding the leftover staging directory is no item: the list rebuilt from the
+  // disk's folders does not offer it, and a record naming it is refused with the reason.
+  auto listed = runCorvane({"list", "--disk", disk_->mountPoint(), "--json"});
+  EXPECT_EQ(listed.exitStatus, 0) << listed.standardError;
+  EXPECT_EQ(nlohmann::json::parse(listed.standardOutput), nlohmann::json::array()) << listed.standardOutput;
+  MigratedApp record;
+  record.id = makeUuidString();
+  record.appName = "me";
+  record.originalPath = internal_->child("elsewhere/me");
+  record.targetPath = parent();
+  record.migratedDate = ReferenceDate::now();
+  const std::string recordFile = AppManager::getMigratedAppsFilePath(disk_->mountPoint());
+  AppManager::writeMigratedApps({record}, recordFile);
+  auto uninstall = runCorvane({"uninstall", "me", "--disk", disk_->mountPoint(), "--yes"});
+  EXPECT_EQ(uninstall.exitStatus, 1);
+  EXPECT_NE((uninstall.standardOutput + uninstall.standardError)
+                .find(localizedFormat("migration.safety.holds_transfer", parent())),
+            std::string::npos)
+      << uninstall.standardOutput << uninstall.standardError;
+  EXPECT_EQ(stagingDirectories(parent()).size(), 1u);
+  std::filesystem::remove(recordFile);
+
   // The next run ignores the leftover staging directory and completes.
   auto again = runCorvane({"migrate", item_, "--to", disk_->mountPoint(), "--defer"});
   EXPECT_EQ(again.exitStatus, 0) << again.standardError;

@@ -44,6 +44,18 @@ TEST_F(DiskScanTest, RebuildsOneRecordPerMigratedBundleAndFolder) {
   makeDirectories(mirrored(home_.child("Music")));
   writeFile(mirrored(home_.child("Music")) + "/song.mp3", "la");
   makeDirectories(mirrored(home_.path()) + "/.corvane-transfer-" + makeUuidString() + "/Half");
+  // Transfers under way: the folder they build an item in is no item, in whatever it holds
+  // beside them; the folders beside a transfer may be.
+  const std::string staging = "/.corvane-transfer-" + makeUuidString();
+  writeFile(mirrored(home_.child("Incoming")) + staging + "/Project/a.txt", "a");
+  writeFile(mirrored(home_.child("Shared")) + staging + "/Project/a.txt", "a");
+  writeFile(mirrored(home_.child("Shared/Docs")) + "/b.txt", "b");
+  ASSERT_EQ(::symlink(mirrored(home_.child("Linked")).c_str(), home_.child("Linked").c_str()), 0);
+  writeFile(mirrored(home_.child("Linked")) + staging + "/Project/a.txt", "a");
+  writeFile(mirrored(home_.child("Mixed")) + staging + "/Project/a.txt", "a");
+  writeFile(mirrored(home_.child("Mixed")) + "/c.txt", "c");
+  makeBundle(disk_.child("Applications/Odd.app"), "1", PropertyListForm::xml);
+  makeDirectories(disk_.child("Applications/Odd.app") + staging);
   // A folder from a machine that has no such place: catalogued where it stands.
   makeDirectories(disk_.child("Directories/elsewhere-" + makeUuidString()) + "/Data");
   makeDirectories(disk_.child("Directories/.corvane-transfer-" + makeUuidString()));
@@ -53,7 +65,7 @@ TEST_F(DiskScanTest, RebuildsOneRecordPerMigratedBundleAndFolder) {
   const auto apps = AppManager::scannedRecords(disk_.path());
   std::map<std::string, MigratedApp> byOriginal;
   for (const auto& app : apps) byOriginal.emplace(app.originalPath, app);
-  ASSERT_EQ(apps.size(), 6u) << ::testing::PrintToString([&] {
+  ASSERT_EQ(apps.size(), 7u) << ::testing::PrintToString([&] {
     std::vector<std::string> originals;
     for (const auto& app : apps) originals.push_back(app.originalPath);
     return originals;
@@ -75,6 +87,10 @@ TEST_F(DiskScanTest, RebuildsOneRecordPerMigratedBundleAndFolder) {
   EXPECT_EQ(found.targetPath, mirrored(projects));
   EXPECT_EQ(found.itemType, MigratedItemType::directory);
   EXPECT_EQ(byOriginal.count(home_.child("Music")), 1u);
+  EXPECT_EQ(byOriginal.count(home_.child("Shared/Docs")), 1u);
+  for (const char* holder : {"Incoming", "Shared", "Linked", "Mixed"})
+    EXPECT_EQ(byOriginal.count(home_.child(holder)), 0u) << holder;
+  EXPECT_EQ(byOriginal.count("/Applications/Odd.app"), 0u);
   EXPECT_EQ(std::count_if(apps.begin(), apps.end(),
                           [](const MigratedApp& app) { return app.originalPath.rfind("/elsewhere-", 0) == 0; }),
             1);

@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <string>
 #include <vector>
 
@@ -162,26 +163,50 @@ TEST(RecordFileFormatTest, AnyMissingKeyNullOrWrongTypeMakesTheWholeFileUnreadab
   EXPECT_THROW(MigratedAppsFileFormat::decode("[ 1 ]"), MigratedAppsFormatError);
 }
 
-TEST(RecordFileFormatTest, PathsThatNameNoDefinitePlaceAreRefused) {
+// Relative and climbing paths are read as written, as the macOS program reads them: a file
+// holding one stays readable, and what acts on a path refuses it there. Only a text that no
+// system takes as a path makes the file unreadable.
+TEST(RecordFileFormatTest, PathsAreReadAsWrittenUnlessNoSystemCouldTakeThem) {
   const std::string original = "\"originalPath\" : \"\\/Applications\\/微信.app\"";
   const std::string target = "\"targetPath\" : \"\\/Volumes\\/Disk\\/Applications\\/微信.app\"";
   const std::string backup = "\"backupPath\" : \"\\/Volumes\\/Disk\\/Applications\\/微信_backup_20240101_000000.app\"";
   const std::string support = "\"\\/Users\\/a\\/Library\\/Caches\\/com.example\"";
-  const std::vector<std::pair<std::string, std::string>> hostile = {
-      {original, "\"originalPath\" : \"Applications\\/微信.app\""},
-      {original, "\"originalPath\" : \"\""},
-      {original, "\"originalPath\" : \"\\/Applications\\/..\\/..\\/etc\""},
-      {target, "\"targetPath\" : \"\\/Volumes\\/Disk\\/..\\/..\\/\""},
-      {target, "\"targetPath\" : \"\\/Volumes\\/Disk\\/.\\/Applications\""},
+  const std::string rollback = "\"rollbackScriptPath\" : \"\\/Volumes\\/Disk\\/.corvane\\/rollback.sh\"";
+  struct Readable {
+    std::string from, to, value;
+  };
+  const std::vector<Readable> readable = {
+      {original, "\"originalPath\" : \"Applications\\/微信.app\"", "Applications/微信.app"},
+      {original, "\"originalPath\" : \"\"", ""},
+      {original, "\"originalPath\" : \"\\/Applications\\/..\\/..\\/etc\"", "/Applications/../../etc"},
+      {target, "\"targetPath\" : \"\\/Volumes\\/Disk\\/..\\/..\\/\"", "/Volumes/Disk/../../"},
+      {target, "\"targetPath\" : \"\\/Volumes\\/Disk\\/.\\/Applications\"", "/Volumes/Disk/./Applications"},
+      {backup, "\"backupPath\" : \"..\\/x\"", "../x"},
+      {support, "\"~\\/Library\"", "~/Library"},
+      {support, "\"\\/Users\\/a\\/..\"", "/Users/a/.."},
+      {rollback, "\"rollbackScriptPath\" : \"rollback.sh\"", "rollback.sh"},
+      {rollback, "\"rollbackScriptPath\" : \"\\/Volumes\\/Disk\\/..\\/rollback.sh\"", "/Volumes/Disk/../rollback.sh"},
+  };
+  for (const auto& [from, to, value] : readable) {
+    SCOPED_TRACE(to);
+    const std::string file = fixtureWith(from, to);
+    std::vector<MigratedApp> apps;
+    ASSERT_NO_THROW(apps = MigratedAppsFileFormat::decode(file));
+    const std::vector<std::string> read = {apps[0].originalPath, apps[0].targetPath,
+                                           apps[0].backupVersions[0].backupPath, apps[1].supportFiles[1],
+                                           apps[1].rollbackScriptPath};
+    EXPECT_NE(std::find(read.begin(), read.end(), value), read.end());
+    // Written back unchanged, so a file read and saved keeps what the other program wrote.
+    EXPECT_EQ(MigratedAppsFileFormat::encode(apps), file);
+  }
+
+  const std::vector<std::pair<std::string, std::string>> unusable = {
       {target, "\"targetPath\" : \"\\/Volumes\\/Disk\\u0000\\/x\""},
-      {backup, "\"backupPath\" : \"..\\/x\""},
-      {support, "\"~\\/Library\""},
-      {support, "\"\\/Users\\/a\\/..\""},
-      {"\"rollbackScriptPath\" : \"\\/Volumes", "\"rollbackScriptPath\" : \"rollback.sh\\/Volumes"},
+      {support, "\"\\/Users\\u0000\""},
       {original, "\"originalPath\" : \"\\/" + std::string(5000, 'a') + "\""},
       {"\"appName\" : \"微信.app\"", "\"appName\" : \"" + std::string(100000, 'x') + "\""},
   };
-  for (const auto& [from, to] : hostile) {
+  for (const auto& [from, to] : unusable) {
     SCOPED_TRACE(to.substr(0, 80));
     EXPECT_THROW(MigratedAppsFileFormat::decode(fixtureWith(from, to)), MigratedAppsFormatError);
   }

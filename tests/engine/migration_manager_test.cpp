@@ -15,6 +15,7 @@
 #include "catalogue/app_manager.h"
 #include "catalogue/migrated_apps_file.h"
 #include "engine/manifest/migration_copy_workload.h"
+#include "engine/migration_issue.h"
 #include "engine/migration_test_support.h"
 #include "engine/preflight/migration_socket_probe.h"
 #include "engine/transfer/migration_transfer.h"
@@ -523,6 +524,20 @@ std::vector<std::string> namesIn(const std::string& directory) {
   return names;
 }
 
+// Runs the rest of a scope in another working directory, where a relative path would lead.
+class CurrentDirectory {
+ public:
+  explicit CurrentDirectory(const std::string& path) : saved_(std::filesystem::current_path()) {
+    std::filesystem::current_path(path);
+  }
+  ~CurrentDirectory() { std::filesystem::current_path(saved_); }
+  CurrentDirectory(const CurrentDirectory&) = delete;
+  CurrentDirectory& operator=(const CurrentDirectory&) = delete;
+
+ private:
+  std::filesystem::path saved_;
+};
+
 class ItemOperationsTest : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -549,15 +564,19 @@ class ItemOperationsTest : public ::testing::Test {
     ASSERT_EQ(app_.backupVersions.size(), 1u);
   }
 
-  enum class Operation { restore, uninstall };
-  // Runs a restore of the kept version or an uninstall and returns its outcome.
-  MigrationManager::OperationResult operate(Operation operation, const std::function<void()>& beforeCommit = {}) {
+  enum class Operation { back, restore, uninstall };
+  // Runs a move-back, a restore of the kept version or an uninstall and returns its outcome.
+  MigrationManager::OperationResult operate(Operation operation, const std::function<void()>& beforeCommit = {},
+                                            decltype(MigrationManager::Hooks::closeRunningApp) closeRunningApp = {}) {
     MigrationManager::Hooks hooks;
     hooks.beforeCommit = beforeCommit;
+    hooks.closeRunningApp = std::move(closeRunningApp);
     MigrationManager manager(queue_, apps_, hooks);
     std::optional<MigrationManager::OperationResult> result;
     auto done = [&](const auto& outcome) { result = outcome; };
-    if (operation == Operation::restore) {
+    if (operation == Operation::back) {
+      manager.migrateBackToMainDisk(app_, disk_, done);
+    } else if (operation == Operation::restore) {
       manager.restoreFromBackup(app_.backupVersions.at(0), app_, disk_, done);
     } else {
       manager.uninstallApp(app_, {disk_}, done);
@@ -639,8 +658,9 @@ TEST_F(ItemOperationsTest, UninstallLeavesARealBundleAndRemovesCopySupportFilesA
 }
 
 // A tampered record names what uninstall deletes: nothing outside the disk (directly, or
-// through a link planted on it), no support file outside the home folder, no folder holding
-// other items' copies, and no link left by the user when the copy is not on the disk.
+// through a link planted on it), no support file outside the home folder or named relative to
+// the working folder or through "..", and no link left by the user when the copy is not on the
+// disk.
 TEST_F(ItemOperationsTest, UninstallOfHostileRecordsDeletesNothingOutsideTheDiskOrHome) {
   const std::string outsider = root_.child("precious");
   writeFile(outsider + "/Tool.app/data.txt", "keep");
@@ -657,8 +677,9 @@ TEST_F(ItemOperationsTest, UninstallOfHostileRecordsDeletesNothingOutsideTheDisk
   const std::vector<Hostile> records = {
       {outsider + "/Tool.app", {}},
       {disk_ + "/evil/Tool.app", {}},
-      {disk_ + "/Applications", {}},  // holds the genuine record's copy
-      {disk_ + "/Nothing.app", {outsider + "/support.txt", "relative/support.txt", home, home + "/../precious"}},
+      {disk_ + "/Nothing.app",
+       {outsider + "/support.txt", "relative/support.txt", home, home + "/../precious", home + "/Library/x/../Tool",
+        "Library/Tool"}},
   };
   for (const auto& hostile : records) {
     app_ = genuine;
@@ -666,6 +687,8 @@ TEST_F(ItemOperationsTest, UninstallOfHostileRecordsDeletesNothingOutsideTheDisk
     app_.targetPath = hostile.target;
     app_.supportFiles = hostile.supportFiles;
     AppManager::writeMigratedApps({genuine, app_}, AppManager::getMigratedAppsFilePath(disk_));
+    // Run from the home folder, where a relative support file would find something.
+    const CurrentDirectory inHome(home);
     EXPECT_EQ(operate(Operation::uninstall).kind, MigrationManager::OperationResult::Kind::failed) << hostile.target;
     EXPECT_EQ(readFile(outsider + "/Tool.app/data.txt"), "keep") << hostile.target;
     EXPECT_EQ(readFile(outsider + "/support.txt"), "keep") << hostile.target;
@@ -681,6 +704,95 @@ TEST_F(ItemOperationsTest, UninstallOfHostileRecordsDeletesNothingOutsideTheDisk
   EXPECT_EQ(operate(Operation::uninstall).kind, MigrationManager::OperationResult::Kind::succeeded) << log_;
   EXPECT_FALSE(MigrationEntry::read(home + "/Library/Tool", AT_FDCWD));
   EXPECT_FALSE(MigrationEntry::read(target_, AT_FDCWD));
+}
+
+// A record read from the disk may name its places relative to whatever folder Corvane runs in,
+// climb through "..", or name a folder holding other items' copies or a transfer under way,
+// whose copy no record names yet. Such a record loads as written; moving it back, restoring it
+// and uninstalling it are refused with the reason before anything is touched.
+TEST_F(ItemOperationsTest, RecordsNamingNoDefinitePlaceOrAFolderOfOtherItemsLoadButNoOperationTouchesAnything) {
+  const std::string me = disk_ + "/Directories/home/me";
+  const std::string staging = me + "/.corvane-transfer-" + makeUuidString();
+  writeFile(staging + "/Project/a.txt", "on its way");
+  writeFile(root_.child("rollback.sh"), "#!/bin/sh\nexit 0\n", 0755);
+  struct Hostile {
+    std::string original, target, key, detail;
+  };
+  const std::string indefinite = "migration.safety.indefinite_path";
+  const std::string transfer = "migration.safety.holds_transfer";
+  const std::vector<Hostile> records = {
+      // Run from root_, "Applications/Tool.app" is the genuine record's link.
+      {"Applications/Tool.app", target_, indefinite, "Applications/Tool.app"},
+      {root_.child("Applications/x/../Tool.app"), target_, indefinite, root_.child("Applications/x/../Tool.app")},
+      {original_, disk_ + "/Applications/./Tool.app", indefinite, disk_ + "/Applications/./Tool.app"},
+      {"", disk_ + "/Applications", "migration.safety.holds_other_items", disk_ + "/Applications"},
+      {"", me, transfer, me},
+      {"", disk_ + "/Directories/home", transfer, disk_ + "/Directories/home"},
+      {"", staging + "/Project", transfer, staging + "/Project"},
+  };
+  const MigratedApp genuine = app_;
+  const CurrentDirectory atRoot(root_.path());
+  for (std::size_t index = 0; index < records.size(); ++index) {
+    const Hostile& hostile = records[index];
+    SCOPED_TRACE(hostile.original + " -> " + hostile.target);
+    MigratedApp record = genuine;
+    record.id = makeUuidString();
+    record.originalPath = hostile.original;
+    record.targetPath = hostile.target;
+    record.rollbackScriptPath = "rollback.sh";
+    if (record.originalPath.empty()) {
+      // A link to the folder at the original place, and a version beside it: without the
+      // refusal each operation would go ahead.
+      record.originalPath = root_.child("links/" + std::to_string(index));
+      makeDirectories(root_.child("links"));
+      ASSERT_EQ(symlink(hostile.target.c_str(), record.originalPath.c_str()), 0);
+      record.itemType = MigratedItemType::directory;
+      const std::string version = hostile.target + "_backup_20240101_120000";
+      writeFile(version + "/old.txt", "old");
+      record.backupVersions = {BackupRecord{makeUuidString(), version, ReferenceDate::now(), true}};
+    }
+    AppManager::writeMigratedApps({genuine, record}, AppManager::getMigratedAppsFilePath(disk_));
+    const auto loaded = AppManager::loadRecords(disk_);
+    const auto found = std::find_if(loaded.begin(), loaded.end(), [&](const auto& app) { return app.id == record.id; });
+    ASSERT_NE(found, loaded.end()) << "the file stays readable";
+    EXPECT_EQ(found->originalPath, record.originalPath);
+    EXPECT_EQ(found->targetPath, record.targetPath);
+    EXPECT_EQ(found->rollbackScriptPath, "rollback.sh");
+    app_ = *found;
+
+    auto onDisk = [&] {
+      auto tree = fullManifest(root_.path());
+      std::erase_if(tree, [](const auto& entry) { return entry.first.rfind("disk/.corvane", 0) == 0; });
+      return tree;
+    };
+    const auto before = onDisk();
+    for (const auto operation : {Operation::back, Operation::restore, Operation::uninstall}) {
+      SCOPED_TRACE(static_cast<int>(operation));
+      const auto result = operate(operation);
+      EXPECT_EQ(result.kind, MigrationManager::OperationResult::Kind::failed) << log_;
+      EXPECT_EQ(result.message, MigrationIssue(hostile.key, hostile.detail).localizedDescription()) << log_;
+      EXPECT_EQ(onDisk(), before);
+      const auto after = AppManager::loadRecords(disk_);
+      EXPECT_TRUE(std::any_of(after.begin(), after.end(), [&](const auto& app) { return app.id == record.id; }));
+    }
+  }
+
+  // A transfer begins inside the genuine copy while the user is asked to close the program
+  // running from it: the uninstall looks again and stops before the link or the copy goes.
+  app_ = genuine;
+  AppManager::writeMigratedApps({genuine}, AppManager::getMigratedAppsFilePath(disk_));
+  std::filesystem::copy_file("/bin/sleep", target_ + "/Contents/MacOS/sleeper");
+  auto program = OccupantProcess::running(target_ + "/Contents/MacOS/sleeper", {"600"});
+  const std::string late = target_ + "/Contents/.corvane-transfer-" + makeUuidString();
+  const auto result = operate(Operation::uninstall, {}, [&](const std::string&, const std::string&, const auto&) {
+    makeDirectories(late + "/Plugin");
+    program.stop();
+    return true;
+  });
+  EXPECT_EQ(result.message, MigrationIssue(transfer, target_).localizedDescription()) << log_;
+  EXPECT_TRUE(MigrationEntry::read(late + "/Plugin", AT_FDCWD));
+  EXPECT_EQ(MigrationEntry::read(original_, AT_FDCWD).value().kind, MigrationEntry::Kind::symbolicLink);
+  EXPECT_EQ(AppManager::loadRecords(disk_).size(), 1u);
 }
 
 }  // namespace

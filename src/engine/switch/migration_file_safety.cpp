@@ -2,8 +2,12 @@
 
 #include <fcntl.h>
 
+#include "catalogue/app_manager.h"
+#include "catalogue/transfer_staging_name.h"
 #include "engine/migration_issue.h"
+#include "platform/directory_names.h"
 #include "platform/item_lock.h"
+#include "platform/no_follow_open.h"
 #include "support/paths.h"
 
 namespace corvane {
@@ -47,6 +51,32 @@ void MigrationFileSafety::claimItem(const std::string& path, platform::UniqueFd&
   if (platform::lockItem(path, holder) == platform::ItemLockOutcome::busy) {
     throw MigrationIssue("migration.transfer.item_busy", path);
   }
+}
+
+void MigrationFileSafety::requireDefinitePath(const std::string& path) {
+  bool definite = !path.empty() && path.front() == '/';
+  for (const auto& component : pathComponents(path)) definite = definite && component != "." && component != "..";
+  if (!definite) throw MigrationIssue("migration.safety.indefinite_path", path);
+}
+
+void MigrationFileSafety::requireNoOtherItemInside(const std::string& target, const std::string& disk,
+                                                   const std::string& ownId) {
+  const std::string item = standardizePath(target);
+  const std::string root = standardizePath(disk);
+  for (const auto& other : AppManager::loadRecords(root)) {
+    const std::string otherTarget = standardizePath(other.targetPath);
+    if (other.id != ownId && otherTarget != item && isSameOrDescendant(otherTarget, item))
+      throw MigrationIssue("migration.safety.holds_other_items", item);
+  }
+  if (isSameOrDescendant(item, root)) {
+    for (const auto& component : pathComponents(std::string_view(item).substr(root.size())))
+      if (isTransferStagingName(component)) throw MigrationIssue("migration.safety.holds_transfer", item);
+  }
+  const auto entry = MigrationEntry::read(item, AT_FDCWD);
+  if (!entry || entry->kind != MigrationEntry::Kind::directory) return;
+  const platform::UniqueFd folder = platform::openDirectoryNoFollow(item);
+  if (platform::findFolderBelow(folder.get(), item, isTransferStagingName))
+    throw MigrationIssue("migration.safety.holds_transfer", item);
 }
 
 }  // namespace corvane

@@ -32,6 +32,18 @@ class MigrationFileSafety {
   // Claims the item at `path` for this operation until `holder` is closed. Another operation,
   // in this process or another, that holds it gives "migration.transfer.item_busy".
   static void claimItem(const std::string& path, platform::UniqueFd& holder);
+
+  // A record's path is read as written. Throws "migration.safety.indefinite_path" (with the path)
+  // when it is relative, which would make it name a place under whatever folder the program
+  // runs in, or holds a "." or ".." component, which leaves open which place it means.
+  static void requireDefinitePath(const std::string& path);
+
+  // Whatever removes, moves or replaces the record's `target` on `disk` would take along what
+  // lies inside it. Throws "migration.safety.holds_other_items" (with the target) when another
+  // of the disk's records (any but `ownId`) names a target inside it, and
+  // "migration.safety.holds_transfer" when it is, lies in or holds a transfer's staging folder
+  // (a transfer under way there, or one interrupted, whose item no record names yet).
+  static void requireNoOtherItemInside(const std::string& target, const std::string& disk, const std::string& ownId);
 };
 
 }  // namespace corvane

@@ -5,6 +5,7 @@
 
 #include <vector>
 
+#include "catalogue/transfer_staging_name.h"
 #include "engine/migration_issue.h"
 #include "engine/transfer/migration_owned_tree.h"
 #include "platform/file_system.h"
@@ -21,7 +22,7 @@ MigrationStagingArea::MigrationStagingArea(const std::string& source, const std:
   auto sourceEntry = MigrationEntry::read(source, AT_FDCWD);
   if (!sourceEntry) throw MigrationIssue("error.migration_source_changed", source);
   sourceIdentity_ = sourceEntry->identity();
-  root_ = joinPath(parent, ".corvane-transfer-" + makeUuidString());
+  root_ = joinPath(parent, std::string(kTransferStagingPrefix) + makeUuidString());
   if (mkdir(root_.c_str(), 0700) != 0) platform::throwErrno(root_);
   auto rootEntry = MigrationEntry::read(root_, AT_FDCWD);
   if (!rootEntry) throw MigrationIssue("migration.safety.conflict", root_);
