@@ -197,6 +197,13 @@ TEST(MigrationSocketOwnersTest, NamesTheServersOfASocketHoweverTheyBoundItAndNob
     EXPECT_TRUE(MigrationSocketOwners::holders(socket, hanging).empty())
         << "a tool that does not finish in time names nobody";
   }
+  // Where lsof is the tool (macOS), its holders are described as the native ones are.
+  const auto listing =
+      writeScript(directory.path(), "listing", "printf 'p" + std::to_string(relative.pid()) + "\\ncserver\\n'\n");
+  const auto listed = MigrationSocketOwners::holders(socket, listing);
+  ASSERT_EQ(listed.size(), 1u);
+  EXPECT_EQ(listed[0].command, "server");
+  EXPECT_EQ(listed[0].details, platform::describeProcess(relative.pid()));
   const auto latin1 = writeScript(directory.path(), "latin1", "printf 'p1\\ncna\\357ve\\n'\n");
   EXPECT_TRUE(MigrationSocketOwners::holders(socket, latin1).empty()) << "names that are not UTF-8 are not believed";
 }
