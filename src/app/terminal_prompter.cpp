@@ -71,27 +71,26 @@ std::size_t TerminalPrompter::ask(const MigrationPreflightQuestion& question, st
 MigrationPreflightChoice TerminalPrompter::choose(const std::vector<MigrationRuntimeBlocker>& blockers) {
   std::lock_guard lock(mutex_);
   const auto question = MigrationPreflight::question(blockers);
-  constexpr std::size_t kLater = 2;
-  static_assert(MigrationPreflight::kChoiceOrder[kLater] == MigrationPreflightChoice::later);
-  if (preset_ == PresetAnswer::none && terminal_ == Terminal::present) {
-    return MigrationPreflight::kChoiceOrder[ask(question, kLater)];
-  }
+  const auto choices = MigrationPreflight::choices(blockers);
+  const std::size_t later = choices.size() - 1;
+  if (preset_ == PresetAnswer::none && terminal_ == Terminal::present) return choices[ask(question, later)];
   show(question);
   if (preset_ == PresetAnswer::none) {
     explainNoTerminal();
     return MigrationPreflightChoice::later;
   }
   if (preset_ == PresetAnswer::defer) {
-    print(localizedFormat("cli.prompt.answered", question.buttons[kLater]));
+    print(localizedFormat("cli.prompt.answered", question.buttons[later]));
     return MigrationPreflightChoice::later;
   }
-  if (stoppedFor_ && *stoppedFor_ == blockers) {
+  if (answeredFor_ && *answeredFor_ == blockers) {
     print(localized("cli.prompt.still_blocked"));
     return MigrationPreflightChoice::later;
   }
-  stoppedFor_ = blockers;
+  // Yes: stop the git monitors when there are any, otherwise look once more.
+  answeredFor_ = blockers;
   print(localizedFormat("cli.prompt.answered", question.buttons[0]));
-  return MigrationPreflightChoice::stop;
+  return choices[0];
 }
 
 bool TerminalPrompter::authorize(const std::string& path) {

@@ -1,4 +1,4 @@
-// The preflight's questions on the terminal: stop / retry / later about blockers, authorize /
+// The preflight's questions on the terminal: [stop] / retry / later about blockers, authorize /
 // later about administrator rights. Without a terminal the answers come from --yes or --defer;
 // with neither, items are left for later and the user is told why.
 #pragma once
@@ -54,9 +54,9 @@ class TerminalPrompter : public MigrationPreflightPrompter {
   std::FILE* output_;
   std::mutex mutex_;  // transfers run side by side; one question at a time
   bool explainedNoTerminal_ = false;
-  // The blockers a preset "yes" already answered with stop: seeing them again means stopping
-  // did not help, and asking forever would never end.
-  std::optional<std::vector<MigrationRuntimeBlocker>> stoppedFor_;
+  // The blockers a preset "yes" already answered: seeing them again means stopping or looking
+  // again did not help, and asking forever would never end.
+  std::optional<std::vector<MigrationRuntimeBlocker>> answeredFor_;
 };
 
 }  // namespace corvane

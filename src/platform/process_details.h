@@ -15,6 +15,7 @@ namespace corvane::platform {
 struct ProcessDetails {
   std::string executablePath;          // empty when unknown (kernel threads, no permission)
   std::vector<std::string> arguments;  // argv, the program name first; empty when unknown
+  bool operator==(const ProcessDetails&) const = default;
 };
 
 std::optional<ProcessDetails> describeProcess(pid_t pid);

@@ -2,6 +2,8 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -15,6 +17,7 @@
 #include "fixtures/corvane_binary.h"
 #include "fixtures/occupant_process.h"
 #include "fixtures/sample_tree.h"
+#include "fixtures/temporary_directory.h"
 #include "fixtures/test_volume.h"
 #include "platform/process.h"
 #include "settings/localization.h"
@@ -124,6 +127,35 @@ TEST_F(MigrateCommandTest, FileHeldOpenLeavesTheItemAndNamesTheProgramInTextAndJ
   ASSERT_EQ(outcomes.size(), 1u);
   EXPECT_EQ(outcomes[0]["outcome"], "deferred");
   EXPECT_NE(outcomes[0]["message"].get<std::string>().find(holder), std::string::npos) << json.standardOutput;
+  EXPECT_EQ(MigrationEntry::read(item_, AT_FDCWD)->kind, MigrationEntry::Kind::directory);
+}
+
+// The question about what blocks the item offers to stop git's file system monitor only when that
+// monitor is what blocks: a device file, or a socket in a git directory that another program
+// serves, leave "try again" and "later".
+TEST_F(MigrateCommandTest, OnlyGitsOwnMonitorIsOfferedToBeStopped) {
+  platform::ProcessRequest init;
+  init.executable = "/usr/bin/git";
+  init.arguments = {"init", "-q", item_ + "/repo"};
+  ASSERT_TRUE(platform::runProcess(init).exit.succeeded());
+  const std::string gitDirectory = item_ + "/repo/.git";
+  auto impersonator = OccupantProcess::listening(gitDirectory, "fsmonitor--daemon.ipc", OccupantSocket::stream);
+  ASSERT_EQ(mknod((item_ + "/null").c_str(), S_IFCHR | 0600, makedev(1, 3)), 0);
+  const std::vector<std::string> migrate = {"--lang", "en", "migrate", item_, "--to", disk_->mountPoint(), "--defer"};
+  const std::string stop = localizedFormat("cli.prompt.button", 1, localized("migration.preflight.stop"));
+  const auto asked = runCorvane(migrate);
+  EXPECT_NE(asked.standardError.find(localizedFormat("cli.prompt.button", 1, localized("migration.preflight.retry"))),
+            std::string::npos)
+      << asked.standardError;
+  EXPECT_EQ(asked.standardError.find(stop), std::string::npos) << asked.standardError;
+  EXPECT_EQ(MigrationEntry::read(item_, AT_FDCWD)->kind, MigrationEntry::Kind::directory);
+  // git's monitor itself (a stand-in: this git has none on Linux) is offered to be stopped.
+  impersonator.stop(SIGTERM);
+  TemporaryDirectory bin;
+  auto monitor = OccupantProcess::listeningAs(bin.child("git"), {"fsmonitor--daemon", "run"}, gitDirectory,
+                                              "fsmonitor--daemon.ipc");
+  const auto offered = runCorvane(migrate);
+  EXPECT_NE(offered.standardError.find(stop), std::string::npos) << offered.standardError;
   EXPECT_EQ(MigrationEntry::read(item_, AT_FDCWD)->kind, MigrationEntry::Kind::directory);
 }
 

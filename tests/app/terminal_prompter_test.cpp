@@ -46,17 +46,27 @@ class PromptSession {
 
 const std::vector<MigrationRuntimeBlocker> kBlockers = {
     {"migration.preflight.socket", "run/app.sock", {"server"}, std::nullopt}};
+const std::vector<MigrationRuntimeBlocker> kWithGitMonitor = {
+    {"migration.preflight.git_service", "repo/.git/fsmonitor--daemon.ipc", {}, "/work/repo/.git"},
+    {"migration.preflight.socket", "run/app.sock", {"server"}, std::nullopt}};
 
 TEST(TerminalPrompterTest, AsksOnTheTerminalUntilItGetsANumber) {
   PromptSession session("2\n", PresetAnswer::none, Terminal::present);
-  EXPECT_EQ(session.prompter().choose(kBlockers), Choice::retry);
+  EXPECT_EQ(session.prompter().choose(kWithGitMonitor), Choice::retry);
   const std::string output = session.output();
   EXPECT_NE(output.find(localizedFormat("migration.preflight.used_by", "run/app.sock", "server")), std::string::npos);
   EXPECT_NE(output.find(localizedFormat("cli.prompt.button", 3, localized("migration.preflight.later"))),
             std::string::npos);
+  // Without a git monitor there is nothing for Corvane to stop: try again is the first answer.
+  PromptSession socketOnly("1\n", PresetAnswer::none, Terminal::present);
+  EXPECT_EQ(socketOnly.prompter().choose(kBlockers), Choice::retry);
+  const std::string offered = socketOnly.output();
+  EXPECT_EQ(offered.find(localized("migration.preflight.stop")), std::string::npos) << offered;
+  EXPECT_NE(offered.find(localizedFormat("cli.prompt.button", 2, localized("migration.preflight.later"))),
+            std::string::npos);
 
   PromptSession patient("stop\n0\n 1 \n", PresetAnswer::none, Terminal::present);
-  EXPECT_EQ(patient.prompter().choose(kBlockers), Choice::stop);
+  EXPECT_EQ(patient.prompter().choose(kWithGitMonitor), Choice::stop);
   const std::string complaints = patient.output();
   const std::string invalid = localizedFormat("cli.prompt.invalid", 3);
   EXPECT_NE(complaints.find(invalid), std::string::npos);
@@ -83,12 +93,16 @@ TEST(TerminalPrompterTest, WithoutATerminalAndWithoutAPresetEverythingWaits) {
   EXPECT_EQ(output.find(notice, output.find(notice) + 1), std::string::npos) << "the reason is given once";
 }
 
-TEST(TerminalPrompterTest, PresetAnswersStopOnceThenDeferAndAuthorize) {
+TEST(TerminalPrompterTest, PresetAnswersStopOrRetryOnceThenDeferAndAuthorize) {
   PromptSession yes("", PresetAnswer::yes, Terminal::absent);
-  EXPECT_EQ(yes.prompter().choose(kBlockers), Choice::stop);
-  EXPECT_EQ(yes.prompter().choose(kBlockers), Choice::later) << "stopping did not help: no endless loop";
+  EXPECT_EQ(yes.prompter().choose(kWithGitMonitor), Choice::stop);
+  EXPECT_EQ(yes.prompter().choose(kWithGitMonitor), Choice::later) << "stopping did not help: no endless loop";
   EXPECT_TRUE(yes.prompter().authorize("/Applications/App.app"));
   EXPECT_NE(yes.output().find(localized("cli.prompt.still_blocked")), std::string::npos);
+  PromptSession again("", PresetAnswer::yes, Terminal::absent);
+  EXPECT_EQ(again.prompter().choose(kBlockers), Choice::retry) << "no git monitor: nothing to stop";
+  EXPECT_EQ(again.prompter().choose(kBlockers), Choice::later);
+  EXPECT_EQ(again.output().find(localized("migration.preflight.stop")), std::string::npos);
 
   PromptSession defer("", PresetAnswer::defer, Terminal::present);
   EXPECT_EQ(defer.prompter().choose(kBlockers), Choice::later) << "an explicit preset wins over the terminal";

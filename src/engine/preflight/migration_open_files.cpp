@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <charconv>
 #include <map>
+#include <memory>
 #include <stdexcept>
 #include <thread>
 #include <unordered_set>
@@ -14,6 +15,7 @@
 #include "platform/open_file_fields.h"
 #include "platform/open_file_lister.h"
 #include "platform/process.h"
+#include "support/bounded_work.h"
 #include "support/diagnostic_log.h"
 #include "support/paths.h"
 
@@ -124,21 +126,45 @@ MigrationOpenFiles::Result MigrationOpenFiles::inspectWithLsof(const std::string
   return result;
 }
 
-MigrationOpenFiles::Result MigrationOpenFiles::inspectNatively() {
-  Result result;
-  result.standardOutput = platform::listOpenFilesNatively();
+namespace {
+
+// The native scan on a worker of its own, with the lister's bound: the scan reads the attributes
+// of files all over the machine, and a file system that stopped answering can hold any such call
+// for good. A scan that does not finish is abandoned and the state counts as unknown.
+MigrationOpenFiles::Result boundedNativeScan(std::function<std::string()> scan) {
+  const auto deadline = MigrationToolDeadlines::current().openFileLister.exit;
+  auto output = runWithin(deadline, std::move(scan));
+  if (!output) {
+    logWarning(fmt::format("The open-file scan did not finish within {} ms and was abandoned", deadline.count()));
+    throw MigrationIssue(std::string(kOccupancyUnknown));
+  }
+  MigrationOpenFiles::Result result;
+  result.standardOutput = std::move(*output);
   result.status = result.standardOutput.empty() ? 1 : 0;
   return result;
 }
 
-MigrationOpenFiles::Result MigrationOpenFiles::inspectNatively(const FileIndex& index) {
-  Result result;
-  result.standardOutput = platform::listOpenFilesNatively([&index](std::int64_t device, std::uint64_t inode) {
+}  // namespace
+
+MigrationOpenFiles::Result MigrationOpenFiles::inspectNatively() {
+  return boundedNativeScan([] { return platform::listOpenFilesNatively(); });
+}
+
+MigrationOpenFiles::Result MigrationOpenFiles::inspectNatively(const std::string& source, const FileIndex& index) {
+  // The scan may outlive this call, so it owns what it reads.
+  auto identities = std::make_shared<std::unordered_set<MigrationFileIdentity>>();
+  platform::OpenFileQuery query;
+  query.within = source;
+  for (const auto& [identity, file] : index) {
+    identities->insert(identity);
+    if (std::find(query.devices.begin(), query.devices.end(), identity.device) == query.devices.end())
+      query.devices.push_back(identity.device);
+  }
+  query.wanted = [identities](std::int64_t device, std::uint64_t inode) {
     // The same narrowing the manifest applies to st_dev.
-    return index.contains({static_cast<std::int32_t>(device), inode});
-  });
-  result.status = result.standardOutput.empty() ? 1 : 0;
-  return result;
+    return identities->contains({static_cast<std::int32_t>(device), inode});
+  };
+  return boundedNativeScan([query] { return platform::listOpenFilesNatively(query); });
 }
 
 MigrationOpenFiles::Result MigrationOpenFiles::inspect() {
@@ -146,17 +172,17 @@ MigrationOpenFiles::Result MigrationOpenFiles::inspect() {
   return inspectWithLsof(platform::lsofExecutablePath());
 }
 
-MigrationOpenFiles::Result MigrationOpenFiles::inspect(const FileIndex& index) {
-  if (platform::defaultOpenFileLister() == platform::OpenFileLister::native) return inspectNatively(index);
+MigrationOpenFiles::Result MigrationOpenFiles::inspect(const std::string& source, const FileIndex& index) {
+  if (platform::defaultOpenFileLister() == platform::OpenFileLister::native) return inspectNatively(source, index);
   return inspectWithLsof(platform::lsofExecutablePath());
 }
 
 MigrationOpenFiles::Inspect MigrationOpenFiles::defaultInspect() {
-  return [](const FileIndex& index) { return inspect(index); };
+  return [](const std::string& source, const FileIndex& index) { return inspect(source, index); };
 }
 
 MigrationOpenFiles::Inspect MigrationOpenFiles::lsofInspect(const std::string& executable) {
-  return [executable](const FileIndex&) { return inspectWithLsof(executable); };
+  return [executable](const std::string&, const FileIndex&) { return inspectWithLsof(executable); };
 }
 
 MigrationOpenFiles::FileIndex MigrationOpenFiles::fileIndex(const MigrationManifest& manifest) {
@@ -336,20 +362,19 @@ std::optional<std::string> bundleName(std::string_view executable) {
   return std::nullopt;
 }
 
+std::string programOf(const std::optional<platform::ProcessDetails>& details) {
+  return details && !details->executablePath.empty() ? lastComponent(details->executablePath) : std::string();
+}
+
 Classification classify(const std::string& command, const std::optional<platform::ProcessDetails>& details) {
   using Kind = MigrationOpenFiles::GroupKind;
   const std::string executable = details ? details->executablePath : std::string();
-  const std::string program = executable.empty() ? std::string() : lastComponent(executable);
+  const std::string program = programOf(details);
   if (std::string_view(executable).starts_with(kFilePickerFramework) || command == kFilePickerService ||
       program == kFilePickerService) {
     return {Kind::filePicker, {}};
   }
-  const bool isGit = command == "git" || program == "git" || command.starts_with("git-");
-  const bool monitorArgument =
-      details && std::any_of(details->arguments.begin(), details->arguments.end(),
-                             [](const std::string& argument) { return argument == "fsmonitor--daemon"; });
-  if ((isGit && monitorArgument) || command.find("fsmonitor--daemon") != std::string::npos)
-    return {Kind::gitMonitor, {}};
+  if (MigrationOpenFiles::isGitMonitor(command, details)) return {Kind::gitMonitor, {}};
   if (command == "postgres" || program == "postgres") return {Kind::postgres, "PostgreSQL"};
   if (auto bundle = bundleName(executable)) return {Kind::bundleOrigin, *bundle};
   if (!command.empty()) return {Kind::process, command};
@@ -363,6 +388,16 @@ void appendOnce(std::vector<Value>& values, const Value& value) {
 }
 
 }  // namespace
+
+bool MigrationOpenFiles::isGitMonitor(std::string_view command,
+                                      const std::optional<platform::ProcessDetails>& details) {
+  const std::string program = programOf(details);
+  const bool isGit = command == "git" || program == "git" || command.starts_with("git-");
+  const bool monitorArgument =
+      details && std::any_of(details->arguments.begin(), details->arguments.end(),
+                             [](const std::string& argument) { return argument == "fsmonitor--daemon"; });
+  return (isGit && monitorArgument) || command.find("fsmonitor--daemon") != std::string_view::npos;
+}
 
 std::vector<MigrationOpenFiles::Group> MigrationOpenFiles::grouped(const std::vector<Reference>& references,
                                                                    const Identify& identify) {
@@ -406,7 +441,7 @@ std::vector<MigrationOpenFiles::Reference> MigrationOpenFiles::occupyingReferenc
                                                                                    const FileIndex& index,
                                                                                    const Inspect& inspect) {
   try {
-    const Result run = inspect(index);
+    const Result run = inspect(source, index);
     if (run.status != 0 && run.status != 1) throw std::runtime_error(fmt::format("exit status {}", run.status));
     if (!run.standardError.empty()) throw std::runtime_error("standard error: " + run.standardError);
     if (run.status == 0 && run.standardOutput.empty()) throw std::runtime_error("status 0 without output");

@@ -38,9 +38,9 @@ class MigrationOpenFiles {
     MigrationEntry::Kind kind = MigrationEntry::Kind::regular;
   };
   using FileIndex = std::unordered_map<MigrationFileIdentity, IndexedFile>;
-  // One run of a lister. The index lets a lister leave out files of no interest (the native
-  // scan does); lsof always lists everything.
-  using Inspect = std::function<Result(const FileIndex& index)>;
+  // One run of a lister over the item at `source`. The item and its index let a lister leave out
+  // files and file systems of no interest (the native scan does); lsof always lists everything.
+  using Inspect = std::function<Result(const std::string& source, const FileIndex& index)>;
 
   enum class Reason { directory, read_only, working_directory, runtime, endpoint, writable, unknown };
 
@@ -96,16 +96,18 @@ class MigrationOpenFiles {
 
   // The platform's default lister over everything (the native scan on Linux, lsof on macOS).
   static Result inspect();
-  // The same, told which files matter.
-  static Result inspect(const FileIndex& index);
+  // The same, told which item matters.
+  static Result inspect(const std::string& source, const FileIndex& index);
   // lsof "-nP +c 0 -F0pcfatDin" with LC_ALL=C: 8 s to exit, then terminate, 1 s, kill; 2 s for
   // its output. Throws "migration.preflight.occupancy_unknown" on a time-out or an output that
   // overflowed or could not be read; a failure to start passes through as platform::PosixError.
   static Result inspectWithLsof(const std::string& executable);
-  // The native scan, as a lister run (status 1 when nothing at all is open).
+  // The native scan, as a lister run (status 1 when nothing at all is open). It gets the lister's
+  // 8 s; a scan still running then (stuck on a file system that stopped answering) is abandoned
+  // and throws "migration.preflight.occupancy_unknown".
   static Result inspectNatively();
-  // The native scan of the index's files only (status 1 when none of them is open).
-  static Result inspectNatively(const FileIndex& index);
+  // The native scan of the item's files only (status 1 when none of them is open), bounded alike.
+  static Result inspectNatively(const std::string& source, const FileIndex& index);
   static Inspect defaultInspect();
   static Inspect lsofInspect(const std::string& executable);
 
@@ -120,6 +122,10 @@ class MigrationOpenFiles {
   static std::string_view reasonName(Reason reason);
 
   static std::vector<Group> grouped(const std::vector<Reference>& references, const Identify& identify);
+
+  // Whether a process is git's file-system monitor daemon ("git fsmonitor--daemon ..."), by its
+  // command name and, when known, its program and arguments.
+  static bool isGitMonitor(std::string_view command, const std::optional<platform::ProcessDetails>& details);
 
   // One run of the lister, checked and parsed: the references to the item. Every doubt (a
   // status other than 0 or 1, anything on standard error, status 0 without output, unreadable

@@ -7,7 +7,6 @@
 
 #include "engine/migration_issue.h"
 #include "engine/preflight/migration_open_files.h"
-#include "engine/preflight/migration_socket_owners.h"
 #include "platform/process.h"
 #include "settings/localization.h"
 #include "support/diagnostic_log.h"
@@ -51,7 +50,7 @@ std::string joinedNames(const std::vector<std::string>& names) {
 MigrationPreflight::Services MigrationPreflight::defaultServices() {
   Services services;
   services.probe = MigrationSocketProbe::defaultProbe();
-  services.owners = [](const std::string& socketPath) { return MigrationSocketOwners::lookup(socketPath); };
+  services.owners = [](const std::string& socketPath) { return MigrationSocketOwners::holders(socketPath); };
   services.run = runTool;
   services.fifosInUse = fifosHeldOpen;
   return services;
@@ -108,15 +107,21 @@ MigrationPreflight::Assessment MigrationPreflight::assess(const std::string& sou
           case MigrationSocketProbe::State::unknown:
             assessment.blockers.push_back({"migration.preflight.socket_unknown", path, {}, std::nullopt});
             break;
-          case MigrationSocketProbe::State::active:
-            if (auto gitDir = gitDirectory(socketPath)) {
+          case MigrationSocketProbe::State::active: {
+            // A git directory's monitor socket is git's only when git's monitor holds it: any other
+            // program there is asked to quit like every other, never stopped as git.
+            const auto gitDir = gitDirectory(socketPath);
+            if (!gitDir && approvedSockets.contains(path)) break;
+            std::vector<MigrationSocketOwners::Holder> holders;
+            if (services.owners) holders = services.owners(socketPath);
+            if (gitDir && MigrationSocketOwners::heldOnlyByGitMonitors(holders)) {
               assessment.blockers.push_back({"migration.preflight.git_service", path, {}, *gitDir});
             } else if (!approvedSockets.contains(path)) {
-              std::vector<std::string> owners;
-              if (services.owners) owners = services.owners(socketPath);
-              assessment.blockers.push_back({"migration.preflight.socket", path, std::move(owners), std::nullopt});
+              assessment.blockers.push_back(
+                  {"migration.preflight.socket", path, MigrationSocketOwners::names(holders), std::nullopt});
             }
             break;
+          }
         }
         break;
       }
@@ -190,20 +195,44 @@ std::string MigrationPreflight::describe(const MigrationRuntimeBlocker& blocker)
   return localizedWithDetail(blocker.key, blocker.relativePath);
 }
 
+namespace {
+
+bool hasGitMonitor(const std::vector<MigrationRuntimeBlocker>& blockers) {
+  return std::any_of(blockers.begin(), blockers.end(),
+                     [](const auto& blocker) { return blocker.key == "migration.preflight.git_service"; });
+}
+
+}  // namespace
+
+std::vector<MigrationPreflight::Choice> MigrationPreflight::choices(
+    const std::vector<MigrationRuntimeBlocker>& blockers) {
+  if (hasGitMonitor(blockers)) return {Choice::stop, Choice::retry, Choice::later};
+  return {Choice::retry, Choice::later};
+}
+
 MigrationPreflightQuestion MigrationPreflight::question(const std::vector<MigrationRuntimeBlocker>& blockers) {
   const bool sockets = std::any_of(blockers.begin(), blockers.end(), [](const auto& blocker) {
     return blocker.key == "migration.preflight.socket" || blocker.key == "migration.preflight.socket_unknown";
   });
-  const bool git = std::any_of(blockers.begin(), blockers.end(),
-                               [](const auto& blocker) { return blocker.key == "migration.preflight.git_service"; });
   std::string message = localized("migration.preflight.summary");
   if (sockets) message += "\n" + localized("migration.preflight.message_sockets");
-  if (git) message += "\n" + localized("migration.preflight.message_git");
+  if (hasGitMonitor(blockers)) message += "\n" + localized("migration.preflight.message_git");
   for (const auto& blocker : blockers) message += "\n" + describe(blocker);
-  return {localized("migration.preflight.title"),
-          message,
-          {localized("migration.preflight.stop"), localized("migration.preflight.retry"),
-           localized("migration.preflight.later")}};
+  std::vector<std::string> buttons;
+  for (const Choice choice : choices(blockers)) {
+    switch (choice) {
+      case Choice::stop:
+        buttons.push_back(localized("migration.preflight.stop"));
+        break;
+      case Choice::retry:
+        buttons.push_back(localized("migration.preflight.retry"));
+        break;
+      case Choice::later:
+        buttons.push_back(localized("migration.preflight.later"));
+        break;
+    }
+  }
+  return {localized("migration.preflight.title"), message, std::move(buttons)};
 }
 
 MigrationPreflightQuestion MigrationPreflight::authorizationQuestion(const std::string& path) {

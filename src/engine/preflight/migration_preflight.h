@@ -14,6 +14,7 @@
 #include "engine/manifest/migration_entry.h"
 #include "engine/preflight/migration_preflight_prompter.h"
 #include "engine/preflight/migration_runtime_blocker.h"
+#include "engine/preflight/migration_socket_owners.h"
 #include "engine/preflight/migration_socket_probe.h"
 #include "engine/verify/migration_integrity_verifier.h"
 
@@ -37,7 +38,7 @@ class MigrationPreflight {
   };
   using ToolRunner = std::function<ToolResult(const std::string& executable, const std::vector<std::string>& arguments,
                                               const std::string& workingDirectory)>;
-  using OwnerLookup = std::function<std::vector<std::string>(const std::string& socketPath)>;
+  using OwnerLookup = std::function<std::vector<MigrationSocketOwners::Holder>(const std::string& socketPath)>;
   // Which of `fifos` (relative paths) some process holds open.
   using FifoUsage = std::function<std::set<std::string>(const std::string& source, const MigrationManifest& manifest,
                                                         const std::set<std::string>& fifos)>;
@@ -99,9 +100,10 @@ class MigrationPreflight {
 
   // One line about a blocker: the socket and its processes, the git directory, or the entry.
   static std::string describe(const MigrationRuntimeBlocker& blocker);
-  // The question about blockers, buttons in the order of `kChoiceOrder`.
+  // The answers offered about blockers, in the order of the question's buttons: stop (only when a
+  // git monitor is among them: it is the one thing Corvane can stop), retry, later (always last).
+  static std::vector<Choice> choices(const std::vector<MigrationRuntimeBlocker>& blockers);
   static MigrationPreflightQuestion question(const std::vector<MigrationRuntimeBlocker>& blockers);
-  static constexpr Choice kChoiceOrder[] = {Choice::stop, Choice::retry, Choice::later};
   // The administrator question; the first button is the only yes.
   static MigrationPreflightQuestion authorizationQuestion(const std::string& path);
 
@@ -112,7 +114,8 @@ class MigrationPreflight {
                                  const std::set<std::string>& inactiveSockets,
                                  const MigrationSocketProbe::Probe& probe);
 
-  // The git directory whose monitor daemon listens on `socketPath`, when it is one.
+  // The git directory whose monitor daemon would listen on `socketPath`, when it is one. Whether a
+  // monitor really listens there is for the socket's holders to say.
   static std::optional<std::string> gitDirectory(const std::string& socketPath);
   // Stops every git monitor named by `blockers` and makes sure each is gone; throws
   // "migration.preflight.tool_failed" with the git directory otherwise.

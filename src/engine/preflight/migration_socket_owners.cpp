@@ -2,12 +2,17 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
+#include <charconv>
 #include <set>
 
+#include "engine/preflight/migration_open_files.h"
 #include "engine/preflight/migration_tool_deadlines.h"
 #include "platform/open_file_fields.h"
 #include "platform/open_file_lister.h"
 #include "platform/process.h"
+#include "platform/socket_holders.h"
+#include "support/bounded_work.h"
 #include "support/diagnostic_log.h"
 
 namespace corvane {
@@ -31,14 +36,36 @@ bool isValidUtf8(std::string_view text) {
   return true;
 }
 
-}  // namespace
-
-std::vector<std::string> MigrationSocketOwners::lookup(const std::string& socketPath) {
-  return lookup(socketPath, platform::lsofExecutablePath());
+std::vector<MigrationSocketOwners::Holder> described(std::vector<MigrationSocketOwners::Holder> holders) {
+  for (auto& holder : holders) holder.details = platform::describeProcess(holder.pid);
+  return holders;
 }
 
-std::vector<std::string> MigrationSocketOwners::lookup(const std::string& socketPath,
-                                                       const std::string& lsofExecutable) {
+std::vector<MigrationSocketOwners::Holder> nativeHolders(const std::string& socketPath) {
+  std::vector<MigrationSocketOwners::Holder> holders;
+  for (const auto& holder : platform::unixSocketHolders(socketPath))
+    holders.push_back({holder.pid, holder.command, {}});
+  return described(std::move(holders));
+}
+
+}  // namespace
+
+std::vector<MigrationSocketOwners::Holder> MigrationSocketOwners::holders(const std::string& socketPath) {
+  if (!platform::hasNativeSocketHolders()) return holders(socketPath, platform::lsofExecutablePath());
+  // The process table is read on a worker of its own: describing a process reads its memory,
+  // which a process stuck on a hung mount can hold locked.
+  const auto deadline = MigrationToolDeadlines::current().socketOwners.exit;
+  try {
+    if (auto found = runWithin(deadline, [socketPath] { return nativeHolders(socketPath); })) return *found;
+    logWarning(fmt::format("Socket owner lookup for {} did not finish within {} ms", socketPath, deadline.count()));
+  } catch (const std::exception& failure) {
+    logDebug(fmt::format("Socket owner lookup failed: {}", failure.what()));
+  }
+  return {};
+}
+
+std::vector<MigrationSocketOwners::Holder> MigrationSocketOwners::holders(const std::string& socketPath,
+                                                                          const std::string& lsofExecutable) {
   platform::ProcessRequest request;
   request.executable = lsofExecutable;
   request.arguments = {"-nP", "+c", "0", "-Fpc", "--", socketPath};
@@ -54,12 +81,26 @@ std::vector<std::string> MigrationSocketOwners::lookup(const std::string& socket
   if (run.timedOut || !run.exit.succeeded() || run.standardOutput.empty() || !isValidUtf8(run.standardOutput)) {
     return {};
   }
-  return parse(run.standardOutput);
+  auto found = runWithin(deadlines.readers, [holders = parse(run.standardOutput)] { return described(holders); });
+  return found ? *found : std::vector<Holder>{};
 }
 
-std::vector<std::string> MigrationSocketOwners::parse(std::string_view output) {
+std::vector<std::string> MigrationSocketOwners::names(const std::vector<Holder>& holders) {
   std::set<std::string> names;
-  bool afterProcess = false;
+  for (const auto& holder : holders) {
+    if (!holder.command.empty()) names.insert(holder.command);
+  }
+  return {names.begin(), names.end()};
+}
+
+bool MigrationSocketOwners::heldOnlyByGitMonitors(const std::vector<Holder>& holders) {
+  return !holders.empty() && std::all_of(holders.begin(), holders.end(), [](const Holder& holder) {
+    return MigrationOpenFiles::isGitMonitor(holder.command, holder.details);
+  });
+}
+
+std::vector<MigrationSocketOwners::Holder> MigrationSocketOwners::parse(std::string_view output) {
+  std::vector<Holder> holders;
   std::size_t start = 0;
   while (start < output.size()) {
     auto end = output.find('\n', start);
@@ -67,11 +108,20 @@ std::vector<std::string> MigrationSocketOwners::parse(std::string_view output) {
     const std::string_view line = output.substr(start, end - start);
     start = end + 1;
     if (line.empty()) continue;
-    if (line.front() == 'p') afterProcess = true;
-    if (line.front() == 'c' && afterProcess && line.size() > 1)
-      names.insert(platform::unescapeListerText(line.substr(1)));
+    if (line.front() == 'p') {
+      pid_t pid = 0;
+      const auto [rest, error] = std::from_chars(line.data() + 1, line.data() + line.size(), pid);
+      if (error == std::errc() && rest == line.data() + line.size()) {
+        holders.push_back({pid, {}, {}});
+      } else {
+        holders.clear();  // a listing that cannot be read names nobody
+        break;
+      }
+    }
+    if (line.front() == 'c' && !holders.empty() && line.size() > 1)
+      holders.back().command = platform::unescapeListerText(line.substr(1));
   }
-  return {names.begin(), names.end()};
+  return holders;
 }
 
 }  // namespace corvane

@@ -14,8 +14,10 @@ const char* lsofExecutablePath() { return "/usr/sbin/lsof"; }
 
 std::int64_t deviceNumber(unsigned major, unsigned minor) { return static_cast<std::int64_t>(makedev(major, minor)); }
 
-std::string listOpenFilesNatively(const OpenFileFilter&) {
+std::string listOpenFilesNatively() {
   throw std::logic_error("there is no native open-file scan on macOS; lsof is the lister");
 }
+
+std::string listOpenFilesNatively(const OpenFileQuery&) { return listOpenFilesNatively(); }
 
 }  // namespace corvane::platform

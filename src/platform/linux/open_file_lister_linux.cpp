@@ -5,9 +5,12 @@
 // can belong to an item. Network sockets and anonymous inodes are described more tersely than
 // lsof does: they never have an identity inside an item.
 //
-// With a filter, a file's identity is looked at first and only wanted files are named, so most
-// descriptors cost one stat. Processes are scanned by a few threads in chunks; the output keeps
-// the process order.
+// A scan for one item's files looks into no other file system. A descriptor is followed to its file
+// only when /proc/<pid>/fdinfo places it on a mount of the item's file system (or on an overlay,
+// which reports the identity of the file below it); a mapping's path is looked up only when the
+// map places the mapping there. Every identity is read with AT_STATX_DONT_SYNC: the attributes the
+// kernel holds, without asking a network or FUSE server for fresh ones. Only wanted files are
+// named. Processes are scanned by a few threads in chunks; the output keeps the process order.
 #include <dirent.h>
 #include <fcntl.h>
 #include <fmt/format.h>
@@ -36,6 +39,7 @@
 #include <unordered_set>
 #include <vector>
 
+#include "platform/linux/proc_mounts.h"
 #include "platform/open_file_fields.h"
 #include "platform/open_file_lister.h"
 #include "platform/posix_error.h"
@@ -158,26 +162,6 @@ bool endsWith(std::string_view text, std::string_view suffix) {
   return text.size() >= suffix.size() && text.substr(text.size() - suffix.size()) == suffix;
 }
 
-// Reads a whole /proc file into `buffer`; false when it cannot be opened or read.
-bool readWholeFile(int directory, const char* name, std::string& buffer) {
-  buffer.clear();
-  UniqueFd fd(openat(directory, name, O_RDONLY | O_CLOEXEC));
-  if (!fd) return false;
-  std::size_t used = 0;
-  for (;;) {
-    if (buffer.size() - used < 4096) buffer.resize(std::max<std::size_t>(buffer.size() * 2, 8192));
-    ssize_t count = ::read(fd.get(), buffer.data() + used, buffer.size() - used);
-    if (count < 0) {
-      if (errno == EINTR) continue;
-      return false;
-    }
-    if (count == 0) break;
-    used += static_cast<std::size_t>(count);
-  }
-  buffer.resize(used);
-  return true;
-}
-
 std::optional<std::string> readLinkAt(int directory, const char* name, int& error) {
   std::array<char, PATH_MAX + 1> target;
   ssize_t length = readlinkat(directory, name, target.data(), target.size());
@@ -188,11 +172,14 @@ std::optional<std::string> readLinkAt(int directory, const char* name, int& erro
   return std::string(target.data(), static_cast<std::size_t>(length));
 }
 
+// The identity of what a /proc link leads to, as the kernel holds it: a network or FUSE server is
+// not asked for fresh attributes, so one that stopped answering is not waited for. Identity and
+// type never change while a file is open.
 std::optional<Identity> identityAt(int directory, const char* name, mode_t* mode = nullptr) {
-  struct stat status {};
-  if (fstatat(directory, name, &status, 0) != 0) return std::nullopt;
-  if (mode) *mode = status.st_mode;
-  return Identity{status.st_dev, status.st_ino};
+  struct statx status {};
+  if (statx(directory, name, AT_STATX_DONT_SYNC, STATX_TYPE | STATX_INO, &status) != 0) return std::nullopt;
+  if (mode) *mode = status.stx_mode;
+  return Identity{makedev(status.stx_dev_major, status.stx_dev_minor), static_cast<ino_t>(status.stx_ino)};
 }
 
 // Numeric names in a directory (process ids, descriptors, task ids), ascending. Read with
@@ -229,14 +216,62 @@ class SharedTables {
     return !filter_ || filter_(static_cast<std::int64_t>(device), static_cast<std::uint64_t>(inode));
   }
 
+  // Narrows the scan to the file systems of these devices, told apart by the mount table.
+  // `mounts` is this process's own table; `item` the item's path with every link resolved.
+  void limitTo(const std::vector<std::int64_t>& devices, MountTable mounts, std::string item) {
+    limited_ = true;
+    item_ = std::move(item);
+    for (std::int64_t device : devices) fileSystems_.insert(static_cast<std::int32_t>(device));
+    mounts_ = std::move(mounts);
+    int error = 0;
+    if (auto space = readLinkAt(proc_, "self/ns/mnt", error)) readNamespaces_.insert(*space);
+  }
+
+  // A path the kernel printed for a descriptor that names a file inside the item. Such a file is
+  // looked at without asking its mount first: it is where the scan expects the item's files.
+  bool insideItem(std::string_view path) const {
+    return !item_.empty() && path.starts_with(item_) && (path.size() == item_.size() || path[item_.size()] == '/');
+  }
+
+  // Compared in the 32 bits a manifest keeps of a device number: a clash only widens the scan.
+  bool onWantedFileSystem(dev_t device) const {
+    return !limited_ || fileSystems_.contains(static_cast<std::int32_t>(device));
+  }
+
+  // Whether a descriptor on this mount may be one of the wanted files: the mount is of a wanted
+  // file system, or an overlay (it reports the identity of the file below it). A mount no table
+  // names is looked at too: in doubt the scan looks rather than passes over.
+  bool mayHoldWantedFile(int processDirectory, std::uint64_t mountId) {
+    if (!limited_) return true;
+    std::lock_guard lock(mountMutex_);
+    const MountedFileSystem* mount = mounts_.find(mountId);
+    if (!mount && !unnamedMounts_.contains(mountId)) {
+      // A mount of another mount namespace (a container's): that namespace's own table names it.
+      int error = 0;
+      auto space = readLinkAt(processDirectory, "ns/mnt", error);
+      std::string table;
+      if (space && readNamespaces_.insert(*space).second && readProcFile(processDirectory, "mountinfo", table)) {
+        mounts_.add(table);
+        unnamedMounts_.clear();
+        mount = mounts_.find(mountId);
+      }
+      // The kernel's own mounts (pipes, sockets, memfd) are in no table; asked once.
+      if (!mount) unnamedMounts_.insert(mountId);
+    }
+    if (!mount) return true;
+    return onWantedFileSystem(mount->device) || mount->type == "overlay";
+  }
+
   std::optional<PathStatus> pathStatus(const std::string& path) {
     {
       std::lock_guard lock(pathMutex_);
       if (auto found = pathStatus_.find(path); found != pathStatus_.end()) return found->second;
     }
     std::optional<PathStatus> status;
-    struct stat st {};
-    if (::stat(path.c_str(), &st) == 0) status = PathStatus{st.st_dev, st.st_ino, st.st_mode};
+    struct statx st {};
+    if (statx(AT_FDCWD, path.c_str(), AT_STATX_DONT_SYNC, STATX_TYPE | STATX_INO, &st) == 0) {
+      status = PathStatus{makedev(st.stx_dev_major, st.stx_dev_minor), static_cast<ino_t>(st.stx_ino), st.stx_mode};
+    }
     std::lock_guard lock(pathMutex_);
     pathStatus_.emplace(path, status);
     return status;
@@ -268,7 +303,7 @@ class SharedTables {
  private:
   void loadUnixSockets() {
     std::string table;
-    if (!readWholeFile(proc_, "net/unix", table)) return;
+    if (!readProcFile(proc_, "net/unix", table)) return;
     std::string_view rest(table);
     bool header = true;
     while (!rest.empty()) {
@@ -302,6 +337,13 @@ class SharedTables {
 
   int proc_;
   const OpenFileFilter& filter_;
+  bool limited_ = false;
+  std::string item_;
+  std::unordered_set<std::int32_t> fileSystems_;
+  std::mutex mountMutex_;
+  MountTable mounts_;
+  std::unordered_set<std::string> readNamespaces_;
+  std::unordered_set<std::uint64_t> unnamedMounts_;
   std::mutex pathMutex_;
   std::unordered_map<std::string, std::optional<PathStatus>> pathStatus_;
   std::unordered_map<Identity, std::optional<PathStatus>, IdentityHash> mappedStatus_;
@@ -344,7 +386,7 @@ class ProcessScan {
   }
 
   bool readCommand() {
-    if (!readWholeFile(directory_, "stat", buffer_)) return false;
+    if (!readProcFile(directory_, "stat", buffer_)) return false;
     const auto open = buffer_.find('(');
     const auto close = buffer_.rfind(')');
     if (open == std::string::npos || close == std::string::npos || close < open || close + 2 >= buffer_.size()) {
@@ -422,7 +464,10 @@ class ProcessScan {
     if (executable && *executable == identity) return;
     if (!seenMappings_.insert(identity).second) return;
     const bool wanted = shared_.wanted(identity.device, identity.inode);
+    // The map names the file system a mapping lies on; only the wanted ones are looked into.
+    const bool mayLookUpPath = shared_.onWantedFileSystem(identity.device);
     if (!wanted) {
+      if (!mayLookUpPath) return;
       // A reader of the output also finds the file under the device of the path it was mapped
       // through; only that can make an unwanted mapping interesting.
       const auto status = shared_.mappedStatus(identity, nameOf);
@@ -438,7 +483,7 @@ class ProcessScan {
     }
     std::string shown = *name;
     std::string_view type = "REG";
-    if (const auto status = shared_.pathStatus(*name)) {
+    if (const auto status = mayLookUpPath ? shared_.pathStatus(*name) : std::nullopt) {
       type = typeName(status->mode);
       if (status->device != identity.device) {
         shown += fmt::format(" (path dev={},{})", ::major(status->device), ::minor(status->device));
@@ -485,7 +530,7 @@ class ProcessScan {
   }
 
   void readMappedFiles(const std::optional<Identity>& executable) {
-    if (!readWholeFile(directory_, "maps", maps_)) return;
+    if (!readProcFile(directory_, "maps", maps_)) return;
     std::string_view rest(maps_);
     while (!rest.empty()) {
       auto newline = rest.find('\n');
@@ -530,15 +575,16 @@ class ProcessScan {
         unnamedFile("NOFD", ' ', fmt::format("/proc/{}/fd (opendir: {})", pid_, std::strerror(errno)));
       return;
     }
+    UniqueFd fdinfo;
     for (unsigned long number : numericEntries(fds.get())) {
       const std::string descriptor = std::to_string(number);
+      if (shared_.filtering()) {
+        wantedDescriptor(fds.get(), fdinfo, descriptor);
+        continue;
+      }
       mode_t mode = 0;
       const auto identity = identityAt(fds.get(), descriptor.c_str(), &mode);
       const int statError = errno;
-      if (shared_.filtering()) {
-        // lsof names UNIX sockets by their socket inode and no device: never an item's file.
-        if (!identity || S_ISSOCK(mode) || !shared_.wanted(identity->device, identity->inode)) continue;
-      }
       int error = 0;
       auto text = readLinkAt(fds.get(), descriptor.c_str(), error);
       if (!text) {
@@ -574,6 +620,31 @@ class ProcessScan {
         file(descriptor, access, typeName(mode), identity->device, identity->inode, *text);
       }
     }
+  }
+
+  // One descriptor of a narrowed scan: its link text and its mount decide before anything looks at
+  // the file it leads to.
+  void wantedDescriptor(int fds, UniqueFd& fdinfo, const std::string& descriptor) {
+    int error = 0;
+    auto text = readLinkAt(fds, descriptor.c_str(), error);
+    if (!text) return;  // closed meanwhile, or unreadable: named only when everything is listed
+    // Sockets, pipes and anonymous inodes belong to the kernel's own file systems, never to an item
+    // (lsof names UNIX sockets by their socket inode and no device).
+    if (startsWith(*text, "socket:[") || startsWith(*text, "pipe:[") || startsWith(*text, "anon_inode:")) return;
+    if (!shared_.insideItem(*text)) {
+      if (!fdinfo) fdinfo.reset(openat(directory_, "fdinfo", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+      errno = 0;
+      const auto mountId = fdinfo ? mountIdAt(fdinfo.get(), descriptor.c_str()) : std::nullopt;
+      if (!mountId && errno == ENOENT) return;  // closed meanwhile
+      if (mountId && !shared_.mayHoldWantedFile(directory_, *mountId)) return;
+    }
+    mode_t mode = 0;
+    const auto identity = identityAt(fds, descriptor.c_str(), &mode);
+    if (!identity || S_ISSOCK(mode) || !shared_.wanted(identity->device, identity->inode)) return;
+    struct stat link {};
+    const char access =
+        fstatat(fds, descriptor.c_str(), &link, AT_SYMLINK_NOFOLLOW) == 0 ? accessOf(link.st_mode) : ' ';
+    file(descriptor, access, typeName(mode), identity->device, identity->inode, *text);
   }
 
   // lsof lists every thread of a process separately; threads share descriptors and maps, but a
@@ -616,14 +687,8 @@ class ProcessScan {
   std::unordered_set<Identity, IdentityHash> seenMappings_;
 };
 
-}  // namespace
-
-std::string listOpenFilesNatively(const OpenFileFilter& filter) {
-  UniqueFd proc(open("/proc", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  if (!proc) throwErrno("/proc");
-  const std::vector<unsigned long> pids = numericEntries(proc.get());
-  SharedTables shared(proc.get(), filter);
-
+std::string scanProcesses(int proc, SharedTables& shared) {
+  const std::vector<unsigned long> pids = numericEntries(proc);
   const std::size_t chunks = (pids.size() + kProcessesPerChunk - 1) / kProcessesPerChunk;
   std::vector<std::string> outputs(chunks);
   std::atomic<std::size_t> nextChunk{0};
@@ -659,6 +724,49 @@ std::string listOpenFilesNatively(const OpenFileFilter& filter) {
   result.reserve(total);
   for (const auto& output : outputs) result += output;
   return result;
+}
+
+UniqueFd openProc() {
+  UniqueFd proc(open("/proc", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  if (!proc) throwErrno("/proc");
+  return proc;
+}
+
+}  // namespace
+
+std::string listOpenFilesNatively() {
+  const UniqueFd proc = openProc();
+  const OpenFileFilter everything;
+  SharedTables shared(proc.get(), everything);
+  return scanProcesses(proc.get(), shared);
+}
+
+std::string listOpenFilesNatively(const OpenFileQuery& query) {
+  const UniqueFd proc = openProc();
+  SharedTables shared(proc.get(), query.wanted);
+  // The item's own file system, found from its mount as every descriptor's is: a btrfs subvolume's
+  // files report a device of their own, which no mount carries.
+  std::optional<std::uint64_t> mountId;
+  std::string resolved;
+  {
+    // Closed before the scan, which would otherwise list it.
+    UniqueFd item(open(query.within.c_str(), O_PATH | O_CLOEXEC));
+    if (!item) throwErrno(query.within);
+    mountId = mountIdOf(item.get());
+    // The path as the kernel prints it for the item's files: the descriptor's own link.
+    int error = 0;
+    if (auto text = readLinkAt(AT_FDCWD, fmt::format("/proc/self/fd/{}", item.get()).c_str(), error)) resolved = *text;
+  }
+  MountTable mounts;
+  std::string table;
+  if (!readProcFile(proc.get(), "self/mountinfo", table)) throwErrno("/proc/self/mountinfo");
+  mounts.add(table);
+  const MountedFileSystem* home = mountId ? mounts.find(*mountId) : nullptr;
+  if (!home) throw PosixError(ENOENT, query.within + " (no mount holds it)");
+  std::vector<std::int64_t> devices = query.devices;
+  devices.push_back(static_cast<std::int64_t>(home->device));
+  shared.limitTo(devices, std::move(mounts), std::move(resolved));
+  return scanProcesses(proc.get(), shared);
 }
 
 }  // namespace corvane::platform

@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <future>
 #include <map>
 #include <string>
 
@@ -15,6 +16,7 @@
 #include "engine/preflight/migration_occupancy_description.h"
 #include "fixtures/occupant_process.h"
 #include "fixtures/sample_tree.h"
+#include "fixtures/stalling_fuse_mount.h"
 #include "fixtures/temporary_directory.h"
 #include "fixtures/test_volume.h"
 #include "platform/open_file_fields.h"
@@ -117,7 +119,9 @@ TEST(MigrationOpenFilesTest, ListerTextEscapingRoundTripsEveryByteButTheCaret) {
 }
 
 MigrationOpenFiles::Inspect answering(int status, std::string output, std::string error = "") {
-  return [=](const MigrationOpenFiles::FileIndex&) { return MigrationOpenFiles::Result{status, output, error}; };
+  return [=](const std::string&, const MigrationOpenFiles::FileIndex&) {
+    return MigrationOpenFiles::Result{status, output, error};
+  };
 }
 
 TEST(MigrationOpenFilesTest, EveryDoubtAboutTheListerMakesTheStateUnknown) {
@@ -136,7 +140,7 @@ TEST(MigrationOpenFilesTest, EveryDoubtAboutTheListerMakesTheStateUnknown) {
       {"output cut inside a field", answering(0, std::string("p1\0cla", 6))},
       {"file before any process", answering(0, fields("f3|ar|tREG|D0x1|i5|nx\n"))},
       {"unreadable device", answering(0, fields("p1|cx\nf3|D0xzz|i5\n"))},
-      {"lister missing", [](const MigrationOpenFiles::FileIndex&) -> MigrationOpenFiles::Result {
+      {"lister missing", [](const std::string&, const MigrationOpenFiles::FileIndex&) -> MigrationOpenFiles::Result {
          throw platform::PosixError(ENOENT, "/usr/sbin/lsof");
        }}};
   for (const auto& [why, inspect] : doubts) {
@@ -279,7 +283,7 @@ std::vector<Reference> listersAgreeOn(const std::string& item) {
   const auto native = referencesOf(MigrationOpenFiles::inspectNatively());
   const auto lsof = asText(referencesOf(MigrationOpenFiles::inspectWithLsof(platform::lsofExecutablePath())));
   EXPECT_EQ(asText(native), lsof) << "native scan";
-  EXPECT_EQ(asText(referencesOf(MigrationOpenFiles::inspectNatively(index))), lsof) << "filtered native scan";
+  EXPECT_EQ(asText(referencesOf(MigrationOpenFiles::inspectNatively(item, index))), lsof) << "filtered native scan";
   return native;
 }
 
@@ -388,6 +392,70 @@ TEST(MigrationOpenFilesListersTest, RequireIdlePassesOnceTheLastOccupantLeaves) 
     EXPECT_EQ(blocked.source(), item);
     EXPECT_EQ(blocked.key(), "migration.occupancy.header");
   }
+}
+
+// What the check concludes about `item`: "idle", the pids that hold it, or the key of its issue.
+std::string verdictOf(const std::string& item, const MigrationOpenFiles::FileIndex& index) {
+  try {
+    MigrationOpenFiles::requireIdle(item, index, MigrationOpenFiles::defaultInspect(), MigrationOpenFiles::noRecheck(),
+                                    {}, MigrationOpenFiles::defaultIdentify());
+    return "idle";
+  } catch (const MigrationOpenFiles::Blocked& blocked) {
+    std::string pids = "held by";
+    for (const auto& group : blocked.groups()) {
+      for (pid_t pid : group.pids) pids += " " + std::to_string(pid);
+    }
+    return pids;
+  } catch (const MigrationIssue& issue) {
+    return issue.key();
+  }
+}
+
+// Runs the check on a thread of its own while `mount` does not answer. A check still running after
+// a generous bound has hung: the mount answers again so that the check, and the test, can end.
+std::string checkedBeside(StallingFuseMount& mount, const std::function<std::string()>& check) {
+  auto running = std::async(std::launch::async, check);
+  const bool finished = running.wait_for(std::chrono::seconds(60)) == std::future_status::ready;
+  if (!finished) mount.resume();
+  EXPECT_TRUE(finished) << "the check hung on a mount that does not answer";
+  return running.get();
+}
+
+#define CORVANE_STALLING_FUSE_MOUNT(name)                                    \
+  std::unique_ptr<StallingFuseMount> name;                                   \
+  try {                                                                      \
+    name = StallingFuseMount::create();                                      \
+  } catch (const VolumeUnavailable& unavailable) {                           \
+    GTEST_SKIP() << "needs a FUSE mount of its own: " << unavailable.what(); \
+  }
+
+TEST(MigrationOpenFilesHungMountTest, AMountElsewhereThatStopsAnsweringNeitherStallsTheCheckNorHidesTheOccupant) {
+  CORVANE_STALLING_FUSE_MOUNT(share);
+  TemporaryDirectory scratch;
+  const std::string item = scratch.child("Item");
+  writeFile(item + "/held.txt", "held\n");
+  auto holder = OccupantProcess::holdingFile(item + "/held.txt", O_RDONLY);
+  // Programs using the share the way programs use one: a file open, a working folder, a mapped file.
+  auto reader = OccupantProcess::holdingFile(share->child("item/held.txt"), O_RDONLY);
+  auto worker = OccupantProcess::workingIn(share->child("item"));
+  auto mapper = OccupantProcess::mapping(share->child("item/held.txt"));
+  const auto index = MigrationOpenFiles::fileIndex(scanned(item));
+  const auto stalled = share->stall();
+  EXPECT_EQ(checkedBeside(*share, [&] { return verdictOf(item, index); }), "held by " + std::to_string(holder.pid()));
+}
+
+TEST(MigrationOpenFilesHungMountTest, AScanThatCannotFinishInTimeLeavesTheStateUnknown) {
+  // The item itself lies on the mount that stops answering: the scan has to look there and cannot.
+  CORVANE_STALLING_FUSE_MOUNT(share);
+  const std::string item = share->child("item");
+  auto holder = OccupantProcess::holdingFile(item + "/held.txt", O_RDONLY);
+  MigrationManifest manifest;
+  for (const std::string path : {"", "held.txt"}) manifest[path] = *entryAt(path.empty() ? item : item + "/" + path);
+  const auto index = MigrationOpenFiles::fileIndex(manifest);
+  EXPECT_EQ(verdictOf(item, index), "held by " + std::to_string(holder.pid())) << "while the mount answers";
+  const ShortToolDeadlines brief;
+  const auto stalled = share->stall();
+  EXPECT_EQ(checkedBeside(*share, [&] { return verdictOf(item, index); }), "migration.preflight.occupancy_unknown");
 }
 
 TEST(MigrationOccupancyDescriptionTest, FiveOpenPathsShowTwoAndCountTheRest) {

@@ -10,6 +10,7 @@
 #include <sys/sysmacros.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <fstream>
 
 #include "catalogue/protected_locations.h"
@@ -132,26 +133,79 @@ TEST(MigrationSocketProbeTest, StandInProbesAreBelievedOnlyWhenTheyAnswerWellAnd
   EXPECT_TRUE(processIsReaped(std::stoi(readFile(pidFile)))) << "the hanging child was ended and reaped";
 }
 
-TEST(MigrationSocketOwnersTest, ParsesCommandNamesAndNamesNobodyWhenInDoubt) {
-  EXPECT_EQ(MigrationSocketOwners::parse("p101\ncpostgres\nf5\np102\ncpostgres\np230\ncElectron Helper (Renderer)\n"
-                                         "p231\ncrun\\x2dagent\ncstray\nk999\n"),
-            (std::vector<std::string>{"Electron Helper (Renderer)", "postgres", "run-agent", "stray"}));
-  EXPECT_EQ(MigrationSocketOwners::parse("cbefore-any-process\np1\n"), std::vector<std::string>{});
+// The kernel's short command name of a process forked from this test program.
+std::string commandOf(pid_t pid) {
+  const auto details = platform::describeProcess(pid);
+  return details ? lastComponent(details->executablePath).substr(0, 15) : std::string();
+}
+
+std::vector<pid_t> pidsOf(const std::vector<MigrationSocketOwners::Holder>& holders) {
+  std::vector<pid_t> pids;
+  for (const auto& holder : holders) pids.push_back(holder.pid);
+  std::sort(pids.begin(), pids.end());
+  return pids;
+}
+
+TEST(MigrationSocketOwnersTest, NamesTheServersOfASocketHoweverTheyBoundItAndNobodyWhenInDoubt) {
+  using Holder = MigrationSocketOwners::Holder;
+  const auto parsed = MigrationSocketOwners::parse(
+      "p101\ncpostgres\nf5\np102\ncpostgres\np230\ncElectron Helper (Renderer)\np231\ncrun\\x2dagent\nk999\n");
+  EXPECT_EQ(parsed, (std::vector<Holder>{{101, "postgres", {}},
+                                         {102, "postgres", {}},
+                                         {230, "Electron Helper (Renderer)", {}},
+                                         {231, "run-agent", {}}}));
+  EXPECT_EQ(MigrationSocketOwners::names(parsed),
+            (std::vector<std::string>{"Electron Helper (Renderer)", "postgres", "run-agent"}));
+  EXPECT_TRUE(MigrationSocketOwners::names(MigrationSocketOwners::parse("cbefore-any-process\np1\n")).empty());
   EXPECT_TRUE(MigrationSocketOwners::parse("").empty());
+  EXPECT_TRUE(MigrationSocketOwners::parse("p1\ncone\npbroken\ncother\n").empty()) << "unreadable output";
+
+  // Real servers: bound by the full path, by a name relative to their folder (the path is too long
+  // for an address), and reached through a linked folder. lsof finds only the first.
   TemporaryDirectory directory;
+  const std::string deep = directory.child(std::string(100, 'd'));
+  makeDirectories(deep);
+  ASSERT_EQ(symlink(deep.c_str(), directory.child("linked").c_str()), 0);
+  auto server = OccupantProcess::listening(directory.path(), "full.sock", OccupantSocket::stream, 3);
+  auto relative = OccupantProcess::listening(deep, "relative.sock", OccupantSocket::stream);
+  auto datagram = OccupantProcess::listening(deep, "datagram.sock", OccupantSocket::datagram);
+  const std::string command = commandOf(server.pid());
+  ASSERT_FALSE(command.empty());
+  const auto served = MigrationSocketOwners::holders(directory.child("full.sock"));
+  EXPECT_EQ(pidsOf(served).size(), 3u) << "the server and the two workers that hold its socket";
+  EXPECT_EQ(MigrationSocketOwners::names(served), std::vector<std::string>{command}) << "one program, named once";
+  for (const auto& path : {deep + "/relative.sock", directory.child("linked/relative.sock")}) {
+    const auto holders = MigrationSocketOwners::holders(path);
+    EXPECT_EQ(pidsOf(holders), std::vector<pid_t>{relative.pid()}) << path;
+    EXPECT_EQ(MigrationSocketOwners::names(holders), std::vector<std::string>{command}) << path;
+    ASSERT_EQ(holders.size(), 1u);
+    ASSERT_TRUE(holders[0].details);
+    EXPECT_EQ(holders[0].details->executablePath, platform::describeProcess(relative.pid())->executablePath);
+  }
+  EXPECT_EQ(pidsOf(MigrationSocketOwners::holders(deep + "/datagram.sock")), std::vector<pid_t>{datagram.pid()});
+
   makeStaleSocket(directory.child("stale.sock"));
   const std::string socket = directory.child("stale.sock");
-  EXPECT_TRUE(MigrationSocketOwners::lookup(socket, "/nonexistent/lsof").empty());
-  EXPECT_TRUE(MigrationSocketOwners::lookup(socket).empty()) << "nobody holds a stale socket";
-  EXPECT_TRUE(MigrationSocketOwners::lookup(directory.child("missing.sock")).empty());
+  EXPECT_TRUE(MigrationSocketOwners::holders(socket, "/nonexistent/lsof").empty());
+  EXPECT_TRUE(MigrationSocketOwners::holders(socket).empty()) << "nobody holds a stale socket";
+  EXPECT_TRUE(MigrationSocketOwners::holders(directory.child("missing.sock")).empty());
+  writeFile(directory.child("plain.sock"), "not a socket");
+  EXPECT_TRUE(MigrationSocketOwners::holders(directory.child("plain.sock")).empty());
   const auto hanging = writeScript(directory.path(), "hanging", "echo p1; echo cnever; exec sleep 30\n");
   {
     const ShortToolDeadlines brief;
-    EXPECT_TRUE(MigrationSocketOwners::lookup(socket, hanging).empty())
+    EXPECT_TRUE(MigrationSocketOwners::holders(socket, hanging).empty())
         << "a tool that does not finish in time names nobody";
   }
+  // Where lsof is the tool (macOS), its holders are described as the native ones are.
+  const auto listing =
+      writeScript(directory.path(), "listing", "printf 'p" + std::to_string(relative.pid()) + "\\ncserver\\n'\n");
+  const auto listed = MigrationSocketOwners::holders(socket, listing);
+  ASSERT_EQ(listed.size(), 1u);
+  EXPECT_EQ(listed[0].command, "server");
+  EXPECT_EQ(listed[0].details, platform::describeProcess(relative.pid()));
   const auto latin1 = writeScript(directory.path(), "latin1", "printf 'p1\\ncna\\357ve\\n'\n");
-  EXPECT_TRUE(MigrationSocketOwners::lookup(socket, latin1).empty()) << "names that are not UTF-8 are not believed";
+  EXPECT_TRUE(MigrationSocketOwners::holders(socket, latin1).empty()) << "names that are not UTF-8 are not believed";
 }
 
 MigrationPreflight::Services testServices() {
@@ -192,6 +246,18 @@ void gitInit(const std::string& directory) {
   ASSERT_TRUE(platform::runProcess(request).exit.succeeded());
 }
 
+// This git has no monitor daemon on Linux: a stand-in that runs as "git fsmonitor--daemon run"
+// serves the monitor's socket in `gitDirectory`, its program link kept in `bin`.
+OccupantProcess gitMonitorStandIn(const std::string& bin, const std::string& gitDirectory) {
+  makeDirectories(bin);
+  return OccupantProcess::listeningAs(bin + "/git", {"fsmonitor--daemon", "run"}, gitDirectory,
+                                      std::string(MigrationPreflight::kGitMonitorSocketName));
+}
+
+std::vector<std::string> buttonsFor(const std::vector<MigrationRuntimeBlocker>& blockers) {
+  return MigrationPreflight::question(blockers).buttons;
+}
+
 TEST(MigrationPreflightTest, BlockersOfARealItem) {
   TemporaryDirectory scratch;
   const std::string item = scratch.child("Project");
@@ -199,9 +265,10 @@ TEST(MigrationPreflightTest, BlockersOfARealItem) {
   gitInit(item + "/repo");
   // A server of three processes: its program is named once.
   auto server = OccupantProcess::listening(item + "/run", "server.sock", OccupantSocket::stream, 3);
-  const auto serverDetails = platform::describeProcess(server.pid());
-  ASSERT_TRUE(serverDetails);
-  auto monitor = OccupantProcess::listening(item + "/repo/.git", "fsmonitor--daemon.ipc", OccupantSocket::stream);
+  // A monitor's socket in a real git directory, held by another program, is an ordinary socket.
+  auto impersonator = OccupantProcess::listening(item + "/repo/.git", "fsmonitor--daemon.ipc", OccupantSocket::stream);
+  gitInit(item + "/watched");
+  auto monitor = gitMonitorStandIn(scratch.child("bin"), item + "/watched/.git");
   // A monitor-named socket where the directory is no git directory is an ordinary socket.
   writeFile(item + "/fake-git/.git/HEAD", "ref: refs/heads/main\n");
   writeFile(item + "/fake-git/.git/config", "");
@@ -222,23 +289,40 @@ TEST(MigrationPreflightTest, BlockersOfARealItem) {
   std::vector<std::string> expected = {"migration.preflight.fifo_busy busy.fifo",
                                        "migration.preflight.socket fake-git/.git/fsmonitor--daemon.ipc"};
   if (root) expected.push_back("migration.preflight.special null");
-  expected.push_back("migration.preflight.git_service repo/.git/fsmonitor--daemon.ipc");
+  expected.push_back("migration.preflight.socket repo/.git/fsmonitor--daemon.ipc");
   expected.push_back("migration.preflight.socket run/server.sock");
+  expected.push_back("migration.preflight.git_service watched/.git/fsmonitor--daemon.ipc");
   EXPECT_EQ(ScriptedPrompter::keys(assessment.blockers), expected);
   EXPECT_EQ(assessment.inactiveSockets, std::set<std::string>{"run/stale.sock"});
+  const std::vector<std::string> testProgram{commandOf(server.pid())};
   for (const auto& blocker : assessment.blockers) {
     if (blocker.key == "migration.preflight.git_service") {
-      EXPECT_EQ(blocker.gitDirectory, item + "/repo/.git");
+      EXPECT_EQ(blocker.gitDirectory, item + "/watched/.git");
     }
-    if (blocker.relativePath == "run/server.sock") {
-      // The server is a fork of this test program, so it carries the program's command name.
-      EXPECT_EQ(blocker.owners, std::vector<std::string>{lastComponent(serverDetails->executablePath).substr(0, 15)});
+    if (blocker.key == "migration.preflight.socket") {
+      // Every other server here, the impersonators too, is a fork of this test program.
+      EXPECT_EQ(blocker.owners, testProgram) << blocker.relativePath;
+      EXPECT_FALSE(blocker.gitDirectory) << blocker.relativePath;
     }
   }
+  // Only a git monitor among the blockers is offered "stop"; devices, pipes and other programs'
+  // sockets are for the user to end.
+  const auto stop = localized("migration.preflight.stop");
+  const auto buttons = buttonsFor(assessment.blockers);
+  EXPECT_EQ(buttons, (std::vector<std::string>{stop, localized("migration.preflight.retry"),
+                                               localized("migration.preflight.later")}));
+  auto others = assessment.blockers;
+  std::erase_if(others, [](const auto& blocker) { return blocker.key == "migration.preflight.git_service"; });
+  EXPECT_EQ(buttonsFor(others),
+            (std::vector<std::string>{localized("migration.preflight.retry"), localized("migration.preflight.later")}));
+  EXPECT_EQ(MigrationPreflight::choices(others), (std::vector<Choice>{Choice::retry, Choice::later}));
   // A socket the user approved no longer blocks; the git monitor still does.
   auto approved = ScriptedPrompter::keys(MigrationPreflight::blockers(
-      item, manifest, confirmed, {"run/server.sock", "repo/.git/fsmonitor--daemon.ipc"}, services));
-  expected.pop_back();
+      item, manifest, confirmed,
+      {"run/server.sock", "repo/.git/fsmonitor--daemon.ipc", "watched/.git/fsmonitor--daemon.ipc"}, services));
+  std::erase_if(expected, [](const std::string& key) {
+    return key.ends_with(" run/server.sock") || key.ends_with(" repo/.git/fsmonitor--daemon.ipc");
+  });
   EXPECT_EQ(approved, expected);
 }
 
@@ -286,14 +370,13 @@ TEST(MigrationPreflightTest, PlanLoopDefersRetriesAndStopsOnAFifoThatStaysBusyAn
 }
 
 TEST(MigrationPreflightTest, StoppingTheGitMonitorIsBelievedOnlyOnceItsSocketIsGone) {
-  // This git has no monitor daemon here: a child serves its socket in a real repository, and first the
-  // runner plays git ("stop" makes the daemon quit and remove its socket, "status" says nothing watches).
+  // A stand-in monitor serves the socket in a real repository, and first the runner plays git ("stop"
+  // makes the daemon quit and remove its socket, "status" says nothing watches).
   TemporaryDirectory scratch;
   const std::string item = scratch.child("Work");
   gitInit(item);
   const std::string gitDirectory = item + "/.git";
-  auto daemon = std::make_unique<OccupantProcess>(
-      OccupantProcess::listening(gitDirectory, "fsmonitor--daemon.ipc", OccupantSocket::stream));
+  auto daemon = std::make_unique<OccupantProcess>(gitMonitorStandIn(scratch.child("bin"), gitDirectory));
   std::vector<std::string> commands;
   auto services = testServices();
   services.run = [&](const std::string& executable, const std::vector<std::string>& arguments,
@@ -312,8 +395,7 @@ TEST(MigrationPreflightTest, StoppingTheGitMonitorIsBelievedOnlyOnceItsSocketIsG
   EXPECT_FALSE(plan.manifest.contains(".git/fsmonitor--daemon.ipc"));
   EXPECT_TRUE(stopping.alerts.empty());
   // The real git cannot stop a monitor here and says so: the item fails after an alert.
-  daemon = std::make_unique<OccupantProcess>(
-      OccupantProcess::listening(gitDirectory, "fsmonitor--daemon.ipc", OccupantSocket::stream));
+  daemon = std::make_unique<OccupantProcess>(gitMonitorStandIn(scratch.child("bin"), gitDirectory));
   ScriptedPrompter failing(Choice::stop);
   const auto issue = issueOf([&] { MigrationPreflight::plan(item, {}, failing, testServices()); });
   EXPECT_EQ(issue.key(), "migration.preflight.stop_failed");
@@ -329,6 +411,33 @@ TEST(MigrationPreflightTest, StoppingTheGitMonitorIsBelievedOnlyOnceItsSocketIsG
     };
     EXPECT_THROW(MigrationPreflight::stopGit(blockers, claimsSuccess), MigrationIssue) << statusOutput;
   }
+}
+
+// git's own monitor daemon, where this git can run one (not on Linux, as of git 2.39).
+TEST(MigrationPreflightTest, ARealGitMonitorIsOfferedStopAndIsStopped) {
+  TemporaryDirectory scratch;
+  const std::string item = scratch.child("Work");
+  gitInit(item);
+  auto git = [&](const std::vector<std::string>& arguments) {
+    platform::ProcessRequest request;
+    request.executable = std::string(MigrationPreflight::kGitExecutable);
+    request.arguments = {"-c", "core.fsmonitor=true"};
+    request.arguments.insert(request.arguments.end(), arguments.begin(), arguments.end());
+    request.workingDirectory = item;
+    return platform::runProcess(request);
+  };
+  const auto started = git({"fsmonitor--daemon", "start"});
+  if (!started.exit.succeeded()) {
+    GTEST_SKIP() << "this git cannot run its file system monitor daemon here: " << started.standardError;
+  }
+  struct StopAtTheEnd {
+    std::function<void()> stop;
+    ~StopAtTheEnd() { stop(); }
+  } stopAtTheEnd{[&] { git({"fsmonitor--daemon", "stop"}); }};
+  ScriptedPrompter stopping(Choice::stop);
+  const auto plan = MigrationPreflight::plan(item, {}, stopping, testServices());
+  EXPECT_EQ(stopping.asked, decltype(stopping.asked){{"migration.preflight.git_service .git/fsmonitor--daemon.ipc"}});
+  EXPECT_FALSE(plan.manifest.contains(".git/fsmonitor--daemon.ipc")) << "the daemon stopped and took its socket";
 }
 
 TEST(MigrationPreflightTest, ToolsAndGitDirectoriesAreNotFooledByTheEnvironmentOrLinks) {
