@@ -14,8 +14,8 @@
 #include "app/commands.h"
 #include "app/user_output.h"
 #include "cleaner/dev_cleaner_manager.h"
-#include "settings/localization.h"
 #include "settings/byte_format.h"
+#include "settings/localization.h"
 #include "support/main_queue.h"
 
 namespace corvane {

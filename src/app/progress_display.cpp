@@ -4,8 +4,8 @@
 
 #include <cmath>
 
-#include "settings/localization.h"
 #include "settings/byte_format.h"
+#include "settings/localization.h"
 #include "support/paths.h"
 
 namespace corvane {

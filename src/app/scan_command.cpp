@@ -6,8 +6,8 @@
 #include "app/commands.h"
 #include "app/user_output.h"
 #include "engine/migration_item_inspector.h"
-#include "settings/localization.h"
 #include "settings/byte_format.h"
+#include "settings/localization.h"
 
 namespace corvane {
 namespace {
