@@ -9,8 +9,10 @@
 #include "platform/unique_fd.h"
 
 namespace corvane::platform {
+namespace {
 
-std::vector<std::string> directoryNames(int directory, const std::string& pathForErrors) {
+// A listing of its own, so reading it leaves the caller's descriptor and its offset alone.
+DIR* openListing(int directory, const std::string& pathForErrors) {
   int listing = dup(directory);
   if (listing < 0) throwErrno(pathForErrors);
   DIR* stream = fdopendir(listing);
@@ -19,6 +21,13 @@ std::vector<std::string> directoryNames(int directory, const std::string& pathFo
     close(listing);
     throwErrno(saved, pathForErrors);
   }
+  return stream;
+}
+
+}  // namespace
+
+std::vector<std::string> directoryNames(int directory, const std::string& pathForErrors) {
+  DIR* stream = openListing(directory, pathForErrors);
   std::vector<std::string> names;
   errno = 0;
   while (dirent* item = readdir(stream)) {
@@ -34,14 +43,7 @@ std::vector<std::string> directoryNames(int directory, const std::string& pathFo
 
 std::optional<std::string> findFolderBelow(int directory, const std::string& path,
                                            const std::function<bool(std::string_view name)>& matches) {
-  int listing = dup(directory);
-  if (listing < 0) throwErrno(path);
-  DIR* stream = fdopendir(listing);
-  if (stream == nullptr) {
-    int saved = errno;
-    close(listing);
-    throwErrno(saved, path);
-  }
+  DIR* stream = openListing(directory, path);
   // The listing is closed before descending, so only one descriptor per level stays open.
   std::vector<std::string> folders;
   std::optional<std::string> found;
