@@ -88,6 +88,9 @@ class FstabManager {
   // longer the directory the user was shown.
   std::optional<FstabError> cleanupGhostDirectory(const std::string& path,
                                                   const GhostDirectoryContents* confirmed = nullptr);
+  // The refusal cleanupGhostDirectory would give before asking for anything (the guards and the
+  // identity check), so a repair can refuse before it unmounts the disk.
+  std::optional<FstabError> cleanupRefusal(const std::string& path, const GhostDirectoryContents* confirmed) const;
 
  private:
   Configuration configuration_;
