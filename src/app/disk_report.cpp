@@ -1,5 +1,6 @@
 #include "app/disk_report.h"
 
+#include <map>
 #include <nlohmann/json.hpp>
 
 #include "app/user_output.h"
@@ -83,10 +84,13 @@ std::vector<DiskReport> reportDisks(DiskManager& manager) {
 }
 
 void printDriftedLinks(const std::string& disk, const std::vector<DriftedLink>& links) {
-  if (links.empty()) return;
-  printLine(localizedFormat("cli.disks.drifted_links", links.size(), shellQuote(disk)));
-  for (const auto& link : links)
-    printLine(localizedFormat("cli.disks.drifted_link", link.originalPath, link.recordedTarget, link.currentTarget));
+  std::map<std::string, std::vector<const DriftedLink*>> byOldPath;
+  for (const auto& link : links) byOldPath[link.recordedVolume].push_back(&link);
+  for (const auto& [oldPath, group] : byOldPath) {
+    printLine(localizedFormat("cli.disks.drifted_links", group.size(), shellQuote(disk), oldPath, shellQuote(oldPath)));
+    for (const auto* link : group)
+      printLine(localizedFormat("cli.disks.drifted_link", link->originalPath, link->recordedTarget, link->currentTarget));
+  }
 }
 
 void printDiskReports(const std::vector<DiskReport>& reports, bool json) {

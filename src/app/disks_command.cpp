@@ -108,27 +108,41 @@ bool confirmedRemoval(const std::string& ghost, const GhostDirectoryContents& co
   return prompter->askChoice(question, 1) == 0;
 }
 
+// The disk whose links name `oldPath` as their mount path, when the vote found none there.
+std::optional<std::string> diskDriftedFrom(DiskManager& manager, const std::string& oldPath) {
+  for (const auto& disk : manager.externalDisks())
+    for (const auto& link : findDriftedLinks(disk, manager.volumesRoots()))
+      if (link.recordedVolume == oldPath) return disk;
+  return std::nullopt;
+}
+
 int runRepair(const DisksOptions& options) {
   DiskSession session(VolumeWatch::off);
+  auto& manager = session.manager;
   const std::string ghost = withoutTrailingSlash(absolutePath(options.ghost));
-  const auto& ghosts = session.manager.ghostPaths();
-  if (std::find(ghosts.begin(), ghosts.end(), ghost) == ghosts.end()) throw MigrationIssue("cli.disks.not_ghost", ghost);
-  const auto contents = session.manager.fstab().describeGhostDirectory(ghost);
-  if (!contents) throw MigrationIssue("cli.disks.not_ghost", ghost);
-  if (!confirmedRemoval(ghost, *contents, options.prompts)) {
+  const auto& ghosts = manager.ghostPaths();
+  const bool votedGhost = std::find(ghosts.begin(), ghosts.end(), ghost) != ghosts.end();
+  const auto driftedDisk = votedGhost ? std::nullopt : diskDriftedFrom(manager, ghost);
+  if (!votedGhost && !driftedDisk) throw MigrationIssue("cli.disks.not_ghost", ghost);
+
+  const auto contents = manager.fstab().describeGhostDirectory(ghost);
+  if (votedGhost && !contents) throw MigrationIssue("cli.disks.not_ghost", ghost);
+  if (contents && !confirmedRemoval(ghost, *contents, options.prompts)) {
     printLine(localized("cli.disks.repair.declined"));
     return kExitSuccess;
   }
   std::optional<std::pair<bool, std::optional<std::string>>> result;
-  session.manager.fixGhostDirectory(
-      ghost, [&](bool success, std::optional<std::string> message) { result.emplace(success, std::move(message)); },
-      *contents);
+  auto completion = [&](bool success, std::optional<std::string> message) { result.emplace(success, std::move(message)); };
+  if (votedGhost)
+    manager.fixGhostDirectory(ghost, completion, contents);
+  else
+    manager.remountDriftedDisk(*driftedDisk, ghost, completion, contents);
   session.runUntil([&] { return result.has_value(); });
   if (!result || !result->first) {
     printErrorLine(result && result->second ? *result->second : localized("error.unexpected"));
     return kExitFailure;
   }
-  printLine(localizedFormat("cli.disks.repair.done", ghost));
+  printLine(localizedFormat(contents ? "cli.disks.repair.done" : "cli.disks.repair.remounted", ghost));
   if (result->second) printLine(*result->second);
   return kExitSuccess;
 }

@@ -6,6 +6,7 @@
 
 #include "disks/volume_acceptance.h"
 #include "disks/write_probe.h"
+#include "platform/volume_description.h"
 #include "settings/localization.h"
 #include "support/diagnostic_log.h"
 #include "support/paths.h"
@@ -317,15 +318,39 @@ void DiskManager::publishDrift(DriftFindings findings) {
 void DiskManager::fixGhostDirectory(const std::string& path, Completion completion,
                                     std::optional<GhostDirectoryContents> confirmed) {
   logInfo("开始执行智能修复: " + path);
-  // The guards of the removal run before the disk is unmounted, so a refused path leaves the
-  // disk where it is.
-  if (auto refusal = fstab_.cleanupRefusal(path, confirmed ? &*confirmed : nullptr)) {
-    completion(false, fstabFailureText(*refusal));
-    return;
-  }
   std::optional<std::string> node;
   if (auto found = driftDisksMap_.find(path); found != driftDisksMap_.end()) node = found->second;
-  runInBackground([this, path, node, confirmed, completion = std::move(completion)](const std::stop_token&) {
+  repairDrift(path, node, true, std::move(completion), std::move(confirmed));
+}
+
+void DiskManager::remountDriftedDisk(const std::string& disk, const std::string& expectedPath, Completion completion,
+                                     std::optional<GhostDirectoryContents> confirmed) {
+  logInfo("开始执行智能修复: " + expectedPath);
+  const auto node = fstab_.getDeviceNode(disk);
+  if (!node || !platform::isMountPoint(disk)) {
+    completion(false, localizedFormat("disks.remount.no_device", disk));
+    return;
+  }
+  // A folder there that holds files must go first (and only the one the user was shown); an
+  // empty one or none is mounted over as it is.
+  repairDrift(expectedPath, node, fstab_.checkGhostDirectory(expectedPath), std::move(completion),
+              std::move(confirmed));
+}
+
+void DiskManager::repairDrift(const std::string& path, std::optional<std::string> node, bool removeGhost,
+                              Completion completion, std::optional<GhostDirectoryContents> confirmed) {
+  // The guards of the removal run before the disk is unmounted, so a refused path leaves the
+  // disk where it is.
+  if (removeGhost) {
+    if (auto refusal = fstab_.cleanupRefusal(path, confirmed ? &*confirmed : nullptr)) {
+      completion(false, fstabFailureText(*refusal));
+      return;
+    }
+  } else if (!configuration_.volumesRoots.contains(path) || platform::isMountPoint(path)) {
+    completion(false, localizedFormat("disks.remount.refused", path));
+    return;
+  }
+  runInBackground([this, path, node, removeGhost, confirmed, completion = std::move(completion)](const std::stop_token&) {
     platform::VolumeMounter mounter(configuration_.mounter);
     if (node) {
       logInfo("🔗 关联漂移设备: " + *node);
@@ -339,14 +364,15 @@ void DiskManager::fixGhostDirectory(const std::string& path, Completion completi
     } else {
       logWarning("⚠️ 未找到关联的设备节点，退化为普通清理");
     }
-    auto failure = fstab_.cleanupGhostDirectory(path, confirmed ? &*confirmed : nullptr);
-    if (failure) {
-      mainQueue_.post(guarded([failure = std::move(*failure), completion](DiskManager&) {
-        completion(false, fstabFailureText(failure));
-      }));
-      return;
+    if (removeGhost) {
+      if (auto failure = fstab_.cleanupGhostDirectory(path, confirmed ? &*confirmed : nullptr)) {
+        mainQueue_.post(guarded([failure = std::move(*failure), completion](DiskManager&) {
+          completion(false, fstabFailureText(failure));
+        }));
+        return;
+      }
+      logInfo("✅ 幽灵目录清理成功");
     }
-    logInfo("✅ 幽灵目录清理成功");
     bool remounted = false;
     if (node) remounted = mounter.mount(*node, path).exitStatus == 0;
     mainQueue_.post(guarded([node, remounted, completion](DiskManager& manager) {

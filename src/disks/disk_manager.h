@@ -115,6 +115,11 @@ class DiskManager {
   // `confirmed` is given, the directory must still be the one the user was shown.
   void fixGhostDirectory(const std::string& path, Completion completion,
                          std::optional<GhostDirectoryContents> confirmed = std::nullopt);
+  // The same repair for a disk whose links name an old mount path (`expectedPath`) that no vote
+  // found: the disk mounted at `disk` is unmounted and mounted at `expectedPath`, after the
+  // ghost folder there (if one holds files, and only the one the user was shown) is removed.
+  void remountDriftedDisk(const std::string& disk, const std::string& expectedPath, Completion completion,
+                          std::optional<GhostDirectoryContents> confirmed = std::nullopt);
 
  private:
   using Lifetime = std::weak_ptr<DiskManager*>;
@@ -126,6 +131,8 @@ class DiskManager {
   void setProtected(bool isProtected);
   void publishDrift(DriftFindings findings);
   void pollingTick();
+  void repairDrift(const std::string& path, std::optional<std::string> node, bool removeGhost, Completion completion,
+                   std::optional<GhostDirectoryContents> confirmed);
   void notify(DiskChange change) { observers_.notify(change); }
   // Runs `work` on a background thread; what it posts runs only while the manager exists.
   void runInBackground(std::function<void(const std::stop_token&)> work);

@@ -7,6 +7,7 @@
 
 #include "engine/item_test_support.h"
 #include "engine/manifest/migration_link_plan.h"
+#include "fixtures/shell_administrator_runner.h"
 #include "fixtures/corvane_binary.h"
 #include "fixtures/sample_tree.h"
 #include "fixtures/test_volume.h"
@@ -18,16 +19,6 @@ namespace {
 
 using Kind = MigrationEntry::Kind;
 
-// Runs each command with /bin/sh -c as pkexec would after a granted dialog, keeping every text;
-// `beforeRun` changes the world just before a run, `dismissed` answers as a cancelled dialog.
-struct ShellAdministratorRunner final : platform::AdministratorRunner {
-  platform::AdministratorResult run(const std::string& command) override {
-    commands.push_back(command);
-    if (dismissed) return platform::interpretShellLauncherResult({126, 0}, "");
-    if (beforeRun) beforeRun(command);
-    platform::ProcessRequest request;
-    request.executable = "/bin/sh";
-    request.arguments = {"-c", command};
     auto result = platform::runProcess(request);
     return platform::interpretShellLauncherResult(result.exit, result.standardOutput + result.standardError);
   }
