@@ -89,7 +89,8 @@ void printDriftedLinks(const std::string& disk, const std::vector<DriftedLink>& 
   for (const auto& [oldPath, group] : byOldPath) {
     printLine(localizedFormat("cli.disks.drifted_links", group.size(), shellQuote(disk), oldPath, shellQuote(oldPath)));
     for (const auto* link : group)
-      printLine(localizedFormat("cli.disks.drifted_link", link->originalPath, link->recordedTarget, link->currentTarget));
+      printLine(
+          localizedFormat("cli.disks.drifted_link", link->originalPath, link->recordedTarget, link->currentTarget));
   }
 }
 
@@ -105,7 +106,8 @@ void printDiskReports(const std::vector<DiskReport>& reports, bool json) {
     return;
   }
   for (const auto& report : reports) {
-    printLine(localizedFormat("cli.disks.disk", report.path, report.label.value_or("-"), report.fileSystem.value_or("-")));
+    printLine(
+        localizedFormat("cli.disks.disk", report.path, report.label.value_or("-"), report.fileSystem.value_or("-")));
     if (report.freeBytes) printLine(localizedFormat("cli.disks.free", formatByteCount(*report.freeBytes)));
     if (report.isDestination) printLine(localized("cli.disks.destination"));
     printLine(localized(report.isProtected ? "cli.disks.protected" : "cli.disks.unprotected"));

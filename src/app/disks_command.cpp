@@ -54,9 +54,11 @@ void watchDisks(DiskSession& session) {
     if (change != DiskChange::externalDisks) return;
     const auto& now = session.manager.externalDisks();
     for (const auto& disk : now)
-      if (std::find(shown.begin(), shown.end(), disk) == shown.end()) printLine(localizedFormat("cli.disks.appeared", disk));
+      if (std::find(shown.begin(), shown.end(), disk) == shown.end())
+        printLine(localizedFormat("cli.disks.appeared", disk));
     for (const auto& disk : shown)
-      if (std::find(now.begin(), now.end(), disk) == now.end()) printLine(localizedFormat("cli.disks.disappeared", disk));
+      if (std::find(now.begin(), now.end(), disk) == now.end())
+        printLine(localizedFormat("cli.disks.disappeared", disk));
     shown = now;
   });
   printLine(localized("cli.disks.watching"));
@@ -99,11 +101,13 @@ bool confirmedRemoval(const std::string& ghost, const GhostDirectoryContents& co
   printLine(localizedFormat("ghost_files.message", ghost));
   std::string names;
   for (const auto& name : contents.firstNames) names += (names.empty() ? "" : ", ") + name;
-  printLine(localizedFormat("cli.disks.ghost_contents", contents.entryCount, formatByteCount(contents.totalBytes), names));
+  printLine(
+      localizedFormat("cli.disks.ghost_contents", contents.entryCount, formatByteCount(contents.totalBytes), names));
   if (prompts.yes) return true;
   if (prompts.defer || !isatty(STDIN_FILENO)) throw MigrationIssue("cli.disks.repair.no_terminal");
   auto prompter = TerminalPrompter::onStandardStreams(PresetAnswer::none);
-  const MigrationPreflightQuestion question{localized("ghost_files.title"), localized("cli.disks.repair.question"),
+  const MigrationPreflightQuestion question{localized("ghost_files.title"),
+                                            localized("cli.disks.repair.question"),
                                             {localized("ghost_files.action"), localized("cli.disks.repair.keep")}};
   return prompter->askChoice(question, 1) == 0;
 }
@@ -132,7 +136,9 @@ int runRepair(const DisksOptions& options) {
     return kExitSuccess;
   }
   std::optional<std::pair<bool, std::optional<std::string>>> result;
-  auto completion = [&](bool success, std::optional<std::string> message) { result.emplace(success, std::move(message)); };
+  auto completion = [&](bool success, std::optional<std::string> message) {
+    result.emplace(success, std::move(message));
+  };
   if (votedGhost)
     manager.fixGhostDirectory(ghost, completion, contents);
   else

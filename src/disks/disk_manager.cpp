@@ -159,7 +159,8 @@ void DiskManager::verifyAndRefreshExternalDiskAccess() {
   if (const auto failure = probeWrite(*destinationPath_, kAccessProbePrefix)) {
     logError("❌ 外部磁盘访问权限不足: " + *failure);
     logInfo("💡 正在申请外部磁盘访问权限...");
-    mainQueue_.post(guarded([failure = *failure](DiskManager& manager) { manager.requestPermanentDiskAccess(failure); }));
+    mainQueue_.post(
+        guarded([failure = *failure](DiskManager& manager) { manager.requestPermanentDiskAccess(failure); }));
     return;
   }
   logInfo("✅ 外部磁盘访问权限已获得，可以正常写入");
@@ -210,7 +211,8 @@ void DiskManager::checkDiskProtectionStatus() {
     const bool isProtected = fstab_.isDiskProtected(destination);
     queue->post(guarded([destination, isProtected](DiskManager& manager) {
       manager.setProtected(isProtected);
-      logInfo("🛡️ 磁盘保护状态: " + lastComponent(destination) + " -> " + (isProtected ? "已开启" : "未开启"));
+      logInfo("🛡️ 磁盘保护状态: " + lastComponent(destination) + " -> " +
+              (isProtected ? "已开启" : "未开启"));
     }));
   });
 }
@@ -350,41 +352,42 @@ void DiskManager::repairDrift(const std::string& path, std::optional<std::string
     completion(false, localizedFormat("disks.remount.refused", path));
     return;
   }
-  runInBackground([this, path, node, removeGhost, confirmed, completion = std::move(completion)](const std::stop_token&) {
-    platform::VolumeMounter mounter(configuration_.mounter);
-    if (node) {
-      logInfo("🔗 关联漂移设备: " + *node);
-      const auto unmounted = mounter.unmount(*node);
-      if (!unmounted.launched)
-        logError("执行过程出错: " + unmounted.error);
-      else if (unmounted.exitStatus == 0)
-        logInfo("✅ 漂移盘卸载成功");
-      else
-        logWarning("⚠️ 卸载可能失败，尝试继续清理...");
-    } else {
-      logWarning("⚠️ 未找到关联的设备节点，退化为普通清理");
-    }
-    if (removeGhost) {
-      if (auto failure = fstab_.cleanupGhostDirectory(path, confirmed ? &*confirmed : nullptr)) {
-        mainQueue_.post(guarded([failure = std::move(*failure), completion](DiskManager&) {
-          completion(false, fstabFailureText(failure));
+  runInBackground(
+      [this, path, node, removeGhost, confirmed, completion = std::move(completion)](const std::stop_token&) {
+        platform::VolumeMounter mounter(configuration_.mounter);
+        if (node) {
+          logInfo("🔗 关联漂移设备: " + *node);
+          const auto unmounted = mounter.unmount(*node);
+          if (!unmounted.launched)
+            logError("执行过程出错: " + unmounted.error);
+          else if (unmounted.exitStatus == 0)
+            logInfo("✅ 漂移盘卸载成功");
+          else
+            logWarning("⚠️ 卸载可能失败，尝试继续清理...");
+        } else {
+          logWarning("⚠️ 未找到关联的设备节点，退化为普通清理");
+        }
+        if (removeGhost) {
+          if (auto failure = fstab_.cleanupGhostDirectory(path, confirmed ? &*confirmed : nullptr)) {
+            mainQueue_.post(guarded([failure = std::move(*failure), completion](DiskManager&) {
+              completion(false, fstabFailureText(failure));
+            }));
+            return;
+          }
+          logInfo("✅ 幽灵目录清理成功");
+        }
+        bool remounted = false;
+        if (node) remounted = mounter.mount(*node, path).exitStatus == 0;
+        mainQueue_.post(guarded([node, remounted, completion](DiskManager& manager) {
+          manager.checkForDriftedDisks();
+          if (!node) {
+            completion(true, localized("ghost_files.repair.no_device"));
+            return;
+          }
+          manager.detectExternalDisks();
+          completion(true, remounted ? std::nullopt : std::optional(localized("ghost_files.repair.remount_failed")));
         }));
-        return;
-      }
-      logInfo("✅ 幽灵目录清理成功");
-    }
-    bool remounted = false;
-    if (node) remounted = mounter.mount(*node, path).exitStatus == 0;
-    mainQueue_.post(guarded([node, remounted, completion](DiskManager& manager) {
-      manager.checkForDriftedDisks();
-      if (!node) {
-        completion(true, localized("ghost_files.repair.no_device"));
-        return;
-      }
-      manager.detectExternalDisks();
-      completion(true, remounted ? std::nullopt : std::optional(localized("ghost_files.repair.remount_failed")));
-    }));
-  });
+      });
 }
 
 }  // namespace corvane

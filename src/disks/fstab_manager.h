@@ -39,9 +39,12 @@ struct GhostDirectoryContents {
   std::uint64_t entryCount = 0;         // everything inside, at every depth
   std::int64_t totalBytes = 0;          // sizes of the regular files inside
   std::vector<std::string> firstNames;  // the first names directly inside, in listing order
+  bool countStopped = false;            // the tree was larger than what was counted
   dev_t device = 0;
   ino_t inode = 0;
 };
+
+inline constexpr std::uint64_t kGhostCountLimit = 100000;
 
 class FstabManager {
  public:
@@ -93,6 +96,9 @@ class FstabManager {
   std::optional<FstabError> cleanupRefusal(const std::string& path, const GhostDirectoryContents* confirmed) const;
 
  private:
+  std::optional<std::string> fileSystemTypeOf(const std::string& volumePath) const;
+  std::string entryFor(const std::string& uuid, const std::string& volumePath) const;
+
   Configuration configuration_;
   std::mutex cacheLock_;
   std::map<std::string, std::string> uuidCache_;

@@ -54,7 +54,8 @@ void replaceLink(const std::string& linkPath, const MigrationEntry& expected, co
 void relinkOne(const std::string& disk, const DriftedLink& link) {
   MigrationFileSafety::requireDefinitePath(link.originalPath);
   MigrationFileSafety::requireInsideDisk(link.currentTarget, {disk});
-  if (!MigrationEntry::read(link.currentTarget, AT_FDCWD)) throw MigrationIssue("error.item_not_found", link.currentTarget);
+  if (!MigrationEntry::read(link.currentTarget, AT_FDCWD))
+    throw MigrationIssue("error.item_not_found", link.currentTarget);
   const auto current = MigrationEntry::read(link.originalPath, AT_FDCWD);
   if (!current || current->kind != MigrationEntry::Kind::symbolicLink)
     throw MigrationIssue("migration.preflight.restore_not_link", link.originalPath);
@@ -94,7 +95,8 @@ std::vector<DriftedLink> findDriftedLinks(const std::string& disk, const std::ve
     if (!recordedVolume || *recordedVolume == disk || platform::isMountPoint(*recordedVolume)) continue;
     const auto currentTarget = rebased(record.targetPath, *recordedVolume, disk);
     if (!currentTarget || !MigrationEntry::read(*currentTarget, AT_FDCWD)) continue;
-    drifted.push_back({record.id, record.appName, record.originalPath, *recordedVolume, record.targetPath, *currentTarget});
+    drifted.push_back(
+        {record.id, record.appName, record.originalPath, *recordedVolume, record.targetPath, *currentTarget});
   }
   return drifted;
 }

@@ -11,9 +11,9 @@ const char* truth(bool value) { return value ? "true" : "false"; }
 }  // namespace
 
 bool isExcludedVolumePath(const std::string& path) {
-  static constexpr std::array<std::string_view, 4> kExcluded = {
-      "/Volumes/com.apple.TimeMachine", "/.MobileBackups", "/Library/Developer/CoreSimulator",
-      "/CoreSimulator/Volumes"};
+  static constexpr std::array<std::string_view, 4> kExcluded = {"/Volumes/com.apple.TimeMachine", "/.MobileBackups",
+                                                                "/Library/Developer/CoreSimulator",
+                                                                "/CoreSimulator/Volumes"};
   for (const auto excluded : kExcluded)
     if (path.find(excluded) != std::string::npos) return true;
   return false;

@@ -1,3 +1,4 @@
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
@@ -43,11 +44,12 @@ class DisksCommandTest : public ::testing::Test {
     mkdir(root().c_str(), 0755);
     disk_->mount(at("Backup"));
     item_ = internal_->child("home/me/Project");
-    buildSampleTree(item_);
+    writeFile(item_ + "/src/main.c", "int main(void) { return 0; }\n");
+    writeFile(item_ + "/README", "a project\n");
     ASSERT_TRUE(git(item_, {"init", "-q"}).exit.succeeded());
     ASSERT_TRUE(git(item_, {"add", "-A"}).exit.succeeded());
-    ASSERT_TRUE(git(item_, {"-c", "user.name=T", "-c", "user.email=t@example.com", "commit", "-qm", "start"})
-                    .exit.succeeded());
+    ASSERT_TRUE(
+        git(item_, {"-c", "user.name=T", "-c", "user.email=t@example.com", "commit", "-qm", "start"}).exit.succeeded());
     writeFile(work_.child("launcher"), "#!/bin/sh\nexec \"$@\"\n");
     chmod(work_.child("launcher").c_str(), 0755);
   }
@@ -70,7 +72,7 @@ class DisksCommandTest : public ::testing::Test {
     auto status = git(item_, {"status", "--porcelain"});
     EXPECT_TRUE(status.exit.succeeded()) << status.standardError;
     EXPECT_EQ(status.standardOutput, "");
-    EXPECT_EQ(readFile(item_ + "/Contents/Info.plist"), "<plist>sample</plist>\n");
+    EXPECT_EQ(readFile(item_ + "/src/main.c"), "int main(void) { return 0; }\n");
   }
 
   std::string root() const { return work_.child("Volumes"); }

@@ -7,9 +7,9 @@
 
 #include "engine/item_test_support.h"
 #include "engine/manifest/migration_link_plan.h"
-#include "fixtures/shell_administrator_runner.h"
 #include "fixtures/corvane_binary.h"
 #include "fixtures/sample_tree.h"
+#include "fixtures/shell_administrator_runner.h"
 #include "fixtures/test_volume.h"
 #include "platform/file_system.h"
 #include "platform/process.h"
@@ -18,14 +18,6 @@ namespace corvane {
 namespace {
 
 using Kind = MigrationEntry::Kind;
-
-    auto result = platform::runProcess(request);
-    return platform::interpretShellLauncherResult(result.exit, result.standardOutput + result.standardError);
-  }
-  std::vector<std::string> commands;
-  std::function<void(const std::string& command)> beforeRun;
-  bool dismissed = false;
-};
 
 // An item on an internal volume and its copy on an external one; as root, a permission reference
 // on a read-only volume makes the item count as not deletable, so commands go to the runner.

@@ -1,0 +1,83 @@
+#include "disks/fstab_commands.h"
+
+#include <cstdio>
+
+#include "support/paths.h"
+#include "support/shell_quote.h"
+#include "support/uuid.h"
+
+namespace corvane {
+namespace {
+
+std::string replaceAll(std::string text, const std::string& from, const std::string& to) {
+  for (std::size_t at = text.find(from); at != std::string::npos; at = text.find(from, at + to.size()))
+    text.replace(at, from.size(), to);
+  return text;
+}
+
+// Backslashes doubled, then double quotes escaped: the inside of an AppleScript string.
+std::string appleScriptQuoted(const std::string& text) {
+  return replaceAll(replaceAll(text, "\\", "\\\\"), "\"", "\\\"");
+}
+
+}  // namespace
+
+std::string fstabLine(const std::string& uuid, const std::string& volumePath, const std::string& fileSystemType,
+                      const std::string& options, bool escapeControl) {
+  std::string field;
+  for (const char c : volumePath) {
+    if (c == ' ') {
+      field += "\\040";
+    } else if (escapeControl && (c == '\t' || c == '\n' || c == '\\')) {
+      char octal[5];
+      std::snprintf(octal, sizeof octal, "\\%03o", static_cast<unsigned char>(c));
+      field += octal;
+    } else {
+      field += c;
+    }
+  }
+  return "UUID=" + uuid + "    " + field + "    " + fileSystemType + "    " + options;
+}
+
+std::string manualProtectionCommand(const std::string& uuid, const std::string& line) {
+  // A single quote inside the line would end the quoted text early.
+  return "grep -q \"UUID=" + uuid + "\" /etc/fstab 2>/dev/null || echo '" + replaceAll(line, "'", "'\\''") +
+         "' | sudo tee -a /etc/fstab";
+}
+
+std::string macProtectionAppleScript(const std::string& fstabPath, const std::string& line) {
+  // Escaped twice over: once for the echo's quotes, once more for the script's own quoting.
+  const std::string safe = replaceAll(replaceAll(line, "'", "'\\''"), "'", "'\\''");
+  const std::string& f = fstabPath;
+  const std::string commands = "if [ -f " + f + " ]; then chflags nouchg " + f + "; fi" + "; " + "if [ -f " + f +
+                               " ]; then cp " + f + " " + f + ".bak; fi" + "; " + "if [ ! -f " + f + " ]; then echo '" +
+                               safe + "' | tee " + f + " >/dev/null; else echo '\\n" + safe + "' | tee -a " + f +
+                               " >/dev/null; fi" + "; " + "chown root:wheel " + f + "; chmod 644 " + f;
+  return "do shell script \"" + appleScriptQuoted(commands) + "\" with administrator privileges";
+}
+
+std::string macTerminalAppleScript(const std::string& command) {
+  return "tell application \"Terminal\"\n    activate\n    do script \"" + appleScriptQuoted(command) +
+         "\"\nend tell";
+}
+
+std::string macGhostRemovalAppleScript(const std::string& path) {
+  const std::string command = replaceAll("rm -rf \"" + path + "\"", "\"", "\\\"");
+  return "do shell script \"" + command + "\" with administrator privileges";
+}
+
+std::string linuxProtectionCommand(const std::string& fstabPath, const std::string& line) {
+  const std::string f = shellQuote(fstabPath);
+  const std::string t = shellQuote(joinPath(parentPath(fstabPath), ".fstab.corvane-" + makeUuidString()));
+  return "set -e; trap 'rm -f -- " + replaceAll(t, "'", "'\\''") + "' EXIT; " +
+         "if [ -f " + f + " ]; then cp -p -- " + f + " " + shellQuote(fstabPath + ".bak") + "; cat -- " + f + " > " +
+         t + "; if [ -n \"$(tail -c 1 -- " + f + ")\" ]; then echo >> " + t + "; fi; else : > " + t + "; fi; " +
+         "printf '%s\\n' " + shellQuote(line) + " >> " + t + "; " +
+         "if command -v findmnt >/dev/null 2>&1; then findmnt --verify --tab-file " + t + " >&2; fi; " +
+         "chmod 644 " + t + "; chown 0:0 " + t + "; mv -f -- " + t + " " + f + "; sync -- " +
+         shellQuote(parentPath(fstabPath));
+}
+
+std::string linuxGhostRemovalCommand(const std::string& path) { return "rm -rf -- " + shellQuote(path); }
+
+}  // namespace corvane
