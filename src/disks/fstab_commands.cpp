@@ -57,8 +57,7 @@ std::string macProtectionAppleScript(const std::string& fstabPath, const std::st
 }
 
 std::string macTerminalAppleScript(const std::string& command) {
-  return "tell application \"Terminal\"\n    activate\n    do script \"" + appleScriptQuoted(command) +
-         "\"\nend tell";
+  return "tell application \"Terminal\"\n    activate\n    do script \"" + appleScriptQuoted(command) + "\"\nend tell";
 }
 
 std::string macGhostRemovalAppleScript(const std::string& path) {
@@ -69,11 +68,10 @@ std::string macGhostRemovalAppleScript(const std::string& path) {
 std::string linuxProtectionCommand(const std::string& fstabPath, const std::string& line) {
   const std::string f = shellQuote(fstabPath);
   const std::string t = shellQuote(joinPath(parentPath(fstabPath), ".fstab.corvane-" + makeUuidString()));
-  return "set -e; trap 'rm -f -- " + replaceAll(t, "'", "'\\''") + "' EXIT; " +
-         "if [ -f " + f + " ]; then cp -p -- " + f + " " + shellQuote(fstabPath + ".bak") + "; cat -- " + f + " > " +
-         t + "; if [ -n \"$(tail -c 1 -- " + f + ")\" ]; then echo >> " + t + "; fi; else : > " + t + "; fi; " +
-         "printf '%s\\n' " + shellQuote(line) + " >> " + t + "; " +
-         "if command -v findmnt >/dev/null 2>&1; then findmnt --verify --tab-file " + t + " >&2; fi; " +
+  return "set -e; trap 'rm -f -- " + replaceAll(t, "'", "'\\''") + "' EXIT; " + "if [ -f " + f + " ]; then cp -p -- " +
+         f + " " + shellQuote(fstabPath + ".bak") + "; cat -- " + f + " > " + t + "; if [ -n \"$(tail -c 1 -- " + f +
+         ")\" ]; then echo >> " + t + "; fi; else : > " + t + "; fi; " + "printf '%s\\n' " + shellQuote(line) + " >> " +
+         t + "; " + "if command -v findmnt >/dev/null 2>&1; then findmnt --verify --tab-file " + t + " >&2; fi; " +
          "chmod 644 " + t + "; chown 0:0 " + t + "; mv -f -- " + t + " " + f + "; sync -- " +
          shellQuote(parentPath(fstabPath));
 }

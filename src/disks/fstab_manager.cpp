@@ -255,7 +255,7 @@ std::optional<GhostDirectoryContents> FstabManager::describeGhostDirectory(const
 }
 
 std::optional<FstabError> FstabManager::cleanupRefusal(const std::string& path,
-                                                      const GhostDirectoryContents* confirmed) const {
+                                                       const GhostDirectoryContents* confirmed) const {
   if (isMountPoint(path)) return error(-999, "Target is a mount point! Aborting cleanup.", "fstab.error.mount_point");
   if (!VolumesRoots(configuration_.volumesRoots).contains(path))
     return error(-998, "Safety guard: Only /Volumes paths are allowed.", "fstab.error.outside_volumes");
@@ -274,7 +274,7 @@ std::optional<FstabError> FstabManager::cleanupRefusal(const std::string& path,
 }
 
 std::optional<FstabError> FstabManager::cleanupGhostDirectory(const std::string& path,
-                                                             const GhostDirectoryContents* confirmed) {
+                                                              const GhostDirectoryContents* confirmed) {
   if (isMountPoint(path)) return error(-999, "Target is a mount point! Aborting cleanup.", "fstab.error.mount_point");
   logInfo("准备清理幽灵目录: " + path);
   if (auto refusal = cleanupRefusal(path, confirmed)) return refusal;

@@ -1,10 +1,10 @@
-#include "platform/linux/block_device_class.h"
-
 #include <sys/sysmacros.h>
 #include <unistd.h>
 
 #include <filesystem>
 #include <fstream>
+
+#include "platform/linux/block_device_class.h"
 
 namespace corvane::platform {
 namespace {
@@ -42,7 +42,8 @@ BlockDeviceClass classifyBlockDevice(dev_t device, const std::string& sysfsRoot)
 
   bool removable = false;
   const fs::path root = fs::path(sysfsRoot) / "devices";
-  for (fs::path directory = place; directory.string().size() > root.string().size(); directory = directory.parent_path()) {
+  for (fs::path directory = place; directory.string().size() > root.string().size();
+       directory = directory.parent_path()) {
     if (removableFlagSet(directory) || isRemovableBus(directory)) {
       removable = true;
       break;

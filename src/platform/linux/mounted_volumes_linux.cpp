@@ -1,7 +1,6 @@
-#include "platform/mounted_volumes.h"
-
 #include "platform/linux/block_device_class.h"
 #include "platform/linux/mount_table.h"
+#include "platform/mounted_volumes.h"
 
 namespace corvane::platform {
 

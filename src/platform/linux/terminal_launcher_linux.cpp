@@ -1,11 +1,10 @@
-#include "platform/terminal_launcher.h"
-
 #include <unistd.h>
 
 #include <cstdlib>
 #include <thread>
 
 #include "platform/process.h"
+#include "platform/terminal_launcher.h"
 #include "support/diagnostic_log.h"
 
 namespace corvane::platform {

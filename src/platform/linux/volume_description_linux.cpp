@@ -1,5 +1,3 @@
-#include "platform/volume_description.h"
-
 #include <blkid.h>
 #include <sys/stat.h>
 
@@ -10,6 +8,7 @@
 
 #include "platform/linux/mount_table.h"
 #include "platform/posix_error.h"
+#include "platform/volume_description.h"
 
 namespace corvane::platform {
 namespace {

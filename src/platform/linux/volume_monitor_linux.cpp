@@ -1,5 +1,3 @@
-#include "platform/volume_monitor.h"
-
 #include <libmount.h>
 #include <poll.h>
 #include <sys/eventfd.h>
@@ -13,6 +11,7 @@
 #include "platform/linux/mount_table.h"
 #include "platform/posix_error.h"
 #include "platform/unique_fd.h"
+#include "platform/volume_monitor.h"
 #include "support/diagnostic_log.h"
 
 namespace corvane::platform {

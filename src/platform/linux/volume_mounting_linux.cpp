@@ -1,10 +1,9 @@
-#include "platform/volume_mounting.h"
-
 #include <unistd.h>
 
 #include <cstdlib>
 
 #include "platform/process.h"
+#include "platform/volume_mounting.h"
 #include "support/shell_quote.h"
 
 namespace corvane::platform {
@@ -68,9 +67,9 @@ MountCommandResult VolumeMounter::unmount(const std::string& deviceNode) {
 MountCommandResult VolumeMounter::mount(const std::string& deviceNode, const std::string& expectedPath) {
   if (const auto udisksctl = udisksctlIn(configuration_.udisksctl); !udisksctl.empty())
     return runTool(udisksctl, {"mount", "-b", deviceNode});
-  return runAsAdministrator(configuration_.administratorRunner.get(),
-                            "mkdir -p -- " + shellQuote(expectedPath) + " && mount " + shellQuote(deviceNode) + " " +
-                                shellQuote(expectedPath));
+  return runAsAdministrator(configuration_.administratorRunner.get(), "mkdir -p -- " + shellQuote(expectedPath) +
+                                                                          " && mount " + shellQuote(deviceNode) + " " +
+                                                                          shellQuote(expectedPath));
 }
 
 }  // namespace corvane::platform
