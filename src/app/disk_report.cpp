@@ -94,6 +94,13 @@ void printDriftedLinks(const std::string& disk, const std::vector<DriftedLink>& 
   }
 }
 
+void printAccessProblem(const DiskManager& manager) {
+  const auto& problem = manager.accessProblem();
+  if (!problem) return;
+  printErrorLine(localized("disk_authorization.title"));
+  printErrorLine(localizedFormat("disk_authorization.unix_hint", problem->destination, problem->failure));
+}
+
 void printDiskReports(const std::vector<DiskReport>& reports, bool json) {
   if (json) {
     auto disks = nlohmann::ordered_json::array();

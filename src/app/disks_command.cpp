@@ -70,6 +70,7 @@ int runDisks(const DisksOptions& options) {
   InterruptionGuard interruption;
   DiskSession session(options.watch ? VolumeWatch::on : VolumeWatch::off);
   printDiskReports(reportDisks(session.manager), options.json);
+  printAccessProblem(session.manager);
   if (options.watch) watchDisks(session);
   return kExitSuccess;
 }

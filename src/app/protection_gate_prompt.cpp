@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include "app/disk_report.h"
 #include "app/disk_session.h"
 #include "app/user_output.h"
 #include "engine/migration_issue.h"
@@ -47,6 +48,8 @@ void enableProtection(DiskSession& session) {
 std::string destinationAfterProtectionGate(const GateRequest& request) {
   DiskSession session(VolumeWatch::off);
   if (!request.namedDisk.empty()) session.manager.setDestinationPath(absolutePath(request.namedDisk));
+  session.queue.runPending();
+  printAccessProblem(session.manager);
   switch (session.manager.protectionGate()) {
     case ProtectionGate::noDestination:
       throw MigrationIssue("cli.migrate.no_destination");

@@ -120,6 +120,15 @@ TEST_F(DiskManagerTest, DisksComingAndGoingAreSeenAndTheDestinationFollowsTheRul
   for (const auto& disk : {at("First"), at("ReadOnly"), at("Second")}) EXPECT_FALSE(holdsProbe(disk)) << disk;
   EXPECT_FALSE(manager->accessProblem());
 
+  // A destination chosen by hand that refuses the test write is published as a problem, and
+  // the user's answer (no folder) leaves it as it was.
+  manager->setDestinationPath(at("ReadOnly"));
+  ASSERT_TRUE(settle([&] { return manager->accessProblem().has_value(); }));
+  EXPECT_EQ(manager->accessProblem()->destination, at("ReadOnly"));
+  manager->grantDiskAccess(std::nullopt);
+  EXPECT_FALSE(manager->accessProblem());
+  manager->setDestinationPath(at("First"));
+
   // Detaching the destination clears it; the next rescan picks the disk that is left.
   first->unmount();
   ASSERT_TRUE(settle([&] { return !manager->destinationPath(); }));

@@ -18,11 +18,13 @@ namespace {
 TEST(FstabCommandsTest, TheTextsAreExactAndAQuoteInAPathCannotBreakThem) {
   const std::string line = fstabLine("ABCD-1234", "/Volumes/My Disk's", "apfs", "rw,auto", false);
   EXPECT_EQ(line, "UUID=ABCD-1234    /Volumes/My\\040Disk's    apfs    rw,auto");
-  EXPECT_EQ(fstabLine("U", "/media/a\tb\\c", "ext4", "rw,nofail", true), "UUID=U    /media/a\\011b\\134c    ext4    rw,nofail");
+  EXPECT_EQ(fstabLine("U", "/media/a\tb\\c", "ext4", "rw,nofail", true),
+            "UUID=U    /media/a\\011b\\134c    ext4    rw,nofail");
 
-  EXPECT_EQ(manualProtectionCommand("ABCD-1234", line),
-            "grep -q \"UUID=ABCD-1234\" /etc/fstab 2>/dev/null || echo 'UUID=ABCD-1234    /Volumes/My\\040Disk'\\''s    "
-            "apfs    rw,auto' | sudo tee -a /etc/fstab");
+  EXPECT_EQ(
+      manualProtectionCommand("ABCD-1234", line),
+      "grep -q \"UUID=ABCD-1234\" /etc/fstab 2>/dev/null || echo 'UUID=ABCD-1234    /Volumes/My\\040Disk'\\''s    "
+      "apfs    rw,auto' | sudo tee -a /etc/fstab");
 
   // The quote escaped twice over, then backslashes and double quotes for the script string.
   const std::string twice = "UUID=ABCD-1234    /Volumes/My\\\\040Disk'\\\\''\\\\'\\\\'''\\\\''s    apfs    rw,auto";
@@ -80,7 +82,8 @@ TEST_F(FstabManagerTest, ProtectionRoundTripsAndOnlyAnUncommentedEntryWithTheUui
   std::string upper = *uuid;
   std::transform(upper.begin(), upper.end(), upper.begin(), [](unsigned char c) { return std::toupper(c); });
 
-  writeFile(work_.child("etc/fstab"), "# UUID=" + *uuid + " /x ext4 rw\n  #UUID=" + *uuid + " /y ext4 rw\n/dev/sda1 / ext4 rw");
+  writeFile(work_.child("etc/fstab"),
+            "# UUID=" + *uuid + " /x ext4 rw\n  #UUID=" + *uuid + " /y ext4 rw\n/dev/sda1 / ext4 rw");
   EXPECT_FALSE(fstab_->isDiskProtected(volume()));
   writeFile(work_.child("etc/fstab"), "\tUUID=" + upper + "  /elsewhere ext4 rw\n");
   EXPECT_TRUE(fstab_->isDiskProtected(volume())) << "the UUID field alone decides, in any case";
@@ -106,7 +109,9 @@ TEST_F(FstabManagerTest, ProtectionRoundTripsAndOnlyAnUncommentedEntryWithTheUui
 
   // A step that fails (the table's folder cannot take the new file) leaves the table whole.
   runner_->dismissed = false;
-  runner_->beforeRun = [&](const std::string&) { ASSERT_EQ(system(("chattr +i '" + work_.child("etc") + "'").c_str()), 0); };
+  runner_->beforeRun = [&](const std::string&) {
+    ASSERT_EQ(system(("chattr +i '" + work_.child("etc") + "'").c_str()), 0);
+  };
   auto failed = fstab_->enableDiskProtection(volume());
   ASSERT_EQ(system(("chattr -i '" + work_.child("etc") + "'").c_str()), 0);
   ASSERT_TRUE(failed);
@@ -141,7 +146,7 @@ TEST_F(FstabManagerTest, AGhostFolderIsRemovedOnlyBelowARootNeverAMountAndOnlyAs
   writeFile(hostile + "/deeper/more.txt", "678");
   writeFile(root() + "/Backup sibling/keep.txt", "keep");
   EXPECT_TRUE(fstab_->checkGhostDirectory(hostile));
-  EXPECT_FALSE(fstab_->checkGhostDirectory(root() + "/Empty" ) );
+  EXPECT_FALSE(fstab_->checkGhostDirectory(root() + "/Empty"));
   auto shown = fstab_->describeGhostDirectory(hostile);
   ASSERT_TRUE(shown);
   EXPECT_EQ(shown->entryCount, 3u);
