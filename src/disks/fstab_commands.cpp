@@ -68,12 +68,19 @@ std::string macGhostRemovalAppleScript(const std::string& path) {
 std::string linuxProtectionCommand(const std::string& fstabPath, const std::string& line) {
   const std::string f = shellQuote(fstabPath);
   const std::string t = shellQuote(joinPath(parentPath(fstabPath), ".fstab.corvane-" + makeUuidString()));
-  return "set -e; trap 'rm -f -- " + replaceAll(t, "'", "'\\''") + "' EXIT; " + "if [ -f " + f + " ]; then cp -p -- " +
-         f + " " + shellQuote(fstabPath + ".bak") + "; cat -- " + f + " > " + t + "; if [ -n \"$(tail -c 1 -- " + f +
-         ")\" ]; then echo >> " + t + "; fi; else : > " + t + "; fi; " + "printf '%s\\n' " + shellQuote(line) + " >> " +
-         t + "; " + "if command -v findmnt >/dev/null 2>&1; then findmnt --verify --tab-file " + t + " >&2; fi; " +
-         "chmod 644 " + t + "; chown 0:0 " + t + "; mv -f -- " + t + " " + f + "; sync -- " +
-         shellQuote(parentPath(fstabPath));
+  std::string command = "set -e; trap 'rm -f -- " + replaceAll(t, "'", "'\\''") + "' EXIT; ";
+  command += "if [ -f " + f + " ]; then cp -p -- " + f + " " + shellQuote(fstabPath + ".bak") + "; cat -- " + f +
+             " > " + t + "; if [ -n \"$(tail -c 1 -- " + f + ")\" ]; then echo >> " + t + "; fi; else : > " + t +
+             "; fi; ";
+  command += "printf '%s\\n' " + shellQuote(line) + " >> " + t + "; ";
+  // Only a table that no longer parses is refused: findmnt also counts a disk that is not
+  // plugged in as an error, and the user's other removable disks must not block this one.
+  command += "if command -v findmnt >/dev/null 2>&1; then verdict=$(findmnt --verify --tab-file " + t +
+             " 2>&1 || true); if ! printf '%s\\n' \"$verdict\" | grep -q '^0 parse errors'; then printf '%s\\n' "
+             "\"$verdict\" >&2; exit 1; fi; fi; ";
+  command += "chmod 644 " + t + "; chown 0:0 " + t + "; mv -f -- " + t + " " + f + "; sync -- " +
+             shellQuote(parentPath(fstabPath));
+  return command;
 }
 
 std::string linuxGhostRemovalCommand(const std::string& path) { return "rm -rf -- " + shellQuote(path); }

@@ -107,8 +107,13 @@ TEST_F(FstabManagerTest, ProtectionRoundTripsAndOnlyAnUncommentedEntryWithTheUui
   EXPECT_EQ(cancelled->message, "User canceled authorization");
   EXPECT_EQ(table(), before);
 
-  // A step that fails (the table's folder cannot take the new file) leaves the table whole.
+  // A step that fails leaves the table whole: a table that no longer parses, or a folder that
+  // cannot take the new file.
   runner_->dismissed = false;
+  writeFile(work_.child("etc/fstab"), "nonsense\n");
+  EXPECT_TRUE(fstab_->enableDiskProtection(volume()));
+  EXPECT_EQ(table(), "nonsense\n");
+  writeFile(work_.child("etc/fstab"), before);
   runner_->beforeRun = [&](const std::string&) {
     ASSERT_EQ(system(("chattr +i '" + work_.child("etc") + "'").c_str()), 0);
   };
