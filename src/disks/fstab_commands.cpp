@@ -76,7 +76,7 @@ std::string linuxProtectionCommand(const std::string& fstabPath, const std::stri
   // Only a table that no longer parses is refused: findmnt also counts a disk that is not
   // plugged in as an error, and the user's other removable disks must not block this one.
   command += "if command -v findmnt >/dev/null 2>&1; then verdict=$(findmnt --verify --tab-file " + t +
-             " 2>&1 || true); if ! printf '%s\\n' \"$verdict\" | grep -q '^0 parse errors'; then printf '%s\\n' "
+             " 2>&1 || true); if printf '%s\\n' \"$verdict\" | grep -q '^[1-9][0-9]* parse error'; then printf '%s\\n' "
              "\"$verdict\" >&2; exit 1; fi; fi; ";
   command += "chmod 644 " + t + "; chown 0:0 " + t + "; mv -f -- " + t + " " + f + "; sync -- " +
              shellQuote(parentPath(fstabPath));
