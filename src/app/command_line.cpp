@@ -35,6 +35,7 @@ int runCommandLine(int argc, char** argv) {
   addBackCommand(app, registry);
   addRestoreCommand(app, registry);
   addUninstallCommand(app, registry);
+  addDisksCommand(app, registry);
   // After every subcommand is registered.
   localizeSubcommandTexts(app);
 

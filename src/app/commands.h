@@ -35,5 +35,6 @@ void addListCommand(CLI::App& app, CommandRegistry& registry);
 void addBackCommand(CLI::App& app, CommandRegistry& registry);
 void addRestoreCommand(CLI::App& app, CommandRegistry& registry);
 void addUninstallCommand(CLI::App& app, CommandRegistry& registry);
+void addDisksCommand(CLI::App& app, CommandRegistry& registry);
 
 }  // namespace corvane

@@ -2,6 +2,7 @@
 // link is still in place and which older versions are kept.
 #include <fcntl.h>
 
+#include <map>
 #include <nlohmann/json.hpp>
 
 #include "app/command_line.h"
@@ -10,10 +11,13 @@
 #include "catalogue/app_bundle_metadata.h"
 #include "catalogue/app_manager.h"
 #include "catalogue/migrated_backup_catalog.h"
+#include "disks/link_drift.h"
+#include "disks/volumes_roots.h"
 #include "engine/manifest/migration_entry.h"
 #include "engine/migration_issue.h"
 #include "settings/localization.h"
 #include "support/paths.h"
+#include "support/shell_quote.h"
 
 namespace corvane {
 namespace {
@@ -52,10 +56,14 @@ LinkCondition conditionOf(const MigratedApp& app) {
 std::string dateText(ReferenceDate date) { return MigratedBackupCatalog::formatTimestamp(date); }
 
 int runList(const ListOptions& options) {
-  const std::string disk = absolutePath(options.disk);
+  std::string disk = absolutePath(options.disk);
+  while (disk.size() > 1 && disk.back() == '/') disk.pop_back();
   if (!MigrationEntry::read(disk, AT_FDCWD)) throw MigrationIssue("error.item_not_found", disk);
   const auto [apps, rebuiltByScan] = AppManager::loadRecordsTellingSource(disk);
   if (rebuiltByScan && !apps.empty()) printErrorLine(localized("cli.list.rebuilt_by_scan"));
+  // Records that name the items under another mount path of this same disk.
+  std::map<std::string, DriftedLink> drifted;
+  for (auto& link : findDriftedLinks(disk, apps, VolumesRoots::forThisSystem())) drifted.emplace(link.recordId, link);
   if (options.json) {
     nlohmann::ordered_json items = nlohmann::ordered_json::array();
     for (const auto& app : apps) {
@@ -68,6 +76,7 @@ int runList(const ListOptions& options) {
       item["migratedDate"] = dateText(app.migratedDate);
       if (auto version = AppBundleMetadata::version(app.targetPath)) item["version"] = *version;
       item["link"] = conditionName(conditionOf(app));
+      if (auto found = drifted.find(app.id); found != drifted.end()) item["driftedTo"] = found->second.currentTarget;
       nlohmann::ordered_json backups = nlohmann::ordered_json::array();
       for (const auto& backup : app.backupVersions) {
         backups.push_back({{"id", backup.id},
@@ -93,7 +102,11 @@ int runList(const ListOptions& options) {
     printLine(localizedFormat("cli.list.date", dateText(app.migratedDate)));
     if (auto version = AppBundleMetadata::version(app.targetPath))
       printLine(localizedFormat("cli.list.version", *version));
-    printLine(localized(std::string("cli.list.link.") + conditionName(conditionOf(app))));
+    if (auto found = drifted.find(app.id); found != drifted.end())
+      printLine(localizedFormat("cli.list.link.drifted", found->second.recordedVolume, found->second.currentTarget,
+                                shellQuote(disk)));
+    else
+      printLine(localized(std::string("cli.list.link.") + conditionName(conditionOf(app))));
     for (const auto& backup : app.backupVersions) {
       const bool exists = static_cast<bool>(MigrationEntry::read(backup.backupPath, AT_FDCWD));
       printLine(localizedFormat(exists ? "cli.list.backup" : "cli.list.backup_missing", dateText(backup.backupDate),

@@ -1,4 +1,5 @@
-// `corvane migrate PATH... --to DISK`: moves items to the disk as one batch, with a live
+// `corvane migrate PATH... [--to DISK]`: moves items to the disk (without --to, the disk the
+// disk manager chose, after the protection gate) as one batch, with a live
 // progress line per active item, the log of each item and the batch summary. Ctrl-C stops the
 // items still copying or verifying; each is rolled back and its original stays as it was.
 #include <signal.h>
@@ -8,6 +9,7 @@
 #include "app/interruption.h"
 #include "app/outcome_report.h"
 #include "app/progress_display.h"
+#include "app/protection_gate_prompt.h"
 #include "app/running_app_prompt.h"
 #include "app/terminal_prompter.h"
 #include "app/user_output.h"
@@ -24,6 +26,7 @@ struct MigrateOptions {
   std::vector<std::string> paths;
   std::string disk;
   bool keepOriginal = false;
+  bool protect = false;
   bool json = false;
   PromptOptions prompts;
 };
@@ -68,7 +71,10 @@ void printJson(const std::vector<MigrationManager::ItemOutcome>& outcomes) {
 int runMigrate(const MigrateOptions& options) {
   std::vector<std::string> paths;
   for (const auto& path : options.paths) paths.push_back(absolutePath(path));
-  const std::string disk = absolutePath(options.disk);
+  const std::string disk =
+      options.disk.empty() || options.protect
+          ? destinationAfterProtectionGate({options.disk, options.protect, options.prompts.preset()})
+          : absolutePath(options.disk);
   InterruptionGuard interruption;
   MainQueue mainQueue;
   AppManager appManager(mainQueue);
@@ -103,7 +109,8 @@ void addMigrateCommand(CLI::App& app, CommandRegistry& registry) {
   auto options = std::make_shared<MigrateOptions>();
   CLI::App* migrate = app.add_subcommand("migrate", localized("cli.migrate.description"));
   migrate->add_option("path", options->paths, localized("cli.migrate.path"))->required();
-  migrate->add_option("--to", options->disk, localized("cli.migrate.to"))->required();
+  migrate->add_option("--to", options->disk, localized("cli.migrate.to"));
+  migrate->add_flag("--protect", options->protect, localized("cli.migrate.protect"));
   migrate->add_flag("--keep-original", options->keepOriginal, localized("cli.migrate.keep_original"));
   migrate->add_flag("--json", options->json, localized("cli.option.json"));
   addPromptOptions(migrate, options->prompts);

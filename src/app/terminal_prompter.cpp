@@ -68,6 +68,12 @@ std::size_t TerminalPrompter::ask(const MigrationPreflightQuestion& question, st
   return fallback;
 }
 
+std::size_t TerminalPrompter::askChoice(const MigrationPreflightQuestion& question, std::size_t fallback) {
+  std::lock_guard lock(mutex_);
+  if (terminal_ == Terminal::absent) return fallback;
+  return ask(question, fallback);
+}
+
 MigrationPreflightChoice TerminalPrompter::choose(const std::vector<MigrationRuntimeBlocker>& blockers) {
   std::lock_guard lock(mutex_);
   const auto question = MigrationPreflight::question(blockers);

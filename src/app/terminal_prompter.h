@@ -40,6 +40,8 @@ class TerminalPrompter : public MigrationPreflightPrompter {
   MigrationPreflightChoice choose(const std::vector<MigrationRuntimeBlocker>& blockers) override;
   bool authorize(const std::string& path) override;
   void alert(const std::string& title, const std::string& message) override;
+  // Any other question: the chosen button's index, `fallback` without a terminal or an answer.
+  std::size_t askChoice(const MigrationPreflightQuestion& question, std::size_t fallback);
 
  private:
   // Shows the question and returns the chosen button's index; `fallback` on end of input.

@@ -1,107 +1,80 @@
 #include "disks/fstab_commands.h"
 
-#include <algorithm>
+#include <cstdio>
 
-#include "support/apple_script.h"
+#include "platform/terminal_launcher.h"
+#include "support/paths.h"
 #include "support/shell_quote.h"
+#include "support/uuid.h"
 
 namespace corvane {
 namespace {
 
-// Ends the single-quoted text, adds an escaped quote and opens a new single-quoted text.
-std::string singleQuoteEscaped(const std::string& text) {
-  std::string escaped;
-  for (char c : text) {
-    if (c == '\'')
-      escaped += "'\\''";
-    else
-      escaped.push_back(c);
-  }
-  return escaped;
+std::string replaceAll(std::string text, const std::string& from, const std::string& to) {
+  for (std::size_t at = text.find(from); at != std::string::npos; at = text.find(from, at + to.size()))
+    text.replace(at, from.size(), to);
+  return text;
 }
 
-std::string administratorScript(const std::string& shellCommand) {
-  return "do shell script \"" + appleScriptQuoteEscape(shellCommand) + "\" with administrator privileges";
-}
-
-std::string parentDirectory(const std::string& path) {
-  const auto slash = path.find_last_of('/');
-  if (slash == std::string::npos) return ".";
-  return slash == 0 ? "/" : path.substr(0, slash);
+// Backslashes doubled, then double quotes escaped: the inside of an AppleScript string.
+std::string appleScriptQuoted(const std::string& text) {
+  return replaceAll(replaceAll(text, "\\", "\\\\"), "\"", "\\\"");
 }
 
 }  // namespace
 
-bool isWritableInFstab(const std::string& path) {
-  return std::none_of(path.begin(), path.end(), [](char c) {
-    const auto byte = static_cast<unsigned char>(c);
-    return byte < 0x20 || byte == 0x7F || c == '\\';
-  });
-}
-
-std::string manualProtectionCommand(FstabCommandStyle style, const std::string& uuid, const std::string& entry,
-                                    const std::string& tablePath) {
-  if (style == FstabCommandStyle::appleScript) {
-    return "grep -q \"UUID=" + uuid + "\" /etc/fstab 2>/dev/null || echo '" + singleQuoteEscaped(entry) +
-           "' | sudo tee -a /etc/fstab";
+std::string fstabLine(const std::string& uuid, const std::string& volumePath, const std::string& fileSystemType,
+                      const std::string& options, bool escapeControl) {
+  std::string field;
+  for (const char c : volumePath) {
+    if (c == ' ') {
+      field += "\\040";
+    } else if (escapeControl && (c == '\t' || c == '\n' || c == '\\')) {
+      char octal[5];
+      std::snprintf(octal, sizeof octal, "\\%03o", static_cast<unsigned char>(c));
+      field += octal;
+    } else {
+      field += c;
+    }
   }
-  const std::string table = shellQuote(tablePath);
-  return "grep -q \"UUID=" + uuid + "\" " + table + " 2>/dev/null || printf '%s\\n' '" + singleQuoteEscaped(entry) +
-         "' | sudo tee -a " + table;
+  return "UUID=" + uuid + "    " + field + "    " + fileSystemType + "    " + options;
 }
 
-std::string appleScriptProtectionScript(const std::string& tablePath, const std::string& entry) {
-  // The quote escaping is applied twice on purpose; the entries written so far depend on it.
-  const std::string line = singleQuoteEscaped(singleQuoteEscaped(entry));
-  const std::string& f = tablePath;
-  const std::string commands[] = {
-      "if [ -f " + f + " ]; then chflags nouchg " + f + "; fi",
-      "if [ -f " + f + " ]; then cp " + f + " " + f + ".bak; fi",
-      "if [ ! -f " + f + " ]; then echo '" + line + "' | tee " + f + " >/dev/null; else echo '\\n" + line +
-          "' | tee -a " + f + " >/dev/null; fi",
-      "chown root:wheel " + f + "; chmod 644 " + f,
-  };
-  std::string joined;
-  for (const auto& command : commands) joined += (joined.empty() ? "" : "; ") + command;
-  return administratorScript(joined);
+std::string manualProtectionCommand(const std::string& uuid, const std::string& line) {
+  // A single quote inside the line would end the quoted text early.
+  return "grep -q \"UUID=" + uuid + "\" /etc/fstab 2>/dev/null || echo '" + replaceAll(line, "'", "'\\''") +
+         "' | sudo tee -a /etc/fstab";
 }
 
-std::string shellProtectionCommand(const std::string& tablePath, const std::string& entry,
-                                   const std::string& mountPath) {
-  // Every value is in a variable once, quoted; the steps only name the variables. The trap
-  // removes the temporary file whatever ends the command (after the rename it is gone already).
-  return "F=" + shellQuote(tablePath) + "; D=" + shellQuote(parentDirectory(tablePath)) + "; E=" + shellQuote(entry) +
-         "; P=" + shellQuote(mountPath) +
-         "; [ ! -L \"$F\" ] || { echo \"$F is a symbolic link\" >&2; exit 1; }"
-         "; T=$(mktemp -- \"$F.corvane-XXXXXX\") || exit 1"
-         "; trap 'rm -f -- \"$T\"' EXIT"
-         "; { [ ! -e \"$F\" ] || cp -p -- \"$F\" \"$F.bak\"; }"
-         " && { if [ -e \"$F\" ]; then cat -- \"$F\" && if [ -n \"$(tail -c 1 -- \"$F\")\" ]; then echo; fi; fi"
-         " && printf '%s\\n' \"$E\"; } > \"$T\""
-         " && { ! command -v findmnt >/dev/null 2>&1 || findmnt --verify --tab-file \"$T\" --target \"$P\"; }"
-         " && chmod 644 \"$T\" && chown 0:0 \"$T\" && mv -f -- \"$T\" \"$F\" && sync -- \"$D\"";
+std::string macProtectionAppleScript(const std::string& fstabPath, const std::string& line) {
+  // Escaped twice over: once for the echo's quotes, once more for the script's own quoting.
+  const std::string safe = replaceAll(replaceAll(line, "'", "'\\''"), "'", "'\\''");
+  const std::string& f = fstabPath;
+  const std::string commands = "if [ -f " + f + " ]; then chflags nouchg " + f + "; fi" + "; " + "if [ -f " + f +
+                               " ]; then cp " + f + " " + f + ".bak; fi" + "; " + "if [ ! -f " + f + " ]; then echo '" +
+                               safe + "' | tee " + f + " >/dev/null; else echo '\\n" + safe + "' | tee -a " + f +
+                               " >/dev/null; fi" + "; " + "chown root:wheel " + f + "; chmod 644 " + f;
+  return "do shell script \"" + appleScriptQuoted(commands) + "\" with administrator privileges";
 }
 
-std::optional<std::string> appleScriptGhostCleanupScript(const std::string& path) {
-  if (path.find_first_of("\"$`\\") != std::string::npos) return std::nullopt;
-  std::string command;
-  for (char c : "rm -rf \"" + path + "\"") {
-    if (c == '"') command.push_back('\\');
-    command.push_back(c);
-  }
+std::string macTerminalAppleScript(const std::string& command) { return platform::terminalAppleScript(command); }
+
+std::string macGhostRemovalAppleScript(const std::string& path) {
+  const std::string command = replaceAll("rm -rf \"" + path + "\"", "\"", "\\\"");
   return "do shell script \"" + command + "\" with administrator privileges";
 }
 
-std::string shellGhostCleanupCommand(const std::string& path, const std::optional<std::pair<dev_t, ino_t>>& identity) {
-  const std::string quoted = shellQuote(path);
-  std::string command;
-  if (identity) {
-    command = "[ -d " + quoted + " ] && [ ! -L " + quoted + " ] && [ \"$(stat -c %d:%i -- " + quoted + ")\" = '" +
-              std::to_string(identity->first) + ":" + std::to_string(identity->second) +
-              "' ] || { echo 'The directory changed after it was shown; nothing was removed.' >&2; exit 3; }; ";
-  }
-  // A volume mounted somewhere inside the leftover folder is another disk: it is not entered.
-  return command + "rm -rf --one-file-system -- " + quoted;
+std::string linuxProtectionCommand(const std::string& fstabPath, const std::string& line) {
+  const std::string f = shellQuote(fstabPath);
+  const std::string t = shellQuote(joinPath(parentPath(fstabPath), ".fstab.corvane-" + makeUuidString()));
+  return "set -e; trap 'rm -f -- " + replaceAll(t, "'", "'\\''") + "' EXIT; " + "if [ -f " + f + " ]; then cp -p -- " +
+         f + " " + shellQuote(fstabPath + ".bak") + "; cat -- " + f + " > " + t + "; if [ -n \"$(tail -c 1 -- " + f +
+         ")\" ]; then echo >> " + t + "; fi; else : > " + t + "; fi; " + "printf '%s\\n' " + shellQuote(line) + " >> " +
+         t + "; " + "if command -v findmnt >/dev/null 2>&1; then findmnt --verify --tab-file " + t + " >&2; fi; " +
+         "chmod 644 " + t + "; chown 0:0 " + t + "; mv -f -- " + t + " " + f + "; sync -- " +
+         shellQuote(parentPath(fstabPath));
 }
+
+std::string linuxGhostRemovalCommand(const std::string& path) { return "rm -rf -- " + shellQuote(path); }
 
 }  // namespace corvane

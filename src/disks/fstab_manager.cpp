@@ -1,67 +1,87 @@
 #include "disks/fstab_manager.h"
 
+#include <dirent.h>
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <cctype>
 #include <cstdlib>
-#include <exception>
+#include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <sstream>
 
-#include "disks/fstab_table.h"
+#include "disks/fstab_commands.h"
 #include "disks/volumes_roots.h"
-#include "platform/directory_names.h"
-#include "platform/mounted_volumes.h"
-#include "platform/no_follow_open.h"
 #include "platform/system_integrity.h"
 #include "platform/terminal_launcher.h"
+#include "platform/volume_description.h"
 #include "support/diagnostic_log.h"
+
+#ifdef __APPLE__
+#include "platform/apple_script_runner.h"
+#endif
 
 namespace corvane {
 namespace {
 
-FstabError fstabError(int code, std::string message, std::string key) {
-  return FstabError{code, std::move(message), std::move(key)};
+#ifdef __APPLE__
+constexpr const char* kProtectionOptions = "rw,auto";
+constexpr bool kEscapeControl = false;
+#else
+constexpr const char* kProtectionOptions = "rw,nofail";
+constexpr bool kEscapeControl = true;
+#endif
+
+std::string trimmed(const std::string& text) {
+  const auto first = text.find_first_not_of(" \t\r");
+  if (first == std::string::npos) return {};
+  return text.substr(first, text.find_last_not_of(" \t\r") - first + 1);
 }
 
-// A UUID goes into shell and script texts: only letters, digits and dashes are taken as one.
-bool isPlainUuid(const std::string& uuid) {
-  return !uuid.empty() && std::all_of(uuid.begin(), uuid.end(), [](char c) {
-    return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || c == '-';
-  });
+bool equalIgnoringCase(const std::string& left, const std::string& right) {
+  return left.size() == right.size() && std::equal(left.begin(), left.end(), right.begin(), [](char a, char b) {
+           return std::tolower(static_cast<unsigned char>(a)) == std::tolower(static_cast<unsigned char>(b));
+         });
 }
 
-std::optional<std::string> mountTableType(const std::string& volumePath) {
-  try {
-    for (const auto& volume : platform::mountedVolumes()) {
-      if (volume.path == volumePath && !volume.fileSystemType.empty()) return volume.fileSystemType;
-    }
-  } catch (const std::exception& error) {
-    logWarning(std::string("获取文件系统类型失败: ") + error.what());
+std::vector<std::string> firstNamesIn(const std::string& path, std::size_t limit, bool& listed) {
+  std::vector<std::string> names;
+  DIR* listing = opendir(path.c_str());
+  listed = listing != nullptr;
+  if (!listing) return names;
+  while (dirent* entry = readdir(listing)) {
+    const std::string name = entry->d_name;
+    if (name == "." || name == "..") continue;
+    names.push_back(name);
+    if (names.size() >= limit) break;
   }
-  return std::nullopt;
+  closedir(listing);
+  return names;
 }
 
-std::string withoutTrailingSlash(std::string path) {
-  while (path.size() > 1 && path.back() == '/') path.pop_back();
-  return path;
+std::string joined(const std::vector<std::string>& names) {
+  std::string text;
+  for (const auto& name : names) text += (text.empty() ? "" : ", ") + name;
+  return text;
 }
+
+FstabError error(int code, std::string message, std::string key) { return {code, std::move(message), std::move(key)}; }
 
 }  // namespace
 
 FstabManager::Configuration FstabManager::Configuration::forThisSystem() {
   Configuration configuration;
-  const char* table = std::getenv("CORVANE_FSTAB");
 #ifdef __APPLE__
-  configuration.fstabPath = table != nullptr && *table != '\0' ? table : "/private/etc/fstab";
-  configuration.runAppleScript = platform::runAppleScript;
+  configuration.fstabPath = "/private/etc/fstab";
 #else
-  configuration.fstabPath = table != nullptr && *table != '\0' ? table : "/etc/fstab";
+  const char* chosen = std::getenv("CORVANE_FSTAB");
+  configuration.fstabPath = chosen != nullptr && chosen[0] == '/' ? chosen : "/etc/fstab";
 #endif
   configuration.volumesRoots = VolumesRoots::forThisSystem().roots();
   configuration.administratorRunner = platform::systemAdministratorRunner();
-  configuration.isSIPEnabled = platform::isSystemIntegrityProtectionEnabled;
-  configuration.describeVolume = platform::describeVolume;
+  configuration.isSIPEnabled = [] { return platform::isSystemIntegrityProtectionEnabled(); };
+  configuration.describeVolume = [](const std::string& path) { return platform::describeVolume(path); };
   return configuration;
 }
 
@@ -75,24 +95,19 @@ FstabManager& FstabManager::shared() {
 std::optional<std::string> FstabManager::getVolumeUUID(const std::string& volumePath) {
   {
     std::lock_guard lock(cacheLock_);
-    if (const auto cached = uuidCache_.find(volumePath); cached != uuidCache_.end()) return cached->second;
+    if (auto cached = uuidCache_.find(volumePath); cached != uuidCache_.end()) return cached->second;
   }
-  // The volume is examined outside the lock: on macOS that is a child process.
-  std::optional<std::string> uuid;
   try {
-    uuid = configuration_.describeVolume(volumePath).uuid;
-  } catch (const std::exception& error) {
-    logError(std::string("获取 UUID 失败: ") + error.what());
+    auto uuid = configuration_.describeVolume(volumePath).uuid;
+    if (uuid) {
+      std::lock_guard lock(cacheLock_);
+      uuidCache_[volumePath] = *uuid;
+    }
+    return uuid;
+  } catch (const std::exception& failure) {
+    logWarning(std::string("获取 UUID 失败: ") + failure.what());
     return std::nullopt;
   }
-  if (!uuid) return std::nullopt;
-  if (!isPlainUuid(*uuid)) {
-    logError("获取 UUID 失败: unexpected characters in \"" + *uuid + "\"");
-    return std::nullopt;
-  }
-  std::lock_guard lock(cacheLock_);
-  uuidCache_[volumePath] = *uuid;
-  return uuid;
 }
 
 void FstabManager::forgetVolume(const std::string& volumePath) {
@@ -100,119 +115,94 @@ void FstabManager::forgetVolume(const std::string& volumePath) {
   uuidCache_.erase(volumePath);
 }
 
-std::optional<std::string> FstabManager::getFileSystemType(const std::string& volumePath) {
+std::string FstabManager::fstabEntry(const std::string& uuid, const std::string& volumePath,
+                                     const std::string& fileSystemType, const std::string& options) {
+  return fstabLine(uuid, volumePath, fileSystemType, options, kEscapeControl);
+}
+
+std::optional<std::string> FstabManager::fileSystemTypeOf(const std::string& volumePath) const {
   try {
     return configuration_.describeVolume(volumePath).fileSystemType;
-  } catch (const std::exception& error) {
-    logError(std::string("获取文件系统类型失败: ") + error.what());
+  } catch (const std::exception& failure) {
+    logWarning(std::string("获取文件系统类型失败: ") + failure.what());
     return std::nullopt;
   }
 }
 
-bool FstabManager::isSIPEnabled() const { return configuration_.isSIPEnabled && configuration_.isSIPEnabled(); }
-
-std::string FstabManager::fstabEntry(const std::string& uuid, const std::string& volumePath,
-                                     const std::string& fileSystemType, const std::string& options) {
-  std::string mountField;
-  for (char c : volumePath) {
-    if (c == ' ')
-      mountField += "\\040";
-    else
-      mountField.push_back(c);
-  }
-  return "UUID=" + uuid + "    " + mountField + "    " + fileSystemType + "    " + options;
-}
-
-std::optional<FstabManager::EntryFields> FstabManager::entryFields(const std::string& volumePath) {
-  auto uuid = getVolumeUUID(volumePath);
-  if (!uuid) return std::nullopt;
-  const bool appleScript = configuration_.style == FstabCommandStyle::appleScript;
-  auto type = getFileSystemType(volumePath);
-  if (!type && !appleScript) type = mountTableType(volumePath);
-  const std::string options = appleScript ? "rw,auto" : "rw,nofail";
-  return EntryFields{*uuid, fstabEntry(*uuid, volumePath, type.value_or(appleScript ? "apfs" : "auto"), options)};
+std::string FstabManager::entryFor(const std::string& uuid, const std::string& volumePath) const {
+#ifdef __APPLE__
+  const std::string fallbackType = "apfs";
+#else
+  const std::string fallbackType = "auto";
+#endif
+  return fstabEntry(uuid, volumePath, fileSystemTypeOf(volumePath).value_or(fallbackType), kProtectionOptions);
 }
 
 bool FstabManager::isDiskProtected(const std::string& volumePath) {
   const auto uuid = getVolumeUUID(volumePath);
   if (!uuid) {
-    logError("❌ 无法获取 UUID: " + volumePath);
+    logWarning("❌ 无法获取 UUID: " + volumePath);
     return false;
   }
-  std::ifstream stream(configuration_.fstabPath, std::ios::binary);
-  if (!stream) return false;
-  std::ostringstream table;
-  table << stream.rdbuf();
-  if (stream.bad()) return false;
-  const auto line = protectingFstabLine(table.str(), *uuid);
-  if (!line) return false;
-  logInfo("✅ 在 fstab 中发现匹配配置: " + *line);
-  return true;
+  std::ifstream table(configuration_.fstabPath);
+  if (!table) return false;
+  const std::string wanted = "UUID=" + *uuid;
+  std::string line;
+  while (std::getline(table, line)) {
+    const std::string text = trimmed(line);
+    if (text.empty() || text.front() == '#') continue;
+    std::istringstream pieces(text);
+    std::string first;
+    if (pieces >> first && equalIgnoringCase(first, wanted)) {
+      logInfo("✅ 在 fstab 中发现匹配配置: " + text);
+      return true;
+    }
+  }
+  return false;
 }
 
 std::optional<std::string> FstabManager::getProtectionShellCommand(const std::string& volumePath) {
-  if (!isWritableInFstab(volumePath)) return std::nullopt;
-  const auto fields = entryFields(volumePath);
-  if (!fields) return std::nullopt;
-  return manualProtectionCommand(configuration_.style, fields->uuid, fields->entry, configuration_.fstabPath);
+  const auto uuid = getVolumeUUID(volumePath);
+  if (!uuid) return std::nullopt;
+  return manualProtectionCommand(*uuid, entryFor(*uuid, volumePath));
 }
 
 std::optional<FstabError> FstabManager::enableDiskProtection(const std::string& volumePath) {
   logInfo("开始执行 enableDiskProtection, 路径: " + volumePath);
   if (isDiskProtected(volumePath)) return std::nullopt;
-  // Before any prompt: the system would refuse the change after the password anyway.
-  if (isSIPEnabled())
-    return fstabError(-999, "Operation not permitted (SIP Enabled) - Fast Fail", "fstab.error.sip_enabled");
-  const auto fields = entryFields(volumePath);
-  if (!fields) return fstabError(-1, "无法获取 UUID", "fstab.error.no_uuid");
-  logInfo("获取到 UUID: " + fields->uuid);
-  if (!isWritableInFstab(volumePath))
-    return fstabError(-3, "The volume's path cannot be written in the file table: " + volumePath,
-                      "fstab.error.unsupported_path");
-  logInfo("准备写入配置: " + fields->entry);
-  return configuration_.style == FstabCommandStyle::appleScript ? appendEntryWithAppleScript(fields->entry)
-                                                                : appendEntryWithShell(fields->entry, volumePath);
-}
-
-std::optional<FstabError> FstabManager::appendEntryWithAppleScript(const std::string& entry) {
-  const std::string script = appleScriptProtectionScript(configuration_.fstabPath, entry);
+  if (configuration_.isSIPEnabled && configuration_.isSIPEnabled())
+    return error(-999, "Operation not permitted (SIP Enabled) - Fast Fail", "fstab.error.sip_enabled");
+  const auto uuid = getVolumeUUID(volumePath);
+  if (!uuid) return error(-1, "无法获取 UUID", "fstab.error.no_uuid");
+  logInfo("获取到 UUID: " + *uuid);
+  const std::string line = entryFor(*uuid, volumePath);
+  logInfo("准备写入配置: " + line);
+#ifdef __APPLE__
+  const std::string script = macProtectionAppleScript(configuration_.fstabPath, line);
   logInfo("Generated AppleScript: " + script);
-  platform::AppleScriptOutcome outcome;
+  const auto result = platform::runAppleScript(script);
+  if (result.succeeded) return std::nullopt;
+  logError("❌ NSAppleScript 执行失败: Code " + std::to_string(result.errorNumber) + ", Msg: " + result.message);
+  if (result.errorNumber == -128) return error(-128, "User canceled authorization", "fstab.error.cancelled");
+  return error(result.errorNumber, result.message.empty() ? "Unknown error" : result.message, "fstab.error.failed");
+#else
+  if (!configuration_.administratorRunner) return error(-2, "Unknown error", "fstab.error.runner");
   try {
-    outcome = configuration_.runAppleScript(script);
-  } catch (const std::exception& error) {
-    logError(std::string("❌ NSAppleScript 执行失败: ") + error.what());
-    return fstabError(-2, error.what(), "fstab.error.runner");
+    const auto result = configuration_.administratorRunner->run(linuxProtectionCommand(configuration_.fstabPath, line));
+    switch (result.outcome) {
+      case platform::AdministratorOutcome::succeeded:
+        return std::nullopt;
+      case platform::AdministratorOutcome::cancelled:
+        return error(-128, "User canceled authorization", "fstab.error.cancelled");
+      case platform::AdministratorOutcome::failed:
+        break;
+    }
+    logError("❌ 写入 fstab 失败: " + result.output);
+    return error(1, result.output.empty() ? "Unknown error" : result.output, "fstab.error.failed");
+  } catch (const std::exception& failure) {
+    return error(-2, failure.what(), "fstab.error.runner");
   }
-  if (outcome.succeeded) return std::nullopt;
-  const int number = outcome.errorNumber.value_or(-1);
-  const std::string message = outcome.errorMessage.value_or("Unknown error");
-  logError("❌ NSAppleScript 执行失败: Code " + std::to_string(number) + ", Msg: " + message);
-  if (number == -128) return fstabError(-128, "User canceled authorization", "fstab.error.cancelled");
-  return fstabError(number, message, "fstab.error.failed");
-}
-
-std::optional<FstabError> FstabManager::appendEntryWithShell(const std::string& entry, const std::string& volumePath) {
-  const std::string command = shellProtectionCommand(configuration_.fstabPath, entry, volumePath);
-  logInfo("Privileged command: " + command);
-  platform::AdministratorResult result;
-  try {
-    result = configuration_.administratorRunner->run(command);
-  } catch (const std::exception& error) {
-    logError(std::string("❌ Administrator runner failed: ") + error.what());
-    return fstabError(-2, error.what(), "fstab.error.runner");
-  }
-  switch (result.outcome) {
-    case platform::AdministratorOutcome::succeeded:
-      return std::nullopt;
-    case platform::AdministratorOutcome::cancelled:
-      return fstabError(-128, "User canceled authorization", "fstab.error.cancelled");
-    case platform::AdministratorOutcome::failed:
-      break;
-  }
-  const std::string message = result.output.empty() ? "Unknown error" : result.output;
-  logError("❌ Privileged command failed: Code " + std::to_string(result.exitCode) + ", Msg: " + message);
-  return fstabError(result.exitCode, message, "fstab.error.failed");
+#endif
 }
 
 void FstabManager::openTerminalAndRun(const std::string& command) { platform::openTerminalAndRun(command); }
@@ -224,87 +214,86 @@ std::optional<std::string> FstabManager::getDeviceNode(const std::string& path) 
 }
 
 bool FstabManager::checkGhostDirectory(const std::string& path) const {
-  // A link is never a ghost directory, whatever it points at.
   struct stat status {};
+  // A link is not a folder left behind, whatever it points to.
   if (lstat(path.c_str(), &status) != 0 || !S_ISDIR(status.st_mode) || isMountPoint(path)) return false;
-  std::vector<std::string> names;
-  try {
-    const auto directory = platform::openDirectoryNoFollow(path);
-    names = platform::directoryNames(directory.get(), path);
-  } catch (const std::exception& error) {
-    logError(std::string("检查目录内容失败: ") + error.what());
+  bool listed = false;
+  const auto names = firstNamesIn(path, 5, listed);
+  if (!listed) {
+    logWarning("检查目录内容失败: " + path + ": " + std::strerror(errno));
     return false;
   }
   if (names.empty()) return false;
-  std::string shown;
-  for (std::size_t i = 0; i < names.size() && i < GhostDirectoryContents::kFirstNamesShown; ++i)
-    shown += (i == 0 ? "" : ", ") + names[i];
-  logWarning("🚨 发现幽灵目录: " + path + ", 包含文件: " + shown);
+  logWarning("🚨 发现幽灵目录: " + path + ", 包含文件: " + joined(names));
   return true;
 }
 
 std::optional<GhostDirectoryContents> FstabManager::describeGhostDirectory(const std::string& path) const {
   if (!checkGhostDirectory(path)) return std::nullopt;
-  try {
-    return measureGhostDirectory(path);
-  } catch (const std::exception& error) {
-    logError(std::string("检查目录内容失败: ") + error.what());
-    return std::nullopt;
+  struct stat status {};
+  if (lstat(path.c_str(), &status) != 0) return std::nullopt;
+  GhostDirectoryContents contents;
+  contents.device = status.st_dev;
+  contents.inode = status.st_ino;
+  bool listed = false;
+  contents.firstNames = firstNamesIn(path, 5, listed);
+  namespace fs = std::filesystem;
+  std::error_code failure;
+  // Links are not followed and other file systems not entered; a huge tree is counted only so far.
+  for (fs::recursive_directory_iterator walk(path, fs::directory_options::skip_permission_denied, failure), end;
+       !failure && walk != end; walk.increment(failure)) {
+    if (++contents.entryCount >= kGhostCountLimit) {
+      contents.countStopped = true;
+      break;
+    }
+    struct stat entry {};
+    if (lstat(walk->path().c_str(), &entry) != 0) continue;
+    if (S_ISREG(entry.st_mode)) contents.totalBytes += entry.st_size;
+    if (S_ISDIR(entry.st_mode) && entry.st_dev != status.st_dev) walk.disable_recursion_pending();
   }
+  return contents;
+}
+
+std::optional<FstabError> FstabManager::cleanupRefusal(const std::string& path,
+                                                       const GhostDirectoryContents* confirmed) const {
+  if (isMountPoint(path)) return error(-999, "Target is a mount point! Aborting cleanup.", "fstab.error.mount_point");
+  if (!VolumesRoots(configuration_.volumesRoots).contains(path))
+    return error(-998, "Safety guard: Only /Volumes paths are allowed.", "fstab.error.outside_volumes");
+#ifdef __APPLE__
+  // The path is written inside double quotes, which leave $, ` and \ active.
+  if (path.find_first_of("$`\\\n") != std::string::npos)
+    return error(-997, "Unsafe characters in path", "fstab.error.unsafe_path");
+#endif
+  if (confirmed) {
+    struct stat status {};
+    if (lstat(path.c_str(), &status) != 0 || !S_ISDIR(status.st_mode) || status.st_dev != confirmed->device ||
+        status.st_ino != confirmed->inode)
+      return error(-996, "The folder changed after it was shown", "fstab.error.changed");
+  }
+  return std::nullopt;
 }
 
 std::optional<FstabError> FstabManager::cleanupGhostDirectory(const std::string& path,
                                                               const GhostDirectoryContents* confirmed) {
-  // Every guard runs before any prompt, the mount point first.
-  if (isMountPoint(path))
-    return fstabError(-999, "Target is a mount point! Aborting cleanup.", "fstab.error.mount_point");
+  if (isMountPoint(path)) return error(-999, "Target is a mount point! Aborting cleanup.", "fstab.error.mount_point");
   logInfo("准备清理幽灵目录: " + path);
-  // Only a volume's own place ("ROOT/NAME") can be a leftover folder; nothing deeper inside a
-  // disk and nothing outside the roots.
-  const auto volumePath = VolumesRoots(configuration_.volumesRoots).volumePathOf(path);
-  if (!volumePath || *volumePath != withoutTrailingSlash(path))
-    return fstabError(-998, "Safety guard: Only /Volumes paths are allowed.", "fstab.error.outside_volumes");
-  if (confirmed != nullptr && !isSameGhostDirectory(path, *confirmed))
-    return fstabError(-997, "The directory changed after it was shown; nothing was removed: " + path,
-                      "fstab.error.changed");
-  return runCleanup(path, confirmed);
-}
-
-std::optional<FstabError> FstabManager::runCleanup(const std::string& path,
-                                                   const GhostDirectoryContents* confirmed) const {
-  if (configuration_.style == FstabCommandStyle::appleScript) {
-    const auto script = appleScriptGhostCleanupScript(path);
-    if (!script)
-      return fstabError(-996, "The folder's name holds characters the removal command cannot quote: " + path,
-                        "fstab.error.unsafe_path");
-    platform::AppleScriptOutcome outcome;
-    try {
-      outcome = configuration_.runAppleScript(*script);
-    } catch (const std::exception& error) {
-      logError(std::string("Failed to init AppleScript: ") + error.what());
-      return fstabError(-2, "Failed to init AppleScript", "fstab.error.runner");
-    }
-    if (!outcome.compiled) return fstabError(-2, "Failed to init AppleScript", "fstab.error.runner");
-    if (outcome.succeeded) return std::nullopt;
-    return fstabError(-1, outcome.errorMessage.value_or("Unknown error"), "fstab.error.cleanup_failed");
-  }
-  std::optional<std::pair<dev_t, ino_t>> identity;
-  if (confirmed != nullptr) identity.emplace(confirmed->device, confirmed->inode);
-  platform::AdministratorResult result;
+  if (auto refusal = cleanupRefusal(path, confirmed)) return refusal;
+#ifdef __APPLE__
+  const auto result = platform::runAppleScript(macGhostRemovalAppleScript(path));
+  if (!result.compiled) return error(-2, "Failed to init AppleScript", "fstab.error.runner");
+  if (!result.succeeded)
+    return error(-1, result.message.empty() ? "Unknown error" : result.message, "fstab.error.cleanup_failed");
+  return std::nullopt;
+#else
+  if (!configuration_.administratorRunner) return error(-2, "Unknown error", "fstab.error.runner");
   try {
-    result = configuration_.administratorRunner->run(shellGhostCleanupCommand(path, identity));
-  } catch (const std::exception& error) {
-    return fstabError(-2, error.what(), "fstab.error.runner");
+    const auto result = configuration_.administratorRunner->run(linuxGhostRemovalCommand(path));
+    if (result.outcome == platform::AdministratorOutcome::succeeded) return std::nullopt;
+    return error(-1, result.output.empty() ? "Unknown error" : result.output, "fstab.error.cleanup_failed");
+  } catch (const std::exception& failure) {
+    return error(-2, failure.what(), "fstab.error.runner");
   }
-  switch (result.outcome) {
-    case platform::AdministratorOutcome::succeeded:
-      return std::nullopt;
-    case platform::AdministratorOutcome::cancelled:
-      return fstabError(-1, "User canceled authorization", "fstab.error.cancelled");
-    case platform::AdministratorOutcome::failed:
-      break;
-  }
-  return fstabError(-1, result.output.empty() ? "Unknown error" : result.output, "fstab.error.cleanup_failed");
+#endif
 }
 
 }  // namespace corvane

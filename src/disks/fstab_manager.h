@@ -18,10 +18,7 @@
 #include <string>
 #include <vector>
 
-#include "disks/fstab_commands.h"
-#include "disks/ghost_directory.h"
 #include "platform/administrator_runner.h"
-#include "platform/apple_script_runner.h"
 #include "platform/volume_description.h"
 
 namespace corvane {
@@ -29,11 +26,6 @@ namespace corvane {
 // An error of the domain "FstabManager": `code` and `message` as the system defines them (the
 // message is the error's description, not a translated text); `key` is the localization key a
 // front end shows, with `message` as detail where it says more.
-//   -999 SIP on (enabling) or a mount point (cleanup); -998 outside the volumes roots; -997 the
-//   directory changed after it was shown; -996 a path the macOS cleanup cannot quote; -3 a
-//   volume path the file table cannot hold; -128 the dialog was dismissed; -2 the script or
-//   launcher could not be started; -1 no UUID (enabling) or a failed cleanup; otherwise the
-//   script's error number or the command's exit status.
 struct FstabError {
   static constexpr const char* domain = "FstabManager";
   int code = 0;
@@ -41,24 +33,27 @@ struct FstabError {
   std::string key;
 };
 
+// What a ghost directory holds, shown to the user before it is removed; the identity lets the
+// removal refuse a directory that was replaced after the user confirmed.
+struct GhostDirectoryContents {
+  std::uint64_t entryCount = 0;         // everything inside, at every depth
+  std::int64_t totalBytes = 0;          // sizes of the regular files inside
+  std::vector<std::string> firstNames;  // the first names directly inside, in listing order
+  bool countStopped = false;            // the tree was larger than what was counted
+  dev_t device = 0;
+  ino_t inode = 0;
+};
+
+inline constexpr std::uint64_t kGhostCountLimit = 100000;
+
 class FstabManager {
  public:
   struct Configuration {
-    // macOS "/private/etc/fstab"; Linux "/etc/fstab". CORVANE_FSTAB in the environment names
-    // another table, so the binary can be tried against a table of one's own.
-    std::string fstabPath;
+    std::string fstabPath;                  // macOS "/private/etc/fstab", Linux "/etc/fstab"
     std::vector<std::string> volumesRoots;  // macOS {"/Volumes"}; Linux the media roots
     std::shared_ptr<platform::AdministratorRunner> administratorRunner;
     std::function<bool()> isSIPEnabled;  // the system's check unless a test replaces it
     std::function<platform::VolumeDescription(const std::string&)> describeVolume;
-    // How privileged work is written: macOS's AppleScript texts run by `runAppleScript`, or one
-    // shell command run by `administratorRunner`.
-#ifdef __APPLE__
-    FstabCommandStyle style = FstabCommandStyle::appleScript;
-#else
-    FstabCommandStyle style = FstabCommandStyle::shell;
-#endif
-    std::function<platform::AppleScriptOutcome(const std::string& script)> runAppleScript;
     // This system's paths, runner and checks.
     static Configuration forThisSystem();
   };
@@ -80,9 +75,6 @@ class FstabManager {
   // The volume's UUID, cached per path until forgetVolume(path) (called when the disk goes).
   std::optional<std::string> getVolumeUUID(const std::string& volumePath);
   void forgetVolume(const std::string& volumePath);
-  // Absent when the volume does not tell; the entry then names a default (see entryFields).
-  std::optional<std::string> getFileSystemType(const std::string& volumePath);
-  bool isSIPEnabled() const;
 
   // The fstab line for a volume (tested on its own).
   static std::string fstabEntry(const std::string& uuid, const std::string& volumePath,
@@ -95,21 +87,17 @@ class FstabManager {
   // What the directory holds; absent when it is not a ghost directory.
   std::optional<GhostDirectoryContents> describeGhostDirectory(const std::string& path) const;
   // Removes a ghost directory with administrator rights. Refused without a prompt when the path
-  // is a mount point (-999), not a volume's place directly below a volumes root (-998), or, when
-  // `confirmed` is given, no longer the directory the user was shown (-997).
+  // is a mount point (-999), not below a volumes root (-998), or, when `confirmed` is given, no
+  // longer the directory the user was shown.
   std::optional<FstabError> cleanupGhostDirectory(const std::string& path,
                                                   const GhostDirectoryContents* confirmed = nullptr);
+  // The refusal cleanupGhostDirectory would give before asking for anything (the guards and the
+  // identity check), so a repair can refuse before it unmounts the disk.
+  std::optional<FstabError> cleanupRefusal(const std::string& path, const GhostDirectoryContents* confirmed) const;
 
  private:
-  struct EntryFields {
-    std::string uuid;
-    std::string entry;
-  };
-  // The volume's UUID and its table entry; absent (logged) when the UUID is unknown.
-  std::optional<EntryFields> entryFields(const std::string& volumePath);
-  std::optional<FstabError> appendEntryWithAppleScript(const std::string& entry);
-  std::optional<FstabError> appendEntryWithShell(const std::string& entry, const std::string& volumePath);
-  std::optional<FstabError> runCleanup(const std::string& path, const GhostDirectoryContents* confirmed) const;
+  std::optional<std::string> fileSystemTypeOf(const std::string& volumePath) const;
+  std::string entryFor(const std::string& uuid, const std::string& volumePath) const;
 
   Configuration configuration_;
   std::mutex cacheLock_;

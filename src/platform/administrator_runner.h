@@ -1,5 +1,6 @@
 // Runs one shell command text with administrator rights after the system's own authorization
-// dialog: osascript "with administrator privileges" on macOS, pkexec /bin/sh -c on Linux. The
+// dialog: osascript "with administrator privileges" on macOS, pkexec /bin/sh -c on Linux (or the
+// launcher CORVANE_ADMINISTRATOR_LAUNCHER names, which takes the same arguments). The
 // interface lets tests put a runner in its place that executes the same text.
 //
 // Error contract: run() throws PosixError when the launcher cannot be started; every other

@@ -1,30 +1,29 @@
 // Runs an AppleScript text as the system's script component would and reports its error the way
-// scripts see it: an error number and message. macOS runs "/usr/bin/osascript -e SCRIPT" and
-// reads osascript's complaint ("0:42: execution error: User canceled. (-128)"); the reading is
-// portable so that it is tested everywhere. There is no Linux runner: Linux never runs scripts.
+// scripts see it: an error number and a message. macOS runs "/usr/bin/osascript -e SCRIPT" and
+// reads osascript's complaint ("0:42: execution error: User canceled. (-128)"); that reading is
+// portable so that it is tested everywhere. Linux never runs scripts and has no runner.
 //
-// Error contract: runAppleScript() throws PosixError when osascript cannot be started; every
-// script failure, one that does not compile included, is reported in the outcome.
+// Error contract: runAppleScript() never throws. When osascript cannot be started the script
+// counts as not compiled, with the reason as its message.
 #pragma once
 
-#include <optional>
 #include <string>
 
 #include "platform/process.h"
 
 namespace corvane::platform {
 
-struct AppleScriptOutcome {
-  bool succeeded = false;
-  bool compiled = true;  // false for a syntax error: the script never ran
-  std::optional<int> errorNumber;
-  std::optional<std::string> errorMessage;
+struct AppleScriptResult {
+  bool compiled = true;    // false: a syntax error, or the script component could not be started
+  bool succeeded = false;  // compiled and ran without error
+  int errorNumber = 0;     // the script's error number; -1 when it gave none
+  std::string message;     // the script's error message; empty when it gave none
 };
 
 // macOS only.
-AppleScriptOutcome runAppleScript(const std::string& source);
+AppleScriptResult runAppleScript(const std::string& source);
 
 // What osascript's exit and standard error say about the run.
-AppleScriptOutcome interpretOsascriptResult(const ProcessExit& exit, const std::string& standardError);
+AppleScriptResult interpretOsascriptResult(const ProcessExit& exit, const std::string& standardError);
 
 }  // namespace corvane::platform

@@ -1,4 +1,5 @@
 #include <chrono>
+#include <exception>
 
 #include "platform/apple_script_runner.h"
 
@@ -6,15 +7,23 @@ namespace corvane::platform {
 
 using namespace std::chrono_literals;
 
-AppleScriptOutcome runAppleScript(const std::string& source) {
+AppleScriptResult runAppleScript(const std::string& source) {
   ProcessRequest request;
   request.executable = "/usr/bin/osascript";
   request.arguments = {"-e", source};
   ProcessDeadlines deadlines;
   // A script "with administrator privileges" waits for someone to type a password.
   deadlines.exit = 15min;
-  const auto result = runProcess(request, deadlines);
-  return interpretOsascriptResult(result.exit, result.standardError);
+  try {
+    const auto result = runProcess(request, deadlines);
+    return interpretOsascriptResult(result.exit, result.standardError);
+  } catch (const std::exception& failure) {
+    AppleScriptResult result;
+    result.compiled = false;
+    result.errorNumber = -1;
+    result.message = failure.what();
+    return result;
+  }
 }
 
 }  // namespace corvane::platform

@@ -1,5 +1,3 @@
-#include <exception>
-
 #include "platform/apple_script_runner.h"
 #include "platform/terminal_launcher.h"
 #include "support/diagnostic_log.h"
@@ -19,13 +17,9 @@ std::size_t characterCount(const std::string& text) {
 void openTerminalAndRun(const std::string& command) {
   const std::string script = terminalAppleScript(command);
   logInfo("Running AppleScript with command length: " + std::to_string(characterCount(command)));
-  try {
-    const auto outcome = runAppleScript(script);
-    if (!outcome.succeeded)
-      logError("❌ AppleScript Execution Error: " + outcome.errorMessage.value_or("Unknown error"));
-  } catch (const std::exception& error) {
-    logError(std::string("❌ AppleScript Execution Error: ") + error.what());
-  }
+  const auto result = runAppleScript(script);
+  if (!result.succeeded)
+    logError("❌ AppleScript Execution Error: " + (result.message.empty() ? std::string("Unknown error") : result.message));
 }
 
 }  // namespace corvane::platform

@@ -1,6 +1,7 @@
 #include <chrono>
 #include <cstdlib>
 #include <exception>
+#include <memory>
 #include <thread>
 
 #include "platform/process.h"
@@ -9,11 +10,15 @@
 
 namespace corvane::platform {
 
+using namespace std::chrono_literals;
+
 void openTerminalAndRun(const std::string& command) {
+  // The window stays open after the command, so the person can read what it said.
+  const std::string script = command + "; printf '\\n[Enter] '; read -r _";
   const char* searchPath = std::getenv("PATH");
-  auto arguments = terminalEmulatorCommand(command, searchPath != nullptr ? searchPath : "/usr/bin:/bin");
+  const auto arguments = terminalEmulatorCommand(script, searchPath != nullptr ? searchPath : "/usr/bin:/bin");
   if (!arguments) {
-    logError("No terminal emulator found (x-terminal-emulator, gnome-terminal, konsole, xfce4-terminal, xterm)");
+    logError("❌ No terminal emulator found to run the protection command");
     return;
   }
   ProcessRequest request;
@@ -21,16 +26,16 @@ void openTerminalAndRun(const std::string& command) {
   request.arguments.assign(arguments->begin() + 1, arguments->end());
   request.outputLimit = 64 * 1024;
   try {
-    auto child = ChildProcess::spawn(request);
-    logInfo("Terminal started: " + request.executable);
-    // The window stays as long as the user keeps it; a thread of its own waits for it so the
-    // caller goes on at once and the emulator is reaped, never left a zombie.
-    std::thread([child = std::move(child)]() mutable {
-      while (!child.waitFor(std::chrono::hours(1))) {
+    auto child = std::make_shared<ChildProcess>(ChildProcess::spawn(request));
+    logInfo("Running terminal command with length: " + std::to_string(command.size()));
+    // The caller goes on at once; this thread reaps the emulator when its window closes, so it
+    // is never left a zombie. The caller learns the effect by polling.
+    std::thread([child] {
+      while (!child->waitFor(1h)) {
       }
     }).detach();
-  } catch (const std::exception& error) {
-    logError(std::string("Terminal could not be started: ") + error.what());
+  } catch (const std::exception& failure) {
+    logError(std::string("❌ Terminal could not be started: ") + failure.what());
   }
 }
 

@@ -9,6 +9,7 @@
 #include "engine/manifest/migration_link_plan.h"
 #include "fixtures/corvane_binary.h"
 #include "fixtures/sample_tree.h"
+#include "fixtures/shell_administrator_runner.h"
 #include "fixtures/test_volume.h"
 #include "platform/file_system.h"
 #include "platform/process.h"
@@ -17,24 +18,6 @@ namespace corvane {
 namespace {
 
 using Kind = MigrationEntry::Kind;
-
-// Runs each command with /bin/sh -c as pkexec would after a granted dialog, keeping every text;
-// `beforeRun` changes the world just before a run, `dismissed` answers as a cancelled dialog.
-struct ShellAdministratorRunner final : platform::AdministratorRunner {
-  platform::AdministratorResult run(const std::string& command) override {
-    commands.push_back(command);
-    if (dismissed) return platform::interpretShellLauncherResult({126, 0}, "");
-    if (beforeRun) beforeRun(command);
-    platform::ProcessRequest request;
-    request.executable = "/bin/sh";
-    request.arguments = {"-c", command};
-    auto result = platform::runProcess(request);
-    return platform::interpretShellLauncherResult(result.exit, result.standardOutput + result.standardError);
-  }
-  std::vector<std::string> commands;
-  std::function<void(const std::string& command)> beforeRun;
-  bool dismissed = false;
-};
 
 // An item on an internal volume and its copy on an external one; as root, a permission reference
 // on a read-only volume makes the item count as not deletable, so commands go to the runner.
