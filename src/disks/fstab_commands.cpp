@@ -46,6 +46,13 @@ std::string manualProtectionCommand(const std::string& uuid, const std::string& 
          "' | sudo tee -a /etc/fstab";
 }
 
+std::string linuxManualProtectionCommand(const std::string& uuid, const std::string& line,
+                                         const std::string& fstabPath) {
+  const std::string table = shellQuote(fstabPath);
+  return "grep -q \"UUID=" + uuid + "\" " + table + " 2>/dev/null || printf '%s\\n' " + shellQuote(line) +
+         " | sudo tee -a " + table;
+}
+
 std::string macProtectionAppleScript(const std::string& fstabPath, const std::string& line) {
   // Escaped twice over: once for the echo's quotes, once more for the script's own quoting.
   const std::string safe = replaceAll(replaceAll(line, "'", "'\\''"), "'", "'\\''");
@@ -70,11 +77,23 @@ std::string linuxProtectionCommand(const std::string& fstabPath, const std::stri
   return "set -e; trap 'rm -f -- " + replaceAll(t, "'", "'\\''") + "' EXIT; " + "if [ -f " + f + " ]; then cp -p -- " +
          f + " " + shellQuote(fstabPath + ".bak") + "; cat -- " + f + " > " + t + "; if [ -n \"$(tail -c 1 -- " + f +
          ")\" ]; then echo >> " + t + "; fi; else : > " + t + "; fi; " + "printf '%s\\n' " + shellQuote(line) + " >> " +
-         t + "; " + "if command -v findmnt >/dev/null 2>&1; then findmnt --verify --tab-file " + t + " >&2; fi; " +
+         t + "; " + "if command -v findmnt >/dev/null 2>&1; then V=$(LC_ALL=C findmnt --verify --tab-file " + t +
+         " 2>&1) || :; if ! printf '%s\\n' \"$V\" | grep -q -e '^Success, no errors' -e '^0 parse errors,'; then "
+         "printf '%s\\n' \"$V\" >&2; "
+         "exit 65; fi; fi; " +
          "chmod 644 " + t + "; chown 0:0 " + t + "; mv -f -- " + t + " " + f + "; sync -- " +
          shellQuote(parentPath(fstabPath));
 }
 
-std::string linuxGhostRemovalCommand(const std::string& path) { return "rm -rf -- " + shellQuote(path); }
+std::string linuxGhostRemovalCommand(const std::string& path, const std::optional<std::pair<dev_t, ino_t>>& identity) {
+  const std::string quoted = shellQuote(path);
+  std::string check;
+  if (identity) {
+    check = "[ -d " + quoted + " ] && [ ! -L " + quoted + " ] && [ \"$(stat -c %d:%i -- " + quoted + ")\" = '" +
+            std::to_string(identity->first) + ":" + std::to_string(identity->second) +
+            "' ] || { echo 'The folder changed after it was shown; nothing was removed.' >&2; exit 3; }; ";
+  }
+  return check + "rm -rf --one-file-system -- " + quoted;
+}
 
 }  // namespace corvane

@@ -5,12 +5,14 @@
 
 #include <algorithm>
 #include <cctype>
+#include <filesystem>
 
 #include "disks/fstab_commands.h"
 #include "fixtures/loop_disk.h"
 #include "fixtures/sample_tree.h"
 #include "fixtures/shell_administrator_runner.h"
 #include "fixtures/temporary_directory.h"
+#include "platform/process.h"
 
 namespace corvane {
 namespace {
@@ -18,11 +20,13 @@ namespace {
 TEST(FstabCommandsTest, TheTextsAreExactAndAQuoteInAPathCannotBreakThem) {
   const std::string line = fstabLine("ABCD-1234", "/Volumes/My Disk's", "apfs", "rw,auto", false);
   EXPECT_EQ(line, "UUID=ABCD-1234    /Volumes/My\\040Disk's    apfs    rw,auto");
-  EXPECT_EQ(fstabLine("U", "/media/a\tb\\c", "ext4", "rw,nofail", true), "UUID=U    /media/a\\011b\\134c    ext4    rw,nofail");
+  EXPECT_EQ(fstabLine("U", "/media/a\tb\\c", "ext4", "rw,nofail", true),
+            "UUID=U    /media/a\\011b\\134c    ext4    rw,nofail");
 
-  EXPECT_EQ(manualProtectionCommand("ABCD-1234", line),
-            "grep -q \"UUID=ABCD-1234\" /etc/fstab 2>/dev/null || echo 'UUID=ABCD-1234    /Volumes/My\\040Disk'\\''s    "
-            "apfs    rw,auto' | sudo tee -a /etc/fstab");
+  EXPECT_EQ(
+      manualProtectionCommand("ABCD-1234", line),
+      "grep -q \"UUID=ABCD-1234\" /etc/fstab 2>/dev/null || echo 'UUID=ABCD-1234    /Volumes/My\\040Disk'\\''s    "
+      "apfs    rw,auto' | sudo tee -a /etc/fstab");
 
   // The quote escaped twice over, then backslashes and double quotes for the script string.
   const std::string twice = "UUID=ABCD-1234    /Volumes/My\\\\040Disk'\\\\''\\\\'\\\\'''\\\\''s    apfs    rw,auto";
@@ -37,6 +41,10 @@ TEST(FstabCommandsTest, TheTextsAreExactAndAQuoteInAPathCannotBreakThem) {
             "tell application \"Terminal\"\n    activate\n    do script \"echo \\\"x\\\" \\\\ y\"\nend tell");
   EXPECT_EQ(macGhostRemovalAppleScript("/Volumes/A \"B\""),
             "do shell script \"rm -rf \\\"/Volumes/A \\\"B\\\"\\\"\" with administrator privileges");
+  // Linux writes with printf: the echo of dash would turn "\040" into a blank.
+  EXPECT_EQ(linuxManualProtectionCommand("ABCD-1234", "UUID=ABCD-1234    /media/My\\040Disk's", "/etc/fstab"),
+            "grep -q \"UUID=ABCD-1234\" '/etc/fstab' 2>/dev/null || printf '%s\\n' 'UUID=ABCD-1234    "
+            "/media/My\\040Disk'\\''s' | sudo tee -a '/etc/fstab'");
 }
 
 // A disk mounted at a path with a blank below a temporary volumes root, a temporary table, and a
@@ -80,15 +88,17 @@ TEST_F(FstabManagerTest, ProtectionRoundTripsAndOnlyAnUncommentedEntryWithTheUui
   std::string upper = *uuid;
   std::transform(upper.begin(), upper.end(), upper.begin(), [](unsigned char c) { return std::toupper(c); });
 
-  writeFile(work_.child("etc/fstab"), "# UUID=" + *uuid + " /x ext4 rw\n  #UUID=" + *uuid + " /y ext4 rw\n/dev/sda1 / ext4 rw");
+  writeFile(work_.child("etc/fstab"),
+            "# UUID=" + *uuid + " /x ext4 rw\n  #UUID=" + *uuid + " /y ext4 rw\n/dev/sda1 / ext4 rw");
   EXPECT_FALSE(fstab_->isDiskProtected(volume()));
   writeFile(work_.child("etc/fstab"), "\tUUID=" + upper + "  /elsewhere ext4 rw\n");
   EXPECT_TRUE(fstab_->isDiskProtected(volume())) << "the UUID field alone decides, in any case";
   writeFile(work_.child("etc/fstab"), "UUID=" + lower + " /elsewhere ext4 rw\n");
   EXPECT_TRUE(fstab_->isDiskProtected(volume()));
 
-  // Enabling: system protection fails at once, a dismissed dialog changes nothing.
-  const std::string before = "/dev/sda1 / ext4 rw";  // no line break at the end
+  // Enabling: system protection fails at once, a dismissed dialog changes nothing. The entry of a
+  // disk that is not attached now is no reason to refuse.
+  const std::string before = "UUID=0000-ABSENT /media/absent ext4 rw,nofail 0 0";  // no line break at the end
   writeFile(work_.child("etc/fstab"), before);
   sipEnabled_ = true;
   auto refused = fstab_->enableDiskProtection(volume());
@@ -106,13 +116,27 @@ TEST_F(FstabManagerTest, ProtectionRoundTripsAndOnlyAnUncommentedEntryWithTheUui
 
   // A step that fails (the table's folder cannot take the new file) leaves the table whole.
   runner_->dismissed = false;
-  runner_->beforeRun = [&](const std::string&) { ASSERT_EQ(system(("chattr +i '" + work_.child("etc") + "'").c_str()), 0); };
+  runner_->beforeRun = [&](const std::string&) {
+    ASSERT_EQ(system(("chattr +i '" + work_.child("etc") + "'").c_str()), 0);
+  };
   auto failed = fstab_->enableDiskProtection(volume());
   ASSERT_EQ(system(("chattr -i '" + work_.child("etc") + "'").c_str()), 0);
   ASSERT_TRUE(failed);
   EXPECT_EQ(table(), before);
 
+  // A table findmnt rejects: refused with the command's exit status, nothing left beside it.
   runner_->beforeRun = nullptr;
+  const std::string broken = before + "\nnot-a-table-line\n";
+  writeFile(work_.child("etc/fstab"), broken);
+  failed = fstab_->enableDiskProtection(volume());
+  ASSERT_TRUE(failed);
+  EXPECT_GT(failed->code, 0);
+  EXPECT_EQ(failed->key, "fstab.error.failed");
+  EXPECT_EQ(table(), broken);
+  for (const auto& entry : std::filesystem::directory_iterator(work_.child("etc")))
+    EXPECT_EQ(entry.path().filename().string().find("corvane"), std::string::npos) << entry.path();
+
+  writeFile(work_.child("etc/fstab"), before);
   EXPECT_FALSE(fstab_->enableDiskProtection(volume()));
   EXPECT_EQ(table(), before + "\nUUID=" + *uuid + "    " + root() + "/My\\040Disk    ext4    rw,nofail\n");
   EXPECT_EQ(readFile(work_.child("etc/fstab.bak")), before);
@@ -120,9 +144,21 @@ TEST_F(FstabManagerTest, ProtectionRoundTripsAndOnlyAnUncommentedEntryWithTheUui
   const auto commandsSoFar = runner_->commands.size();
   EXPECT_FALSE(fstab_->enableDiskProtection(volume())) << "already protected";
   EXPECT_EQ(runner_->commands.size(), commandsSoFar);
+
+  // The manual command, run by /bin/sh as the terminal runs it (sudo passes straight through as
+  // root), writes the same line to a fresh table.
+  writeFile(work_.child("etc/fstab"), "");
   auto manual = fstab_->getProtectionShellCommand(volume());
   ASSERT_TRUE(manual);
-  EXPECT_NE(manual->find("UUID=" + *uuid), std::string::npos);
+  writeFile(work_.child("bin/sudo"), "#!/bin/sh\nexec \"$@\"\n");
+  ASSERT_EQ(chmod(work_.child("bin/sudo").c_str(), 0755), 0);
+  platform::ProcessRequest request;
+  request.executable = "/bin/sh";
+  request.arguments = {"-c", *manual};
+  request.environment = platform::currentEnvironment();
+  (*request.environment)["PATH"] = work_.child("bin") + ":" + (*request.environment)["PATH"];
+  ASSERT_TRUE(platform::runProcess(request).exit.succeeded());
+  EXPECT_EQ(table(), "UUID=" + *uuid + "    " + root() + "/My\\040Disk    ext4    rw,nofail\n");
 }
 
 TEST_F(FstabManagerTest, AGhostFolderIsRemovedOnlyBelowARootNeverAMountAndOnlyAsShown) {
@@ -141,7 +177,7 @@ TEST_F(FstabManagerTest, AGhostFolderIsRemovedOnlyBelowARootNeverAMountAndOnlyAs
   writeFile(hostile + "/deeper/more.txt", "678");
   writeFile(root() + "/Backup sibling/keep.txt", "keep");
   EXPECT_TRUE(fstab_->checkGhostDirectory(hostile));
-  EXPECT_FALSE(fstab_->checkGhostDirectory(root() + "/Empty" ) );
+  EXPECT_FALSE(fstab_->checkGhostDirectory(root() + "/Empty"));
   auto shown = fstab_->describeGhostDirectory(hostile);
   ASSERT_TRUE(shown);
   EXPECT_EQ(shown->entryCount, 3u);

@@ -19,7 +19,8 @@ void openTerminalAndRun(const std::string& command) {
   logInfo("Running AppleScript with command length: " + std::to_string(characterCount(command)));
   const auto result = runAppleScript(script);
   if (!result.succeeded)
-    logError("❌ AppleScript Execution Error: " + (result.message.empty() ? std::string("Unknown error") : result.message));
+    logError("❌ AppleScript Execution Error: " +
+             (result.message.empty() ? std::string("Unknown error") : result.message));
 }
 
 }  // namespace corvane::platform
