@@ -2,6 +2,7 @@
 
 #include <cstdio>
 
+#include "platform/terminal_launcher.h"
 #include "support/paths.h"
 #include "support/shell_quote.h"
 #include "support/uuid.h"
@@ -45,6 +46,13 @@ std::string manualProtectionCommand(const std::string& uuid, const std::string& 
          "' | sudo tee -a /etc/fstab";
 }
 
+std::string linuxManualProtectionCommand(const std::string& uuid, const std::string& line,
+                                         const std::string& fstabPath) {
+  const std::string table = shellQuote(fstabPath);
+  return "grep -q \"UUID=" + uuid + "\" " + table + " 2>/dev/null || printf '%s\\n' " + shellQuote(line) +
+         " | sudo tee -a " + table;
+}
+
 std::string macProtectionAppleScript(const std::string& fstabPath, const std::string& line) {
   // Escaped twice over: once for the echo's quotes, once more for the script's own quoting.
   const std::string safe = replaceAll(replaceAll(line, "'", "'\\''"), "'", "'\\''");
@@ -56,9 +64,7 @@ std::string macProtectionAppleScript(const std::string& fstabPath, const std::st
   return "do shell script \"" + appleScriptQuoted(commands) + "\" with administrator privileges";
 }
 
-std::string macTerminalAppleScript(const std::string& command) {
-  return "tell application \"Terminal\"\n    activate\n    do script \"" + appleScriptQuoted(command) + "\"\nend tell";
-}
+std::string macTerminalAppleScript(const std::string& command) { return platform::terminalAppleScript(command); }
 
 std::string macGhostRemovalAppleScript(const std::string& path) {
   const std::string command = replaceAll("rm -rf \"" + path + "\"", "\"", "\\\"");
@@ -75,14 +81,23 @@ std::string linuxProtectionCommand(const std::string& fstabPath, const std::stri
   command += "printf '%s\\n' " + shellQuote(line) + " >> " + t + "; ";
   // Only a table that no longer parses is refused: findmnt also counts a disk that is not
   // plugged in as an error, and the user's other removable disks must not block this one.
-  command += "if command -v findmnt >/dev/null 2>&1; then verdict=$(findmnt --verify --tab-file " + t +
+  command += "if command -v findmnt >/dev/null 2>&1; then verdict=$(LC_ALL=C findmnt --verify --tab-file " + t +
              " 2>&1 || true); if printf '%s\\n' \"$verdict\" | grep -q '^[1-9][0-9]* parse error'; then printf '%s\\n' "
-             "\"$verdict\" >&2; exit 1; fi; fi; ";
+             "\"$verdict\" >&2; exit 65; fi; fi; ";
   command += "chmod 644 " + t + "; chown 0:0 " + t + "; mv -f -- " + t + " " + f + "; sync -- " +
              shellQuote(parentPath(fstabPath));
   return command;
 }
 
-std::string linuxGhostRemovalCommand(const std::string& path) { return "rm -rf -- " + shellQuote(path); }
+std::string linuxGhostRemovalCommand(const std::string& path, const std::optional<std::pair<dev_t, ino_t>>& identity) {
+  const std::string quoted = shellQuote(path);
+  std::string check;
+  if (identity) {
+    check = "[ -d " + quoted + " ] && [ ! -L " + quoted + " ] && [ \"$(stat -c %d:%i -- " + quoted + ")\" = '" +
+            std::to_string(identity->first) + ":" + std::to_string(identity->second) +
+            "' ] || { echo 'The folder changed after it was shown; nothing was removed.' >&2; exit 3; }; ";
+  }
+  return check + "rm -rf --one-file-system -- " + quoted;
+}
 
 }  // namespace corvane

@@ -68,6 +68,19 @@ std::string joined(const std::vector<std::string>& names) {
 
 FstabError error(int code, std::string message, std::string key) { return {code, std::move(message), std::move(key)}; }
 
+// The UUID goes into command texts, once inside double quotes: only letters, digits and dashes
+// (every form the systems print) are taken as one.
+bool isPlainUuid(const std::string& uuid) {
+  return !uuid.empty() && std::all_of(uuid.begin(), uuid.end(), [](char c) {
+    return std::isalnum(static_cast<unsigned char>(c)) != 0 || c == '-';
+  });
+}
+
+std::string withoutTrailingSlash(std::string path) {
+  while (path.size() > 1 && path.back() == '/') path.pop_back();
+  return path;
+}
+
 }  // namespace
 
 FstabManager::Configuration FstabManager::Configuration::forThisSystem() {
@@ -99,6 +112,10 @@ std::optional<std::string> FstabManager::getVolumeUUID(const std::string& volume
   }
   try {
     auto uuid = configuration_.describeVolume(volumePath).uuid;
+    if (uuid && !isPlainUuid(*uuid)) {
+      logWarning("获取 UUID 失败: unexpected characters in \"" + *uuid + "\"");
+      return std::nullopt;
+    }
     if (uuid) {
       std::lock_guard lock(cacheLock_);
       uuidCache_[volumePath] = *uuid;
@@ -164,7 +181,11 @@ bool FstabManager::isDiskProtected(const std::string& volumePath) {
 std::optional<std::string> FstabManager::getProtectionShellCommand(const std::string& volumePath) {
   const auto uuid = getVolumeUUID(volumePath);
   if (!uuid) return std::nullopt;
+#ifdef __APPLE__
   return manualProtectionCommand(*uuid, entryFor(*uuid, volumePath));
+#else
+  return linuxManualProtectionCommand(*uuid, entryFor(*uuid, volumePath), configuration_.fstabPath);
+#endif
 }
 
 std::optional<FstabError> FstabManager::enableDiskProtection(const std::string& volumePath) {
@@ -197,8 +218,8 @@ std::optional<FstabError> FstabManager::enableDiskProtection(const std::string& 
       case platform::AdministratorOutcome::failed:
         break;
     }
-    logError("❌ 写入 fstab 失败: " + result.output);
-    return error(1, result.output.empty() ? "Unknown error" : result.output, "fstab.error.failed");
+    logError("❌ 写入 fstab 失败: Code " + std::to_string(result.exitCode) + ", Msg: " + result.output);
+    return error(result.exitCode, result.output.empty() ? "Unknown error" : result.output, "fstab.error.failed");
   } catch (const std::exception& failure) {
     return error(-2, failure.what(), "fstab.error.runner");
   }
@@ -241,7 +262,8 @@ std::optional<GhostDirectoryContents> FstabManager::describeGhostDirectory(const
   std::error_code failure;
   // Links are not followed and other file systems not entered; a huge tree is counted only so far.
   for (fs::recursive_directory_iterator walk(path, fs::directory_options::skip_permission_denied, failure), end;
-       !failure && walk != end; walk.increment(failure)) {
+       walk != end; walk.increment(failure)) {
+    if (failure) break;
     if (++contents.entryCount >= kGhostCountLimit) {
       contents.countStopped = true;
       break;
@@ -251,17 +273,23 @@ std::optional<GhostDirectoryContents> FstabManager::describeGhostDirectory(const
     if (S_ISREG(entry.st_mode)) contents.totalBytes += entry.st_size;
     if (S_ISDIR(entry.st_mode) && entry.st_dev != status.st_dev) walk.disable_recursion_pending();
   }
+  // A walk that ended on an error did not see everything: the count is a lower bound.
+  if (failure) contents.countStopped = true;
   return contents;
 }
 
 std::optional<FstabError> FstabManager::cleanupRefusal(const std::string& path,
                                                        const GhostDirectoryContents* confirmed) const {
   if (isMountPoint(path)) return error(-999, "Target is a mount point! Aborting cleanup.", "fstab.error.mount_point");
-  if (!VolumesRoots(configuration_.volumesRoots).contains(path))
+  // Only a disk's own place (a root and one name below it) can hold a leftover folder; nothing
+  // deeper, which would be inside a disk, and nothing outside the roots.
+  const auto volumePath = VolumesRoots(configuration_.volumesRoots).volumePathOf(path);
+  if (!volumePath || *volumePath != withoutTrailingSlash(path))
     return error(-998, "Safety guard: Only /Volumes paths are allowed.", "fstab.error.outside_volumes");
 #ifdef __APPLE__
-  // The path is written inside double quotes, which leave $, ` and \ active.
-  if (path.find_first_of("$`\\\n") != std::string::npos)
+  // The path is written inside double quotes, which leave $, ` and \ active; a quote in the name
+  // would end the quoted path and let the rest (a "*", another path) reach rm as root.
+  if (path.find_first_of("\"$`\\\n") != std::string::npos)
     return error(-997, "Unsafe characters in path", "fstab.error.unsafe_path");
 #endif
   if (confirmed) {
@@ -287,8 +315,12 @@ std::optional<FstabError> FstabManager::cleanupGhostDirectory(const std::string&
 #else
   if (!configuration_.administratorRunner) return error(-2, "Unknown error", "fstab.error.runner");
   try {
-    const auto result = configuration_.administratorRunner->run(linuxGhostRemovalCommand(path));
+    std::optional<std::pair<dev_t, ino_t> > identity;
+    if (confirmed) identity.emplace(confirmed->device, confirmed->inode);
+    const auto result = configuration_.administratorRunner->run(linuxGhostRemovalCommand(path, identity));
     if (result.outcome == platform::AdministratorOutcome::succeeded) return std::nullopt;
+    if (result.outcome == platform::AdministratorOutcome::cancelled)
+      return error(-1, "User canceled authorization", "fstab.error.cancelled");
     return error(-1, result.output.empty() ? "Unknown error" : result.output, "fstab.error.cleanup_failed");
   } catch (const std::exception& failure) {
     return error(-2, failure.what(), "fstab.error.runner");

@@ -13,6 +13,7 @@ std::string trimmedLauncherOutput(const std::string& output) {
 AdministratorResult interpretAppleScriptResult(const ProcessExit& exit, const std::string& output) {
   AdministratorResult result;
   result.output = trimmedLauncherOutput(output);
+  result.exitCode = exit.exitCode;
   if (exit.succeeded() && result.output == "0") {
     result.outcome = AdministratorOutcome::succeeded;
   } else if (result.output == "-128") {
@@ -26,6 +27,7 @@ AdministratorResult interpretAppleScriptResult(const ProcessExit& exit, const st
 AdministratorResult interpretShellLauncherResult(const ProcessExit& exit, const std::string& output) {
   AdministratorResult result;
   result.output = trimmedLauncherOutput(output);
+  result.exitCode = exit.exitCode;
   if (exit.succeeded()) {
     result.outcome = AdministratorOutcome::succeeded;
   } else if (exit.exited() && exit.exitCode == 126) {

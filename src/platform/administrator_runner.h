@@ -20,6 +20,8 @@ struct AdministratorResult {
   AdministratorOutcome outcome = AdministratorOutcome::failed;
   // What the launcher printed, trimmed; the error number on macOS, the command's output on Linux.
   std::string output;
+  // The launcher's exit status; -1 when it was ended by a signal.
+  int exitCode = -1;
 };
 
 class AdministratorRunner {

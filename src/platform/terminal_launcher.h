@@ -7,10 +7,21 @@
 // failure is logged.
 #pragma once
 
+#include <optional>
 #include <string>
+#include <vector>
 
 namespace corvane::platform {
 
 void openTerminalAndRun(const std::string& command);
+
+// The pieces, built portably so their exact form is tested everywhere.
+// The script that has Terminal open a window running `command` (macOS).
+std::string terminalAppleScript(const std::string& command);
+// The first known emulator found in the directories of `searchPath` (a PATH value) and the
+// arguments that have it run `command` through /bin/sh -c: the emulator's absolute path first.
+// Absent when none is installed.
+std::optional<std::vector<std::string>> terminalEmulatorCommand(const std::string& command,
+                                                                const std::string& searchPath);
 
 }  // namespace corvane::platform

@@ -11,6 +11,10 @@ namespace corvane {
 // Escapes a text for the inside of an AppleScript string literal: backslashes doubled, then
 // double quotes, line feeds and carriage returns written as \" \n \r.
 std::string appleScriptStringEscape(std::string_view text);
+// The lighter escape the disk-protection and Terminal scripts use: backslashes doubled, then
+// double quotes written as \"; line breaks stay real line breaks inside the literal, which
+// AppleScript accepts.
+std::string appleScriptQuoteEscape(std::string_view text);
 
 std::string administratorAppleScript(std::string_view shellCommand);
 

@@ -5,12 +5,14 @@
 
 #include <algorithm>
 #include <cctype>
+#include <filesystem>
 
 #include "disks/fstab_commands.h"
 #include "fixtures/loop_disk.h"
 #include "fixtures/sample_tree.h"
 #include "fixtures/shell_administrator_runner.h"
 #include "fixtures/temporary_directory.h"
+#include "platform/process.h"
 
 namespace corvane {
 namespace {
@@ -39,6 +41,10 @@ TEST(FstabCommandsTest, TheTextsAreExactAndAQuoteInAPathCannotBreakThem) {
             "tell application \"Terminal\"\n    activate\n    do script \"echo \\\"x\\\" \\\\ y\"\nend tell");
   EXPECT_EQ(macGhostRemovalAppleScript("/Volumes/A \"B\""),
             "do shell script \"rm -rf \\\"/Volumes/A \\\"B\\\"\\\"\" with administrator privileges");
+  // Linux writes with printf: the echo of dash would turn "\040" into a blank.
+  EXPECT_EQ(linuxManualProtectionCommand("ABCD-1234", "UUID=ABCD-1234    /media/My\\040Disk's", "/etc/fstab"),
+            "grep -q \"UUID=ABCD-1234\" '/etc/fstab' 2>/dev/null || printf '%s\\n' 'UUID=ABCD-1234    "
+            "/media/My\\040Disk'\\''s' | sudo tee -a '/etc/fstab'");
 }
 
 // A disk mounted at a path with a blank below a temporary volumes root, a temporary table, and a
@@ -90,8 +96,9 @@ TEST_F(FstabManagerTest, ProtectionRoundTripsAndOnlyAnUncommentedEntryWithTheUui
   writeFile(work_.child("etc/fstab"), "UUID=" + lower + " /elsewhere ext4 rw\n");
   EXPECT_TRUE(fstab_->isDiskProtected(volume()));
 
-  // Enabling: system protection fails at once, a dismissed dialog changes nothing.
-  const std::string before = "/dev/sda1 / ext4 rw";  // no line break at the end
+  // Enabling: system protection fails at once, a dismissed dialog changes nothing. The entry of a
+  // disk that is not attached now is no reason to refuse.
+  const std::string before = "UUID=0000-ABSENT /media/absent ext4 rw,nofail 0 0";  // no line break at the end
   writeFile(work_.child("etc/fstab"), before);
   sipEnabled_ = true;
   auto refused = fstab_->enableDiskProtection(volume());
@@ -110,10 +117,6 @@ TEST_F(FstabManagerTest, ProtectionRoundTripsAndOnlyAnUncommentedEntryWithTheUui
   // A step that fails leaves the table whole: a table that no longer parses, or a folder that
   // cannot take the new file.
   runner_->dismissed = false;
-  writeFile(work_.child("etc/fstab"), "nonsense\n");
-  EXPECT_TRUE(fstab_->enableDiskProtection(volume()));
-  EXPECT_EQ(table(), "nonsense\n");
-  writeFile(work_.child("etc/fstab"), before);
   runner_->beforeRun = [&](const std::string&) {
     ASSERT_EQ(system(("chattr +i '" + work_.child("etc") + "'").c_str()), 0);
   };
@@ -122,7 +125,19 @@ TEST_F(FstabManagerTest, ProtectionRoundTripsAndOnlyAnUncommentedEntryWithTheUui
   ASSERT_TRUE(failed);
   EXPECT_EQ(table(), before);
 
+  // A table findmnt rejects: refused with the command's exit status, nothing left beside it.
   runner_->beforeRun = nullptr;
+  const std::string broken = before + "\nnot-a-table-line\n";
+  writeFile(work_.child("etc/fstab"), broken);
+  failed = fstab_->enableDiskProtection(volume());
+  ASSERT_TRUE(failed);
+  EXPECT_GT(failed->code, 0);
+  EXPECT_EQ(failed->key, "fstab.error.failed");
+  EXPECT_EQ(table(), broken);
+  for (const auto& entry : std::filesystem::directory_iterator(work_.child("etc")))
+    EXPECT_EQ(entry.path().filename().string().find("corvane"), std::string::npos) << entry.path();
+
+  writeFile(work_.child("etc/fstab"), before);
   EXPECT_FALSE(fstab_->enableDiskProtection(volume()));
   EXPECT_EQ(table(), before + "\nUUID=" + *uuid + "    " + root() + "/My\\040Disk    ext4    rw,nofail\n");
   EXPECT_EQ(readFile(work_.child("etc/fstab.bak")), before);
@@ -130,9 +145,21 @@ TEST_F(FstabManagerTest, ProtectionRoundTripsAndOnlyAnUncommentedEntryWithTheUui
   const auto commandsSoFar = runner_->commands.size();
   EXPECT_FALSE(fstab_->enableDiskProtection(volume())) << "already protected";
   EXPECT_EQ(runner_->commands.size(), commandsSoFar);
+
+  // The manual command, run by /bin/sh as the terminal runs it (sudo passes straight through as
+  // root), writes the same line to a fresh table.
+  writeFile(work_.child("etc/fstab"), "");
   auto manual = fstab_->getProtectionShellCommand(volume());
   ASSERT_TRUE(manual);
-  EXPECT_NE(manual->find("UUID=" + *uuid), std::string::npos);
+  writeFile(work_.child("bin/sudo"), "#!/bin/sh\nexec \"$@\"\n");
+  ASSERT_EQ(chmod(work_.child("bin/sudo").c_str(), 0755), 0);
+  platform::ProcessRequest request;
+  request.executable = "/bin/sh";
+  request.arguments = {"-c", *manual};
+  request.environment = platform::currentEnvironment();
+  (*request.environment)["PATH"] = work_.child("bin") + ":" + (*request.environment)["PATH"];
+  ASSERT_TRUE(platform::runProcess(request).exit.succeeded());
+  EXPECT_EQ(table(), "UUID=" + *uuid + "    " + root() + "/My\\040Disk    ext4    rw,nofail\n");
 }
 
 TEST_F(FstabManagerTest, AGhostFolderIsRemovedOnlyBelowARootNeverAMountAndOnlyAsShown) {
