@@ -80,7 +80,7 @@ TEST(VolumeListingTest, AMountedDiskIsListedDescribedAndRemountedExactlyWhereAsk
   const auto description = platform::describeVolume(mounted + "/");
   platform::ProcessRequest blkid;
   blkid.executable = "blkid";
-  blkid.arguments = {"-s", "UUID", "-o", "value", disk->device()};
+  blkid.arguments = {"-p", "-s", "UUID", "-o", "value", disk->device()};
   std::string uuid = platform::runProcess(blkid).standardOutput;
   uuid.erase(uuid.find_last_not_of('\n') + 1);
   EXPECT_EQ(description.uuid, uuid);
