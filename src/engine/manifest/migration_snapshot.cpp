@@ -32,14 +32,20 @@ struct ParentAccess {
 
 class SnapshotWalk {
  public:
-  SnapshotWalk(RuntimeEntries runtime, ReadableCheck readable, RemovableCheck removable,
-               const MigrationSnapshot::Visited& visited)
-      : runtime_(runtime), readable_(readable), removable_(removable), visited_(visited), user_(getuid()) {}
+  // Takes each entry as it is read and answers the relative path its children are named under:
+  // the manifest's own key when the entries are kept, the walk's local string when they stream.
+  using Sink = std::function<const std::string&(std::string& relativePath, MigrationEntry& entry)>;
 
-  MigrationManifest run(const std::string& root) {
-    visit(AT_FDCWD, root, "", std::string(), ParentAccess{}, 0);
-    return std::move(manifest_);
-  }
+  SnapshotWalk(RuntimeEntries runtime, ReadableCheck readable, RemovableCheck removable,
+               const MigrationSnapshot::Visited& visited, Sink sink)
+      : runtime_(runtime),
+        readable_(readable),
+        removable_(removable),
+        visited_(visited),
+        sink_(std::move(sink)),
+        user_(getuid()) {}
+
+  void run(const std::string& root) { visit(AT_FDCWD, root, "", std::string(), ParentAccess{}, 0); }
 
  private:
   // `lookupDirectory` + `name` reaches the object; `parentPath` + "/" + `name` is its absolute
@@ -66,9 +72,9 @@ class SnapshotWalk {
     }
 
     const bool directory = kind == MigrationEntry::Kind::directory;
-    auto stored = manifest_.insert_or_assign(std::move(relativePath), std::move(entry)).first;
-    if (visited_) visited_(stored->first);
-    if (directory) visitChildren(lookupDirectory, name, pathOf(), stored->first, *status, depth);
+    const std::string& stored = sink_(relativePath, entry);
+    if (visited_) visited_(stored);
+    if (directory) visitChildren(lookupDirectory, name, pathOf(), stored, *status, depth);
   }
 
   static bool isRuntimeKind(MigrationEntry::Kind kind) {
@@ -135,15 +141,31 @@ class SnapshotWalk {
   ReadableCheck readable_;
   RemovableCheck removable_;
   const MigrationSnapshot::Visited& visited_;
+  Sink sink_;
   uid_t user_;
-  MigrationManifest manifest_;
 };
 
 }  // namespace
 
 MigrationManifest MigrationSnapshot::walk(const std::string& root, RuntimeEntries runtimeEntries,
                                           ReadableCheck readable, RemovableCheck removable, const Visited& visited) {
-  return SnapshotWalk(runtimeEntries, readable, removable, visited).run(root);
+  MigrationManifest manifest;
+  SnapshotWalk(runtimeEntries, readable, removable, visited,
+               [&manifest](std::string& relativePath, MigrationEntry& entry) -> const std::string& {
+                 return manifest.insert_or_assign(std::move(relativePath), std::move(entry)).first->first;
+               })
+      .run(root);
+  return manifest;
+}
+
+void MigrationSnapshot::walkEntries(const std::string& root, RuntimeEntries runtimeEntries, ReadableCheck readable,
+                                    RemovableCheck removable, const Each& each, const Visited& visited) {
+  SnapshotWalk(runtimeEntries, readable, removable, visited,
+               [&each](std::string& relativePath, MigrationEntry& entry) -> const std::string& {
+                 each(relativePath, entry);
+                 return relativePath;
+               })
+      .run(root);
 }
 
 }  // namespace corvane

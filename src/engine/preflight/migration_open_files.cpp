@@ -72,7 +72,7 @@ std::optional<std::int32_t> pathDevice(std::string_view name) {
   return static_cast<std::int32_t>(platform::deviceNumber(major, minor));
 }
 
-std::string itemAbsolutePath(const std::string& source, const std::string& relativePath) {
+std::string itemAbsolutePath(const std::string& source, std::string_view relativePath) {
   return relativePath.empty() ? source : joinPath(source, relativePath);
 }
 
@@ -151,18 +151,25 @@ MigrationOpenFiles::Result MigrationOpenFiles::inspectNatively() {
 }
 
 MigrationOpenFiles::Result MigrationOpenFiles::inspectNatively(const std::string& source, const FileIndex& index) {
-  // The scan may outlive this call, so it owns what it reads.
-  auto identities = std::make_shared<std::unordered_set<MigrationFileIdentity>>();
+  // The scan may outlive this call, so it owns what it reads: the identities alone, sorted, a
+  // fraction of the index's size.
+  auto identities = std::make_shared<std::vector<MigrationFileIdentity>>();
+  identities->reserve(index.size());
   platform::OpenFileQuery query;
   query.within = source;
   for (const auto& [identity, file] : index) {
-    identities->insert(identity);
+    identities->push_back(identity);
     if (std::find(query.devices.begin(), query.devices.end(), identity.device) == query.devices.end())
       query.devices.push_back(identity.device);
   }
-  query.wanted = [identities](std::int64_t device, std::uint64_t inode) {
+  auto order = [](const MigrationFileIdentity& a, const MigrationFileIdentity& b) {
+    return a.device != b.device ? a.device < b.device : a.inode < b.inode;
+  };
+  std::sort(identities->begin(), identities->end(), order);
+  query.wanted = [identities, order](std::int64_t device, std::uint64_t inode) {
     // The same narrowing the manifest applies to st_dev.
-    return identities->contains({static_cast<std::int32_t>(device), inode});
+    return std::binary_search(identities->begin(), identities->end(),
+                              MigrationFileIdentity{static_cast<std::int32_t>(device), inode}, order);
   };
   return boundedNativeScan([query] { return platform::listOpenFilesNatively(query); });
 }
@@ -267,10 +274,10 @@ std::vector<MigrationOpenFiles::Reference> MigrationOpenFiles::references(std::s
     reference.inode = identity.inode;
     reference.name = name;
     reference.reason = reasonFor(done.descriptor, done.access, done.type);
-    reference.itemPath = found->second.relativePath;
+    reference.itemPath = std::string(found->second.relativePath);
     const std::string_view printedPath = pathPart(name);
     bool isItemPath = false;
-    auto matches = [&](const std::string& relativePath) {
+    auto matches = [&](std::string_view relativePath) {
       if (printedPath == itemAbsolutePath(source, relativePath)) return true;
       if (!resolvedSource) resolvedSource = resolvingSymlinksInPath(source);
       return printedPath == itemAbsolutePath(*resolvedSource, relativePath);
@@ -280,7 +287,7 @@ std::vector<MigrationOpenFiles::Reference> MigrationOpenFiles::references(std::s
     } else {
       for (const auto& other : found->second.otherPaths) {
         if (matches(other)) {
-          reference.itemPath = other;
+          reference.itemPath = std::string(other);
           isItemPath = true;
           break;
         }

@@ -31,10 +31,10 @@ class MigrationOpenFiles {
   };
 
   // Where a file of the item lies in it; every further path with the same identity is a hard
-  // link to it.
+  // link to it. The paths are the manifest's keys: an index lives no longer than its manifest.
   struct IndexedFile {
-    std::string relativePath;
-    std::vector<std::string> otherPaths;
+    std::string_view relativePath;
+    std::vector<std::string_view> otherPaths;
     MigrationEntry::Kind kind = MigrationEntry::Kind::regular;
   };
   using FileIndex = std::unordered_map<MigrationFileIdentity, IndexedFile>;

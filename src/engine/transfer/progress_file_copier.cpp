@@ -23,11 +23,12 @@ using platform::CopyWhat;
 
 class CopyContext {
  public:
-  CopyContext(const std::string& source, const MigrationManifest& manifest,
+  CopyContext(const std::string& source, const std::string& destination, const MigrationManifest& manifest,
               const std::set<std::string>& inactiveSockets, const ProgressFileCopier::Progress& progress,
               MigrationStagingArea& ownership, const std::map<std::string, std::string>& relocatedLinks,
               const ProgressFileCopier::Cancelled& cancelled)
       : source_(source),
+        destination_(destination),
         manifest_(manifest),
         inactiveSockets_(inactiveSockets),
         progress_(progress),
@@ -87,7 +88,11 @@ class CopyContext {
     } else if (finished) {
       ownership_.recordCreated(event.destination);
     } else if (event.what == CopyWhat::copyData && event.stage == CopyStage::progress) {
-      if (recordedData_.insert(event.destination).second) ownership_.recordCreated(event.destination);
+      // A file's data arrives in consecutive events: it is recorded at the first of them.
+      if (event.destination != recordingData_) {
+        ownership_.recordCreated(event.destination);
+        recordingData_ = event.destination;
+      }
     } else if (event.stage == CopyStage::error) {
       ownership_.recordCreated(event.destination, RecordScope::onlyKnown);
     }
@@ -139,16 +144,19 @@ class CopyContext {
           return CopyAnswer::skip;
         }
         return CopyAnswer::proceed;
-      case MigrationEntry::Kind::regular:
-        if (auto first = hardLinks_.find(entry.identity()); first != hardLinks_.end()) {
-          if (link(first->second.c_str(), event.destination.c_str()) != 0) platform::throwErrno(event.destination);
+      case MigrationEntry::Kind::regular: {
+        CopiedFile& file = files_[entry.identity()];
+        if (file.firstRelativePath) {
+          const std::string first = destination_ + "/" + *file.firstRelativePath;
+          if (link(first.c_str(), event.destination.c_str()) != 0) platform::throwErrno(event.destination);
           ownership_.recordCreated(event.destination);
           ++completed_;
           report(event.source);
           return CopyAnswer::skip;
         }
-        hardLinks_.emplace(entry.identity(), event.destination);
+        file.firstRelativePath = &found->first;
         return CopyAnswer::proceed;
+      }
       default:
         return CopyAnswer::proceed;
     }
@@ -156,7 +164,7 @@ class CopyContext {
 
   // A file's credit only grows, and only its growth is added to the total.
   void credit(std::int64_t bytes, const MigrationFileIdentity& identity) {
-    std::int64_t& count = byteCounts_[identity];
+    std::int64_t& count = files_[identity].credited;
     const std::int64_t offered = std::max<std::int64_t>(bytes, 0);
     if (offered > count) {
       totalBytes_ += offered - count;
@@ -168,7 +176,15 @@ class CopyContext {
     if (progress_) progress_(MigrationCopyUpdate{totalBytes_, completed_, path});
   }
 
+  // Per file identity: the manifest key of its first name, whose copy the other names link to,
+  // and the bytes credited for it.
+  struct CopiedFile {
+    const std::string* firstRelativePath = nullptr;
+    std::int64_t credited = 0;
+  };
+
   const std::string& source_;
+  const std::string& destination_;
   const MigrationManifest& manifest_;
   const std::set<std::string>& inactiveSockets_;
   const ProgressFileCopier::Progress& progress_;
@@ -177,9 +193,8 @@ class CopyContext {
   const ProgressFileCopier::Cancelled& cancelled_;
   std::exception_ptr error_;
   std::int64_t completed_ = 0;
-  std::set<std::string> recordedData_;
-  std::unordered_map<MigrationFileIdentity, std::int64_t> byteCounts_;
-  std::unordered_map<MigrationFileIdentity, std::string> hardLinks_;
+  std::string recordingData_;
+  std::unordered_map<MigrationFileIdentity, CopiedFile> files_;
   std::int64_t totalBytes_ = 0;
 };
 
@@ -200,7 +215,7 @@ void ProgressFileCopier::copy(const std::string& source, const std::string& dest
                               const std::map<std::string, std::string>& relocatedLinks, MigrationStagingArea& ownership,
                               const Progress& progress, const Cancelled& cancelled) {
   if (MigrationEntry::read(destination, AT_FDCWD)) throw platform::PosixError(EEXIST, destination);
-  CopyContext context(source, manifest, inactiveSockets, progress, ownership, relocatedLinks, cancelled);
+  CopyContext context(source, destination, manifest, inactiveSockets, progress, ownership, relocatedLinks, cancelled);
   try {
     platform::copyTree(source, destination, [&](const CopyEvent& event) { return context.handle(event); });
   } catch (...) {
