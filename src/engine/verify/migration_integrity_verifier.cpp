@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <tuple>
 #include <unordered_map>
+#include <unordered_set>
 #include <vector>
 
 #include "engine/manifest/migration_link_plan.h"
@@ -102,7 +103,8 @@ class Verification {
       relocated_ = options_.relocated ? *options_.relocated : MigrationLinkPlan::relocatedTargets(source_, manifest_);
     });
     wholeTree([&] { flushDestination(); });
-    readAhead_.emplace(destination_, manifest_, options_.inactiveSockets);
+    groupNames();
+    readAhead_.emplace(destination_, manifest_, options_.inactiveSockets, sharedIdentities_);
     verifiedCopies_.reserve(manifest_.size());
     for (const auto& [relativePath, expected] : manifest_) verifiedCopies_.push_back({&relativePath});
     std::size_t index = 0;
@@ -186,7 +188,9 @@ class Verification {
     Group* group = nullptr;
     bool compareContents = true;
     if (expected.kind == Kind::regular) {
-      if (auto found = groups_.find(expected.identity()); found != groups_.end()) {
+      if (auto found = sharedIdentities_.contains(expected.identity()) ? groups_.find(expected.identity())
+                                                                       : groups_.end();
+          found != groups_.end()) {
         group = &found->second;
         const auto present = MigrationEntry::read(copy, AT_FDCWD);
         compareContents =
@@ -228,23 +232,30 @@ class Verification {
     const auto verified = MigrationEntry::read(copy, AT_FDCWD);
     if (!verified) throw MigrationIssue("error.migration_copy_mismatch", copy);
     slot.record(*verified);
-    if (expected.kind == Kind::regular && group == nullptr) {
+    if (expected.kind == Kind::regular && group == nullptr && sharedIdentities_.contains(expected.identity())) {
       groups_.emplace(expected.identity(), Group{&relativePath, verified->identity()});
     }
     ++entries_;
     report(relativePath);
   }
 
-  void verifyHardLinkGroups() {
-    // The names of each identity side by side, each group in manifest order: pointers to the
-    // manifest's keys, sorted, rather than a map of path copies.
-    std::vector<std::pair<MigrationFileIdentity, const std::string*>> names;
+  // The names of each regular file's identity side by side, each group in manifest order:
+  // pointers to the manifest's keys, sorted, rather than a map of path copies; and the
+  // identities that have more than one name, the only ones whose copies are tracked by identity.
+  void groupNames() {
     for (const auto& [relativePath, expected] : manifest_) {
-      if (expected.kind == Kind::regular) names.emplace_back(expected.identity(), &relativePath);
+      if (expected.kind == Kind::regular) names_.emplace_back(expected.identity(), &relativePath);
     }
-    std::stable_sort(names.begin(), names.end(), [](const auto& a, const auto& b) {
+    std::stable_sort(names_.begin(), names_.end(), [](const auto& a, const auto& b) {
       return std::tie(a.first.device, a.first.inode) < std::tie(b.first.device, b.first.inode);
     });
+    for (std::size_t i = 1; i < names_.size(); ++i) {
+      if (names_[i].first == names_[i - 1].first) sharedIdentities_.insert(names_[i].first);
+    }
+  }
+
+  void verifyHardLinkGroups() {
+    const auto& names = names_;
     for (std::size_t start = 0, end = 0; start < names.size(); start = end) {
       for (end = start + 1; end < names.size() && names[end].first == names[start].first;) ++end;
       if (end - start < 2) continue;
@@ -323,6 +334,8 @@ class Verification {
   platform::UniqueFd flushDescriptor_;
   std::optional<MigrationCopyReadAhead> readAhead_;
   MigrationContentComparison comparison_;
+  std::vector<std::pair<MigrationFileIdentity, const std::string*>> names_;
+  std::unordered_set<MigrationFileIdentity> sharedIdentities_;
   std::unordered_map<MigrationFileIdentity, Group> groups_;
   std::vector<VerifiedCopy> verifiedCopies_;
   std::set<std::string> repairedPaths_;
