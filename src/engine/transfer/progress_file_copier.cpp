@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <exception>
 #include <optional>
 #include <unordered_map>
@@ -34,7 +35,20 @@ class CopyContext {
         progress_(progress),
         ownership_(ownership),
         relocatedLinks_(relocatedLinks),
-        cancelled_(cancelled) {}
+        cancelled_(cancelled) {
+    // Only identities with several names need to know where their first copy went; finding
+    // them costs a short-lived sorted list instead of a map entry for every file.
+    std::vector<MigrationFileIdentity> identities;
+    for (const auto& [relativePath, entry] : manifest) {
+      if (entry.kind == MigrationEntry::Kind::regular) identities.push_back(entry.identity());
+    }
+    std::sort(identities.begin(), identities.end(), [](const auto& a, const auto& b) {
+      return a.device != b.device ? a.device < b.device : a.inode < b.inode;
+    });
+    for (std::size_t i = 1; i < identities.size(); ++i) {
+      if (identities[i] == identities[i - 1]) firstNames_.emplace(identities[i], nullptr);
+    }
+  }
 
   CopyAnswer handle(const CopyEvent& event) {
     try {
@@ -145,16 +159,17 @@ class CopyContext {
         }
         return CopyAnswer::proceed;
       case MigrationEntry::Kind::regular: {
-        CopiedFile& file = files_[entry.identity()];
-        if (file.firstRelativePath) {
-          const std::string first = destination_ + "/" + *file.firstRelativePath;
+        auto shared = firstNames_.find(entry.identity());
+        if (shared == firstNames_.end()) return CopyAnswer::proceed;
+        if (shared->second) {
+          const std::string first = destination_ + "/" + *shared->second;
           if (link(first.c_str(), event.destination.c_str()) != 0) platform::throwErrno(event.destination);
           ownership_.recordCreated(event.destination);
           ++completed_;
           report(event.source);
           return CopyAnswer::skip;
         }
-        file.firstRelativePath = &found->first;
+        shared->second = &found->first;
         return CopyAnswer::proceed;
       }
       default:
@@ -162,9 +177,14 @@ class CopyContext {
     }
   }
 
-  // A file's credit only grows, and only its growth is added to the total.
+  // A file's credit only grows, and only its growth is added to the total. Each file is copied
+  // from its first event to its last before the next one starts.
   void credit(std::int64_t bytes, const MigrationFileIdentity& identity) {
-    std::int64_t& count = files_[identity].credited;
+    if (crediting_ != identity) {
+      crediting_ = identity;
+      credited_ = 0;
+    }
+    std::int64_t& count = credited_;
     const std::int64_t offered = std::max<std::int64_t>(bytes, 0);
     if (offered > count) {
       totalBytes_ += offered - count;
@@ -175,13 +195,6 @@ class CopyContext {
   void report(const std::string& path) {
     if (progress_) progress_(MigrationCopyUpdate{totalBytes_, completed_, path});
   }
-
-  // Per file identity: the manifest key of its first name, whose copy the other names link to,
-  // and the bytes credited for it.
-  struct CopiedFile {
-    const std::string* firstRelativePath = nullptr;
-    std::int64_t credited = 0;
-  };
 
   const std::string& source_;
   const std::string& destination_;
@@ -194,7 +207,11 @@ class CopyContext {
   std::exception_ptr error_;
   std::int64_t completed_ = 0;
   std::string recordingData_;
-  std::unordered_map<MigrationFileIdentity, CopiedFile> files_;
+  // Identities with several names -> the manifest key of the name copied first (null until
+  // then); every further name becomes a hard link to that copy.
+  std::unordered_map<MigrationFileIdentity, const std::string*> firstNames_;
+  MigrationFileIdentity crediting_;
+  std::int64_t credited_ = 0;
   std::int64_t totalBytes_ = 0;
 };
 

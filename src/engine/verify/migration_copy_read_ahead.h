@@ -20,8 +20,7 @@ class MigrationCopyReadAhead {
   // `skipped` paths and every further name of a hard-link group (its data is compared once).
   // `shared` holds the identities that have more than one name.
   MigrationCopyReadAhead(const std::string& destination, const MigrationManifest& manifest,
-                         const std::set<std::string>& skipped,
-                         const std::unordered_set<MigrationFileIdentity>& shared);
+                         const std::set<std::string>& skipped, const std::unordered_set<MigrationFileIdentity>& shared);
 
   // The copy of `relativePath`, opened ahead, when the walk reached it in manifest order.
   std::optional<platform::OpenedAhead> take(const std::string& relativePath);

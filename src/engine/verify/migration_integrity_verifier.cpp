@@ -74,7 +74,7 @@ bool matchesEntry(const std::string& source, const std::string& destination, con
   if (!present || present->kind != expected.kind) return false;
   switch (expected.kind) {
     case Kind::symbolicLink:
-      return present->link == (link ? link : expected.link);
+      return link ? present->link == *link : present->link == expected.link;
     case Kind::regular:
       // Size first: a short copy fails before a byte is read.
       if (present->size != expected.size || present->mode != expected.mode) return false;
@@ -159,7 +159,7 @@ class Verification {
   std::optional<std::string> linkFor(const std::string& relativePath, const MigrationEntry& expected) const {
     if (expected.kind != Kind::symbolicLink) return std::nullopt;
     if (auto found = relocated_.find(relativePath); found != relocated_.end()) return found->second;
-    return expected.link;
+    return expected.link.optional();
   }
   // The text a verified link of the copy carries: only the manifest and the relocations know it.
   std::optional<std::string> linkFor(const std::string& relativePath, Kind kind) const {
@@ -188,8 +188,8 @@ class Verification {
     Group* group = nullptr;
     bool compareContents = true;
     if (expected.kind == Kind::regular) {
-      if (auto found = sharedIdentities_.contains(expected.identity()) ? groups_.find(expected.identity())
-                                                                       : groups_.end();
+      if (auto found =
+              sharedIdentities_.contains(expected.identity()) ? groups_.find(expected.identity()) : groups_.end();
           found != groups_.end()) {
         group = &found->second;
         const auto present = MigrationEntry::read(copy, AT_FDCWD);
