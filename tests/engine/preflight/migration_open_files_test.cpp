@@ -66,7 +66,7 @@ MigrationOpenFiles::FileIndex sampleIndex() { return MigrationOpenFiles::fileInd
 
 TEST(MigrationOpenFilesTest, ParsesFieldOutputAndKeepsOnlyTheItemsFiles) {
   const auto index = sampleIndex();
-  EXPECT_EQ(index.at({0x1000007, 103}).otherPaths, std::vector<std::string_view>{"Contents/data.db"})
+  EXPECT_EQ(index.find({0x1000007, 103})->otherPaths, std::vector<std::string_view>{"Contents/data.db"})
       << "alias.db comes first";
   // lsof lists a process once more for each thread; those repeats are the same references.
   const std::string output = fields(
