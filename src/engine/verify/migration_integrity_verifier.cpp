@@ -252,6 +252,10 @@ class Verification {
     for (std::size_t i = 1; i < names_.size(); ++i) {
       if (names_[i].first == names_[i - 1].first) sharedIdentities_.insert(names_[i].first);
     }
+    // Only the groups' names are needed from here on; the list of every file goes back now,
+    // before the per-entry state of the verification is made.
+    std::erase_if(names_, [&](const auto& named) { return !sharedIdentities_.contains(named.first); });
+    names_.shrink_to_fit();
   }
 
   void verifyHardLinkGroups() {
