@@ -10,6 +10,7 @@
 #include <string_view>
 
 #include "engine/manifest/migration_file_identity.h"
+#include "engine/manifest/migration_link_text.h"
 
 namespace corvane {
 
@@ -17,15 +18,15 @@ struct MigrationEntry {
   enum class Kind : std::uint8_t { directory, regular, symbolicLink, fifo, socket, special };
 
   Kind kind = Kind::regular;
-  std::uint64_t inode = 0;
+  std::uint16_t mode = 0;
   std::int32_t device = 0;
+  std::uint64_t inode = 0;
   std::int64_t size = 0;
   std::int64_t modifiedSeconds = 0;
   std::int64_t modifiedNanoseconds = 0;
   std::int64_t changedSeconds = 0;
   std::int64_t changedNanoseconds = 0;
-  std::optional<std::string> link;
-  std::uint16_t mode = 0;
+  MigrationLinkText link;
   std::uint32_t flags = 0;
 
   bool operator==(const MigrationEntry&) const = default;

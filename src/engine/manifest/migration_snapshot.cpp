@@ -32,14 +32,21 @@ struct ParentAccess {
 
 class SnapshotWalk {
  public:
-  SnapshotWalk(RuntimeEntries runtime, ReadableCheck readable, RemovableCheck removable,
-               const MigrationSnapshot::Visited& visited)
-      : runtime_(runtime), readable_(readable), removable_(removable), visited_(visited), user_(getuid()) {}
+  // Takes each entry as it is read and answers the relative path its children are named under:
+  // the manifest's own key when the entries are kept, the walk's local string when they stream.
+  using Sink = std::function<const std::string&(std::string& relativePath, MigrationEntry& entry)>;
 
-  MigrationManifest run(const std::string& root) {
-    visit(AT_FDCWD, root, "", std::string(), ParentAccess{}, 0);
-    return std::move(manifest_);
-  }
+  SnapshotWalk(RuntimeEntries runtime, ReadableCheck readable, RemovableCheck removable,
+               const MigrationSnapshot::Visited& visited, Sink sink)
+      : runtime_(runtime),
+        readable_(readable),
+        removable_(removable),
+        visited_(visited),
+        sink_(std::move(sink)),
+        user_(getuid()),
+        effectiveUser_(geteuid()) {}
+
+  void run(const std::string& root) { visit(AT_FDCWD, root, "", std::string(), ParentAccess{}, 0); }
 
  private:
   // `lookupDirectory` + `name` reaches the object; `parentPath` + "/" + `name` is its absolute
@@ -56,24 +63,33 @@ class SnapshotWalk {
 
     if (runtime_ == RuntimeEntries::refuse && isRuntimeKind(kind))
       throw MigrationIssue("error.migration_special_file", pathOf());
-    if (readable_ == ReadableCheck::check && kind == MigrationEntry::Kind::regular && !canOpen(lookupDirectory, name)) {
+    if (readable_ == ReadableCheck::check && kind == MigrationEntry::Kind::regular &&
+        !readable(lookupDirectory, name, *status)) {
       throw MigrationIssue("migration.preflight.unreadable", pathOf());
     }
     if (removable_ == RemovableCheck::check) {
-      if (auto key = removableFailure(entry, *status, lookupDirectory, name, relativePath.empty(), parent)) {
+      if (auto key = removableFailure(entry, *status, relativePath.empty(), parent)) {
         throw MigrationIssue(*key, pathOf());
       }
     }
 
     const bool directory = kind == MigrationEntry::Kind::directory;
-    auto stored = manifest_.insert_or_assign(std::move(relativePath), std::move(entry)).first;
-    if (visited_) visited_(stored->first);
-    if (directory) visitChildren(lookupDirectory, name, pathOf(), stored->first, *status, depth);
+    const std::string& stored = sink_(relativePath, entry);
+    if (visited_) visited_(stored);
+    if (directory) visitChildren(lookupDirectory, name, pathOf(), stored, *status, depth);
   }
 
   static bool isRuntimeKind(MigrationEntry::Kind kind) {
     using Kind = MigrationEntry::Kind;
     return kind == Kind::special || kind == Kind::socket || kind == Kind::fifo;
+  }
+
+  // The owner's class of a file is its owner bits alone (an access list never narrows it), so
+  // they answer for the owner without a request to the file system; anyone else opens the file,
+  // as the copy will. Most items belong to the user who moves them.
+  bool readable(int lookupDirectory, const std::string& name, const platform::FileStatus& status) const {
+    if (status.uid == effectiveUser_ && (status.mode & S_IRUSR)) return true;
+    return canOpen(lookupDirectory, name);
   }
 
   static bool canOpen(int lookupDirectory, const std::string& name) {
@@ -84,12 +100,10 @@ class SnapshotWalk {
   }
 
   std::optional<const char*> removableFailure(const MigrationEntry& entry, const platform::FileStatus& status,
-                                              int lookupDirectory, const std::string& name, bool isRoot,
-                                              const ParentAccess& parent) const {
+                                              bool isRoot, const ParentAccess& parent) const {
     if (entry.flags & platform::kLockedFlagsMask) return "migration.preflight.locked";
-    if (entry.kind == MigrationEntry::Kind::directory && !platform::isWritableAndSearchableAt(lookupDirectory, name)) {
-      return "migration.preflight.not_removable";
-    }
+    // A directory's own write and search permission is checked once it is open (visitChildren),
+    // with the same request that tells its children whether they can be deleted.
     if (isRoot || entry.kind == MigrationEntry::Kind::symbolicLink) return std::nullopt;
     bool deletable = parent.writableAndSearchable;
     if (deletable && parent.sticky) deletable = user_ == 0 || user_ == status.uid || user_ == parent.owner;
@@ -104,6 +118,12 @@ class SnapshotWalk {
     if (!directory) {
       if (errno == ENOENT || errno == ENOTDIR || errno == ELOOP)
         throw MigrationIssue("error.migration_source_changed", path);
+      // A folder that cannot be opened may also be one whose children cannot be removed, which
+      // is the message this check owes.
+      if (errno == EACCES && removable_ == RemovableCheck::check &&
+          !platform::isWritableAndSearchableAt(lookupDirectory, name)) {
+        throw MigrationIssue("migration.preflight.not_removable", path);
+      }
       platform::throwErrno(path);
     }
     // The object opened must be the one just recorded, not something put in its place.
@@ -116,6 +136,7 @@ class SnapshotWalk {
     ParentAccess access;
     if (removable_ == RemovableCheck::check) {
       access.writableAndSearchable = platform::isWritableAndSearchableAt(directory.get(), ".");
+      if (!access.writableAndSearchable) throw MigrationIssue("migration.preflight.not_removable", path);
       access.sticky = (status.mode & S_ISVTX) != 0;
       access.owner = status.uid;
     }
@@ -135,15 +156,34 @@ class SnapshotWalk {
   ReadableCheck readable_;
   RemovableCheck removable_;
   const MigrationSnapshot::Visited& visited_;
+  Sink sink_;
   uid_t user_;
-  MigrationManifest manifest_;
+  uid_t effectiveUser_;
 };
 
 }  // namespace
 
 MigrationManifest MigrationSnapshot::walk(const std::string& root, RuntimeEntries runtimeEntries,
                                           ReadableCheck readable, RemovableCheck removable, const Visited& visited) {
-  return SnapshotWalk(runtimeEntries, readable, removable, visited).run(root);
+  MigrationManifest manifest;
+  SnapshotWalk(runtimeEntries, readable, removable, visited,
+               [&manifest](std::string& relativePath, MigrationEntry& entry) -> const std::string& {
+                 // Parents come before their children and names in order, so most entries belong
+                 // at the end, where the hint makes the insertion constant time.
+                 return manifest.insert_or_assign(manifest.end(), std::move(relativePath), std::move(entry))->first;
+               })
+      .run(root);
+  return manifest;
+}
+
+void MigrationSnapshot::walkEntries(const std::string& root, RuntimeEntries runtimeEntries, ReadableCheck readable,
+                                    RemovableCheck removable, const Each& each, const Visited& visited) {
+  SnapshotWalk(runtimeEntries, readable, removable, visited,
+               [&each](std::string& relativePath, MigrationEntry& entry) -> const std::string& {
+                 each(relativePath, entry);
+                 return relativePath;
+               })
+      .run(root);
 }
 
 }  // namespace corvane

@@ -22,6 +22,13 @@ class MigrationSnapshot {
   // "migration.preflight.not_removable") or platform::PosixError for other system failures.
   static MigrationManifest walk(const std::string& root, RuntimeEntries runtimeEntries, ReadableCheck readable,
                                 RemovableCheck removable, const Visited& visited = {});
+
+  using Each = std::function<void(const std::string& relativePath, const MigrationEntry& entry)>;
+  // The same walk with the same checks, handing each entry to `each` instead of keeping it, so a
+  // comparison with a manifest already held costs no second manifest. An exception thrown by
+  // `each` stops the walk.
+  static void walkEntries(const std::string& root, RuntimeEntries runtimeEntries, ReadableCheck readable,
+                          RemovableCheck removable, const Each& each, const Visited& visited = {});
 };
 
 }  // namespace corvane

@@ -22,6 +22,10 @@
 namespace corvane {
 namespace {
 
+bool identityBefore(const MigrationFileIdentity& a, const MigrationFileIdentity& b) {
+  return a.device != b.device ? a.device < b.device : a.inode < b.inode;
+}
+
 constexpr std::string_view kOccupancyUnknown = "migration.preflight.occupancy_unknown";
 // lsof output on a busy machine runs to tens of megabytes; past this the run is not trusted.
 constexpr std::size_t kListerOutputLimit = 256 * 1024 * 1024;
@@ -72,7 +76,7 @@ std::optional<std::int32_t> pathDevice(std::string_view name) {
   return static_cast<std::int32_t>(platform::deviceNumber(major, minor));
 }
 
-std::string itemAbsolutePath(const std::string& source, const std::string& relativePath) {
+std::string itemAbsolutePath(const std::string& source, std::string_view relativePath) {
   return relativePath.empty() ? source : joinPath(source, relativePath);
 }
 
@@ -151,18 +155,19 @@ MigrationOpenFiles::Result MigrationOpenFiles::inspectNatively() {
 }
 
 MigrationOpenFiles::Result MigrationOpenFiles::inspectNatively(const std::string& source, const FileIndex& index) {
-  // The scan may outlive this call, so it owns what it reads.
-  auto identities = std::make_shared<std::unordered_set<MigrationFileIdentity>>();
+  // The scan may outlive this call, so it owns what it reads: the identities alone, sorted, a
+  // fraction of the index's size.
+  auto identities = std::make_shared<std::vector<MigrationFileIdentity>>(index.identities());
   platform::OpenFileQuery query;
   query.within = source;
-  for (const auto& [identity, file] : index) {
-    identities->insert(identity);
+  for (const auto& identity : *identities) {
     if (std::find(query.devices.begin(), query.devices.end(), identity.device) == query.devices.end())
       query.devices.push_back(identity.device);
   }
   query.wanted = [identities](std::int64_t device, std::uint64_t inode) {
     // The same narrowing the manifest applies to st_dev.
-    return identities->contains({static_cast<std::int32_t>(device), inode});
+    return std::binary_search(identities->begin(), identities->end(),
+                              MigrationFileIdentity{static_cast<std::int32_t>(device), inode}, identityBefore);
   };
   return boundedNativeScan([query] { return platform::listOpenFilesNatively(query); });
 }
@@ -186,18 +191,39 @@ MigrationOpenFiles::Inspect MigrationOpenFiles::lsofInspect(const std::string& e
 }
 
 MigrationOpenFiles::FileIndex MigrationOpenFiles::fileIndex(const MigrationManifest& manifest) {
-  FileIndex index;
-  index.reserve(manifest.size());
-  for (const auto& [path, entry] : manifest) {
-    auto [slot, inserted] = index.try_emplace(entry.identity());
-    if (inserted) {
-      slot->second.relativePath = path;
-      slot->second.kind = entry.kind;
-    } else {
-      slot->second.otherPaths.push_back(path);
-    }
+  return FileIndex(manifest);
+}
+
+MigrationOpenFiles::FileIndex::FileIndex(const MigrationManifest& manifest) {
+  files_.reserve(manifest.size());
+  for (const auto& named : manifest) files_.emplace_back(named.second.identity(), &named);
+  // Stable: the names of one identity stay in manifest order, the first of them leading.
+  std::stable_sort(files_.begin(), files_.end(),
+                   [](const Named& a, const Named& b) { return identityBefore(a.first, b.first); });
+}
+
+std::optional<MigrationOpenFiles::IndexedFile> MigrationOpenFiles::FileIndex::find(
+    const MigrationFileIdentity& identity) const {
+  auto first = std::lower_bound(
+      files_.begin(), files_.end(), identity,
+      [](const Named& named, const MigrationFileIdentity& wanted) { return identityBefore(named.first, wanted); });
+  if (first == files_.end() || first->first != identity) return std::nullopt;
+  IndexedFile file;
+  file.relativePath = first->second->first;
+  file.kind = first->second->second.kind;
+  for (auto other = first + 1; other != files_.end() && other->first == identity; ++other) {
+    file.otherPaths.push_back(other->second->first);
   }
-  return index;
+  return file;
+}
+
+std::vector<MigrationFileIdentity> MigrationOpenFiles::FileIndex::identities() const {
+  std::vector<MigrationFileIdentity> result;
+  result.reserve(files_.size());
+  for (const auto& [identity, named] : files_) {
+    if (result.empty() || result.back() != identity) result.push_back(identity);
+  }
+  return result;
 }
 
 MigrationOpenFiles::Reason MigrationOpenFiles::reasonFor(std::string_view descriptor, std::string_view access,
@@ -252,10 +278,10 @@ std::vector<MigrationOpenFiles::Reference> MigrationOpenFiles::references(std::s
     MigrationFileIdentity identity{static_cast<std::int32_t>(*done.device), *done.inode};
     const std::string name = platform::unescapeListerText(done.name);
     auto found = index.find(identity);
-    if (found == index.end()) {
+    if (!found) {
       if (auto device = pathDevice(name)) found = index.find({*device, *done.inode});
     }
-    if (found == index.end()) return;
+    if (!found) return;
 
     Reference reference;
     reference.pid = pid;
@@ -267,26 +293,26 @@ std::vector<MigrationOpenFiles::Reference> MigrationOpenFiles::references(std::s
     reference.inode = identity.inode;
     reference.name = name;
     reference.reason = reasonFor(done.descriptor, done.access, done.type);
-    reference.itemPath = found->second.relativePath;
+    reference.itemPath = std::string(found->relativePath);
     const std::string_view printedPath = pathPart(name);
     bool isItemPath = false;
-    auto matches = [&](const std::string& relativePath) {
+    auto matches = [&](std::string_view relativePath) {
       if (printedPath == itemAbsolutePath(source, relativePath)) return true;
       if (!resolvedSource) resolvedSource = resolvingSymlinksInPath(source);
       return printedPath == itemAbsolutePath(*resolvedSource, relativePath);
     };
-    if (matches(found->second.relativePath)) {
+    if (matches(found->relativePath)) {
       isItemPath = true;
     } else {
-      for (const auto& other : found->second.otherPaths) {
+      for (const auto& other : found->otherPaths) {
         if (matches(other)) {
-          reference.itemPath = other;
+          reference.itemPath = std::string(other);
           isItemPath = true;
           break;
         }
       }
     }
-    reference.throughOtherHardLink = !isItemPath && found->second.kind == MigrationEntry::Kind::regular;
+    reference.throughOtherHardLink = !isItemPath && found->kind == MigrationEntry::Kind::regular;
     // lsof repeats a process's files for each of its threads; one reference is enough.
     if (seen.insert(reference).second) result.push_back(std::move(reference));
   };

@@ -31,13 +31,28 @@ class MigrationOpenFiles {
   };
 
   // Where a file of the item lies in it; every further path with the same identity is a hard
-  // link to it.
+  // link to it. The paths are the manifest's keys: an index lives no longer than its manifest.
   struct IndexedFile {
-    std::string relativePath;
-    std::vector<std::string> otherPaths;
+    std::string_view relativePath;
+    std::vector<std::string_view> otherPaths;
     MigrationEntry::Kind kind = MigrationEntry::Kind::regular;
   };
-  using FileIndex = std::unordered_map<MigrationFileIdentity, IndexedFile>;
+  // The item's files by identity: the manifest's entries sorted by identity, 24 bytes each, so
+  // that an index of a million files costs a fraction of the manifest it points into.
+  class FileIndex {
+   public:
+    FileIndex() = default;
+    explicit FileIndex(const MigrationManifest& manifest);
+    // The file with this identity, its first path in manifest order; absent when none has it.
+    std::optional<IndexedFile> find(const MigrationFileIdentity& identity) const;
+    // Every identity once, in order (device, then inode).
+    std::vector<MigrationFileIdentity> identities() const;
+    bool empty() const { return files_.empty(); }
+
+   private:
+    using Named = std::pair<MigrationFileIdentity, const MigrationManifest::value_type*>;
+    std::vector<Named> files_;
+  };
   // One run of a lister over the item at `source`. The item and its index let a lister leave out
   // files and file systems of no interest (the native scan does); lsof always lists everything.
   using Inspect = std::function<Result(const std::string& source, const FileIndex& index)>;

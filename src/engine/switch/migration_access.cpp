@@ -255,25 +255,11 @@ void MigrationAccess::cleanupVerifiedData(const std::string& directory, const Mi
   if (!replacement || replacement->identity() != identity.identity()) {
     throw MigrationIssue("migration.safety.conflict", destination);
   }
-  auto root = manifest.find("");
-  if (root == manifest.end()) throw MigrationIssue("migration.safety.conflict", directory);
-
-  MigrationManifest present;
-  try {
-    present = MigrationIntegrityVerifier::snapshot(directory, RuntimeEntries::allow, ReadableCheck::skip,
-                                                   RemovableCheck::skip, checking);
-  } catch (const MigrationIssue& issue) {
-    if (issue.key() == "error.migration_source_changed")
-      throw MigrationIssue("error.migration_source_changed", directory);
-    throw;
-  }
-  if (present.at("").identity() != root->second.identity()) {
-    throw MigrationIssue("error.migration_source_changed", directory);
-  }
-  MigrationVerifiedRemoval::requireExpectedTree(directory, present, {manifest, inactiveSockets, relocatedLinks});
+  const auto present =
+      MigrationVerifiedRemoval::readExpectedTree(directory, {manifest, inactiveSockets, relocatedLinks}, checking);
   if (requireIdle_) requireIdle_(directory, manifest);
 
-  const MigrationEntry& rootEntry = present.at("");
+  const MigrationEntry& rootEntry = *present.find("");
   if (rootEntry.kind != MigrationEntry::Kind::directory) {
     auto now = MigrationEntry::read(directory, AT_FDCWD);
     if (!now || !MigrationVerifiedRemoval::sameApartFromChangeTime(*now, rootEntry))

@@ -12,6 +12,7 @@
 #include <thread>
 #include <vector>
 
+#include "engine/manifest/migration_snapshot.h"
 #include "engine/migration_issue.h"
 #include "platform/directory_names.h"
 #include "platform/file_system.h"
@@ -35,37 +36,97 @@ bool MigrationVerifiedRemoval::sameApartFromChangeTime(const MigrationEntry& a, 
          a.mode == b.mode && a.flags == b.flags;
 }
 
-void MigrationVerifiedRemoval::requireExpectedTree(const std::string& directory, const MigrationManifest& present,
-                                                   const Expectations& expected) {
+const MigrationEntry* MigrationVerifiedRemoval::PresentTree::find(const std::string& relativePath) const {
+  if (auto kept = differing_.find(relativePath); kept != differing_.end()) return &kept->second;
+  // A left-out socket the check did not find is no longer part of the tree.
+  if (inactiveSockets_.contains(relativePath)) return nullptr;
+  auto recorded = manifest_.find(relativePath);
+  return recorded == manifest_.end() ? nullptr : &recorded->second;
+}
+
+namespace {
+
+// Only names the entry that vanished; the decision was already taken by counting.
+bool stillThere(const std::string& path) {
+  try {
+    return MigrationEntry::read(path, AT_FDCWD).has_value();
+  } catch (const std::exception&) {
+    return false;
+  }
+}
+
+// Ends the walk at the first difference, which is then thrown as it was found.
+struct Difference {
+  MigrationIssue issue;
+};
+
+}  // namespace
+
+MigrationVerifiedRemoval::PresentTree MigrationVerifiedRemoval::readExpectedTree(
+    const std::string& directory, const Expectations& expected,
+    const std::function<void(const std::string&)>& checking) {
   auto pathOf = [&](const std::string& relativePath) {
     return relativePath.empty() ? directory : joinPath(directory, relativePath);
   };
-  for (const auto& [relativePath, entry] : present) {
+  const MigrationManifest& manifest = expected.manifest;
+  auto root = manifest.find("");
+  if (root == manifest.end()) throw MigrationIssue("migration.safety.conflict", directory);
+  PresentTree present(manifest, expected.inactiveSockets);
+  std::size_t found = 0;
+  auto compare = [&](const std::string& relativePath, const MigrationEntry& entry) {
+    if (relativePath.empty() && entry.identity() != root->second.identity()) {
+      throw Difference{MigrationIssue("error.migration_source_changed", directory)};
+    }
     if (expected.inactiveSockets.contains(relativePath)) {
-      if (entry.kind != Kind::socket) throw MigrationIssue("migration.safety.conflict", pathOf(relativePath));
-      continue;
+      if (entry.kind != Kind::socket)
+        throw Difference{MigrationIssue("migration.safety.conflict", pathOf(relativePath))};
+      present.differing_.emplace(relativePath, entry);
+      return;
     }
-    auto recorded = expected.manifest.find(relativePath);
+    auto recorded = manifest.find(relativePath);
     // Something that was not there when the item was scanned: not ours to remove.
-    if (recorded == expected.manifest.end() || recorded->second.kind != entry.kind) {
-      throw MigrationIssue("migration.safety.conflict", pathOf(relativePath));
+    if (recorded == manifest.end() || recorded->second.kind != entry.kind) {
+      throw Difference{MigrationIssue("migration.safety.conflict", pathOf(relativePath))};
     }
-    if (expected.relocatedLinks.contains(relativePath)) continue;
+    ++found;
+    if (expected.relocatedLinks.contains(relativePath)) {
+      present.differing_.emplace(relativePath, entry);
+      return;
+    }
     if (!sameApartFromChangeTime(entry, recorded->second)) {
-      throw MigrationIssue("error.migration_source_changed", pathOf(relativePath));
+      throw Difference{MigrationIssue("error.migration_source_changed", pathOf(relativePath))};
     }
+  };
+  try {
+    MigrationSnapshot::walkEntries(directory, RuntimeEntries::allow, ReadableCheck::skip, RemovableCheck::skip, compare,
+                                   checking);
+  } catch (const Difference& difference) {
+    throw difference.issue;
+  } catch (const MigrationIssue& issue) {
+    if (issue.key() == "error.migration_source_changed")
+      throw MigrationIssue("error.migration_source_changed", directory);
+    throw;
   }
-  for (const auto& [relativePath, entry] : expected.manifest) {
-    if (expected.inactiveSockets.contains(relativePath)) continue;  // a server may have removed it
-    if (!present.contains(relativePath)) throw MigrationIssue("error.migration_source_changed", pathOf(relativePath));
+  // Each name is read once: fewer recorded entries found means some vanished.
+  std::size_t recordedCount = manifest.size();
+  for (const auto& socket : expected.inactiveSockets) recordedCount -= manifest.contains(socket) ? 1 : 0;
+  if (found != recordedCount) {
+    for (const auto& [relativePath, entry] : manifest) {
+      if (expected.inactiveSockets.contains(relativePath)) continue;  // a server may have removed it
+      if (!stillThere(pathOf(relativePath))) {
+        throw MigrationIssue("error.migration_source_changed", pathOf(relativePath));
+      }
+    }
+    throw MigrationIssue("error.migration_source_changed", directory);
   }
+  return present;
 }
 
 namespace {
 
 class VerifiedRemoval {
  public:
-  VerifiedRemoval(const MigrationManifest& present, bool directoriesLater)
+  VerifiedRemoval(const MigrationVerifiedRemoval::PresentTree& present, bool directoriesLater)
       : present_(present), directoriesLater_(directoriesLater) {}
 
   // Removes the children of the directory open as `directory`, each re-read and compared first.
@@ -136,10 +197,9 @@ class VerifiedRemoval {
     if (stopped_) throw Stopped{};
     const std::string childRelative = relativePath.empty() ? name : relativePath + "/" + name;
     const std::string childPath = joinPath(path, name);
-    auto expected = present_.find(childRelative);
+    const MigrationEntry* expected = present_.find(childRelative);
     auto now = MigrationEntry::read(name, directory);
-    if (expected == present_.end() || !now ||
-        !MigrationVerifiedRemoval::sameApartFromChangeTime(*now, expected->second)) {
+    if (!expected || !now || !MigrationVerifiedRemoval::sameApartFromChangeTime(*now, *expected)) {
       throw MigrationIssue("migration.safety.conflict", childPath);
     }
     if (now->kind == Kind::directory) {
@@ -165,7 +225,7 @@ class VerifiedRemoval {
     }
   }
 
-  const MigrationManifest& present_;
+  const MigrationVerifiedRemoval::PresentTree& present_;
   bool directoriesLater_;
   std::atomic<bool> stopped_{false};
   std::vector<std::string> emptiedDirectories_;
@@ -174,7 +234,7 @@ class VerifiedRemoval {
 }  // namespace
 
 std::vector<std::string> MigrationVerifiedRemoval::removeChildren(int directory, const std::string& path,
-                                                                  const MigrationManifest& present,
+                                                                  const PresentTree& present,
                                                                   DirectoriesLater directoriesLater) {
   VerifiedRemoval removal(present, directoriesLater == DirectoriesLater::yes);
   removal.removeChildren(directory, path, "");

@@ -16,8 +16,7 @@ namespace {
 
 class OwnedRemoval {
  public:
-  OwnedRemoval(const MigrationManifest& manifest, ChangeTime changeTime)
-      : manifest_(manifest), changeTime_(changeTime) {}
+  explicit OwnedRemoval(const MigrationOwnedTree::Lookup& recorded) : recorded_(recorded) {}
 
   // Removes the contents of the open directory `directory` whose relative path is `relative`.
   void removeContents(int directory, const std::string& path, const std::string& relative) {
@@ -26,8 +25,8 @@ class OwnedRemoval {
       const std::string childPath = path + "/" + name;
       auto actual = MigrationEntry::read(name, directory);
       if (!actual) continue;  // already gone: nothing of ours is lost
-      auto recorded = manifest_.find(childRelative);
-      if (recorded == manifest_.end() || !MigrationOwnedTree::matches(*actual, recorded->second, changeTime_)) {
+      const MigrationOwnedTree::Record* recorded = recorded_(childRelative);
+      if (!recorded || !recorded->matches(*actual)) {
         throw MigrationIssue("migration.safety.conflict", childPath);
       }
       if (actual->kind == MigrationEntry::Kind::directory) {
@@ -50,28 +49,39 @@ class OwnedRemoval {
   }
 
  private:
-  const MigrationManifest& manifest_;
-  ChangeTime changeTime_;
+  const MigrationOwnedTree::Lookup& recorded_;
 };
 
 }  // namespace
 
-bool MigrationOwnedTree::matches(const MigrationEntry& actual, const MigrationEntry& recorded, ChangeTime changeTime) {
-  if (changeTime == ChangeTime::compare) return actual == recorded;
-  MigrationEntry comparable = actual;
-  comparable.changedSeconds = recorded.changedSeconds;
-  comparable.changedNanoseconds = recorded.changedNanoseconds;
-  return comparable == recorded;
+MigrationOwnedTree::Record MigrationOwnedTree::Record::of(const MigrationEntry& entry) {
+  Record record;
+  record.inode = entry.inode;
+  record.size = entry.size;
+  record.modifiedSeconds = entry.modifiedSeconds;
+  record.modifiedNanoseconds = entry.modifiedNanoseconds;
+  record.device = entry.device;
+  record.flags = entry.flags;
+  record.mode = entry.mode;
+  record.kind = entry.kind;
+  record.present = true;
+  return record;
 }
 
-void MigrationOwnedTree::remove(const std::string& root, const MigrationEntry& expectedRoot,
-                                const MigrationManifest& manifest, RemovalScope scope, ChangeTime changeTime) {
+bool MigrationOwnedTree::Record::matches(const MigrationEntry& actual) const {
+  return present && actual.kind == kind && actual.inode == inode && actual.device == device && actual.size == size &&
+         actual.modifiedSeconds == modifiedSeconds && actual.modifiedNanoseconds == modifiedNanoseconds &&
+         actual.mode == mode && actual.flags == flags;
+}
+
+void MigrationOwnedTree::remove(const std::string& root, const Record& expectedRoot, const Lookup& recorded,
+                                RemovalScope scope) {
   auto actual = MigrationEntry::read(root, AT_FDCWD);
   if (!actual) return;
   if (actual->identity() != expectedRoot.identity() || actual->kind != expectedRoot.kind) {
     throw MigrationIssue("migration.safety.conflict", root);
   }
-  OwnedRemoval removal(manifest, changeTime);
+  OwnedRemoval removal(recorded);
   if (actual->kind == MigrationEntry::Kind::directory) {
     platform::UniqueFd directory(open(root.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
     if (!directory) platform::throwErrno(root);

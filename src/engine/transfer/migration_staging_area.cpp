@@ -17,8 +17,12 @@
 namespace corvane {
 
 MigrationStagingArea::MigrationStagingArea(const std::string& source, const std::string& target,
-                                           const std::string& parent)
+                                           const std::string& parent, const MigrationManifest* manifest)
     : source_(source) {
+  if (manifest) {
+    positions_ = MigrationManifestPositions(*manifest);
+    payloadRecords_.resize(positions_.size());
+  }
   auto sourceEntry = MigrationEntry::read(source, AT_FDCWD);
   if (!sourceEntry) throw MigrationIssue("error.migration_source_changed", source);
   sourceIdentity_ = sourceEntry->identity();
@@ -34,8 +38,60 @@ MigrationStagingArea::MigrationStagingArea(const std::string& source, const std:
   if (opened.inode != rootEntry->inode || opened.device != rootEntry->device) {
     throw MigrationIssue("migration.safety.conflict", root_);
   }
-  owned_.emplace("", *rootEntry);
-  payload_ = joinPath(root_, lastComponent(target));
+  payloadKey_ = lastComponent(target);
+  payload_ = joinPath(root_, payloadKey_);
+  store("", *rootEntry);
+}
+
+std::optional<std::size_t> MigrationStagingArea::positionOf(std::string_view relative) const {
+  if (positions_.size() == 0 || relative.substr(0, payloadKey_.size()) != payloadKey_) return std::nullopt;
+  if (relative.size() == payloadKey_.size()) return positions_.find("");
+  if (relative[payloadKey_.size()] != '/') return std::nullopt;
+  return positions_.find(relative.substr(payloadKey_.size() + 1));
+}
+
+const MigrationStagingArea::Record* MigrationStagingArea::recorded(const std::string& relative) const {
+  if (auto position = positionOf(relative)) {
+    const Record& record = payloadRecords_[*position];
+    return record.present ? &record : nullptr;
+  }
+  auto found = otherRecords_.find(relative);
+  return found == otherRecords_.end() ? nullptr : &found->second;
+}
+
+void MigrationStagingArea::store(const std::string& relative, const MigrationEntry& entry) {
+  if (auto position = positionOf(relative)) {
+    payloadRecords_[*position] = Record::of(entry);
+  } else {
+    otherRecords_.insert_or_assign(relative, Record::of(entry));
+  }
+}
+
+void MigrationStagingArea::forget(const std::string& relative) {
+  if (auto position = positionOf(relative)) {
+    payloadRecords_[*position].present = false;
+  } else {
+    otherRecords_.erase(relative);
+  }
+}
+
+// The record at `relative` and every record below it.
+void MigrationStagingArea::forgetWithin(const std::string& relative) {
+  auto within = [&](const std::string& path) { return path == relative || path.rfind(relative + "/", 0) == 0; };
+  for (std::size_t position = 0; position < payloadRecords_.size(); ++position) {
+    if (!payloadRecords_[position].present) continue;
+    const std::string& key = positions_.path(position);
+    if (within(key.empty() ? payloadKey_ : payloadKey_ + "/" + key)) payloadRecords_[position].present = false;
+  }
+  std::erase_if(otherRecords_, [&](const auto& record) { return within(record.first); });
+}
+
+std::optional<MigrationFileIdentity> MigrationStagingArea::recordedIdentity(const std::string& path) const {
+  const std::string relative = relativeToRoot(path);
+  if (relative == "/") return std::nullopt;
+  const Record* record = recorded(relative);
+  if (!record) return std::nullopt;
+  return record->identity();
 }
 
 std::string MigrationStagingArea::relativeToRoot(const std::string& path) const {
@@ -59,7 +115,7 @@ void MigrationStagingArea::recordMissingAncestors(const std::string& relative) {
   std::vector<std::size_t> missingEnds;  // nearest first
   for (auto slash = relative.rfind('/'); slash != std::string::npos && slash > 0;
        slash = relative.rfind('/', slash - 1)) {
-    if (owned_.find(std::string_view(relative).substr(0, slash)) != owned_.end()) break;
+    if (recorded(relative.substr(0, slash))) break;
     missingEnds.push_back(slash);
   }
   for (auto end = missingEnds.rbegin(); end != missingEnds.rend(); ++end) {
@@ -69,8 +125,14 @@ void MigrationStagingArea::recordMissingAncestors(const std::string& relative) {
 
 void MigrationStagingArea::refreshDirectories() {
   std::vector<std::string> directories;
-  for (const auto& [relative, entry] : owned_) {
-    if (entry.kind == MigrationEntry::Kind::directory) directories.push_back(relative);
+  for (std::size_t position = 0; position < payloadRecords_.size(); ++position) {
+    const Record& known = payloadRecords_[position];
+    if (!known.present || known.kind != MigrationEntry::Kind::directory) continue;
+    const std::string& key = positions_.path(position);
+    directories.push_back(key.empty() ? payloadKey_ : payloadKey_ + "/" + key);
+  }
+  for (const auto& [relative, known] : otherRecords_) {
+    if (known.kind == MigrationEntry::Kind::directory) directories.push_back(relative);
   }
   for (const auto& relative : directories) record(relative, RecordScope::onlyKnown);
 }
@@ -87,35 +149,29 @@ void MigrationStagingArea::recordRepaired(const std::string& path) {
   record(slash == std::string::npos ? std::string() : relative.substr(0, slash), RecordScope::onlyKnown);
   auto entry = MigrationEntry::read(relative, rootDescriptor_.get());
   if (entry && entry->kind == MigrationEntry::Kind::directory) {
-    auto known = owned_.find(relative);
-    if (known != owned_.end() && known->second.identity() == entry->identity()) {
+    const Record* known = recorded(relative);
+    if (known && known->identity() == entry->identity()) {
       record(relative, RecordScope::onlyKnown);
       return;
     }
   }
-  for (auto it = owned_.begin(); it != owned_.end();) {
-    if (it->first == relative || it->first.rfind(relative + "/", 0) == 0) {
-      it = owned_.erase(it);
-    } else {
-      ++it;
-    }
-  }
-  if (entry) owned_.insert_or_assign(relative, *entry);
+  forgetWithin(relative);
+  if (entry) store(relative, *entry);
 }
 
 void MigrationStagingArea::record(const std::string& relative, RecordScope scope) {
-  auto known = owned_.find(relative);
-  if (scope == RecordScope::onlyKnown && known == owned_.end()) return;
+  const Record* known = recorded(relative);
+  if (scope == RecordScope::onlyKnown && !known) return;
   auto entry =
       relative.empty() ? MigrationEntry::read(root_, AT_FDCWD) : MigrationEntry::read(relative, rootDescriptor_.get());
   if (!entry) {
-    if (known != owned_.end()) owned_.erase(known);
+    if (known) forget(relative);
     return;
   }
-  if (known != owned_.end() && (known->second.identity() != entry->identity() || known->second.kind != entry->kind)) {
+  if (known && (known->identity() != entry->identity() || known->kind != entry->kind)) {
     throw MigrationIssue("migration.safety.conflict", relative.empty() ? root_ : root_ + "/" + relative);
   }
-  owned_.insert_or_assign(relative, *entry);
+  store(relative, *entry);
 }
 
 void MigrationStagingArea::requireRoot() const {
@@ -127,14 +183,15 @@ void MigrationStagingArea::requireRoot() const {
 
 void MigrationStagingArea::finish() {
   requireRoot();
-  MigrationOwnedTree::remove(root_, owned_.at(""), owned_, RemovalScope::wholeTree, ChangeTime::ignore);
+  MigrationOwnedTree::remove(
+      root_, *recorded(""), [this](const std::string& relative) { return recorded(relative); },
+      RemovalScope::wholeTree);
 }
 
 void MigrationStagingArea::discardAfterRollback() {
   auto entry = MigrationEntry::read(root_, AT_FDCWD);
   if (!entry) return;
-  requireRoot();
-  MigrationOwnedTree::remove(root_, owned_.at(""), owned_, RemovalScope::wholeTree, ChangeTime::ignore);
+  finish();
 }
 
 void MigrationStagingArea::receivedLinkAfterRestore(const MigrationEntry& link) {
@@ -145,15 +202,8 @@ void MigrationStagingArea::receivedLinkAfterRestore(const MigrationEntry& link) 
     throw MigrationIssue("migration.safety.conflict", payload_);
   }
   // Whatever was recorded under the payload before is gone; only the link is there now.
-  const std::string prefix = relativeToRoot(payload_);
-  for (auto it = owned_.begin(); it != owned_.end();) {
-    if (it->first == prefix || it->first.rfind(prefix + "/", 0) == 0) {
-      it = owned_.erase(it);
-    } else {
-      ++it;
-    }
-  }
-  owned_.insert_or_assign(prefix, *entry);
+  forgetWithin(payloadKey_);
+  store(payloadKey_, *entry);
 }
 
 }  // namespace corvane

@@ -200,7 +200,7 @@ class TransferRun {
 
   // 6. A private staging directory beside the destination.
   void createStagingArea() {
-    staging_ = std::make_unique<MigrationStagingArea>(request_.source, request_.destination, parent_);
+    staging_ = std::make_unique<MigrationStagingArea>(request_.source, request_.destination, parent_, &plan_.manifest);
   }
 
   // 7. Copy into it.
@@ -252,9 +252,7 @@ class TransferRun {
     MigrationPreflight::requireRuntimeIdle(request_.source, plan_.manifest, plan_.inactiveSockets,
                                            configuration_.services.probe);
     stagedRoot_ = MigrationEntry::read(staging_->payload(), AT_FDCWD);
-    const std::string payloadKey = lastComponent(staging_->payload());
-    if (!stagedRoot_ || !staging_->owned().count(payloadKey) ||
-        staging_->owned().at(payloadKey).identity() != stagedRoot_->identity()) {
+    if (!stagedRoot_ || staging_->recordedIdentity(staging_->payload()) != stagedRoot_->identity()) {
       throw MigrationIssue("error.migration_copy_mismatch", staging_->payload());
     }
   }

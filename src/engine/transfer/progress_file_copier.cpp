@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <exception>
 #include <optional>
 #include <unordered_map>
@@ -23,17 +24,31 @@ using platform::CopyWhat;
 
 class CopyContext {
  public:
-  CopyContext(const std::string& source, const MigrationManifest& manifest,
+  CopyContext(const std::string& source, const std::string& destination, const MigrationManifest& manifest,
               const std::set<std::string>& inactiveSockets, const ProgressFileCopier::Progress& progress,
               MigrationStagingArea& ownership, const std::map<std::string, std::string>& relocatedLinks,
               const ProgressFileCopier::Cancelled& cancelled)
       : source_(source),
+        destination_(destination),
         manifest_(manifest),
         inactiveSockets_(inactiveSockets),
         progress_(progress),
         ownership_(ownership),
         relocatedLinks_(relocatedLinks),
-        cancelled_(cancelled) {}
+        cancelled_(cancelled) {
+    // Only identities with several names need to know where their first copy went; finding
+    // them costs a short-lived sorted list instead of a map entry for every file.
+    std::vector<MigrationFileIdentity> identities;
+    for (const auto& [relativePath, entry] : manifest) {
+      if (entry.kind == MigrationEntry::Kind::regular) identities.push_back(entry.identity());
+    }
+    std::sort(identities.begin(), identities.end(), [](const auto& a, const auto& b) {
+      return a.device != b.device ? a.device < b.device : a.inode < b.inode;
+    });
+    for (std::size_t i = 1; i < identities.size(); ++i) {
+      if (identities[i] == identities[i - 1]) firstNames_.emplace(identities[i], nullptr);
+    }
+  }
 
   CopyAnswer handle(const CopyEvent& event) {
     try {
@@ -87,7 +102,11 @@ class CopyContext {
     } else if (finished) {
       ownership_.recordCreated(event.destination);
     } else if (event.what == CopyWhat::copyData && event.stage == CopyStage::progress) {
-      if (recordedData_.insert(event.destination).second) ownership_.recordCreated(event.destination);
+      // A file's data arrives in consecutive events: it is recorded at the first of them.
+      if (event.destination != recordingData_) {
+        ownership_.recordCreated(event.destination);
+        recordingData_ = event.destination;
+      }
     } else if (event.stage == CopyStage::error) {
       ownership_.recordCreated(event.destination, RecordScope::onlyKnown);
     }
@@ -139,24 +158,33 @@ class CopyContext {
           return CopyAnswer::skip;
         }
         return CopyAnswer::proceed;
-      case MigrationEntry::Kind::regular:
-        if (auto first = hardLinks_.find(entry.identity()); first != hardLinks_.end()) {
-          if (link(first->second.c_str(), event.destination.c_str()) != 0) platform::throwErrno(event.destination);
+      case MigrationEntry::Kind::regular: {
+        auto shared = firstNames_.find(entry.identity());
+        if (shared == firstNames_.end()) return CopyAnswer::proceed;
+        if (shared->second) {
+          const std::string first = destination_ + "/" + *shared->second;
+          if (link(first.c_str(), event.destination.c_str()) != 0) platform::throwErrno(event.destination);
           ownership_.recordCreated(event.destination);
           ++completed_;
           report(event.source);
           return CopyAnswer::skip;
         }
-        hardLinks_.emplace(entry.identity(), event.destination);
+        shared->second = &found->first;
         return CopyAnswer::proceed;
+      }
       default:
         return CopyAnswer::proceed;
     }
   }
 
-  // A file's credit only grows, and only its growth is added to the total.
+  // A file's credit only grows, and only its growth is added to the total. Each file is copied
+  // from its first event to its last before the next one starts.
   void credit(std::int64_t bytes, const MigrationFileIdentity& identity) {
-    std::int64_t& count = byteCounts_[identity];
+    if (crediting_ != identity) {
+      crediting_ = identity;
+      credited_ = 0;
+    }
+    std::int64_t& count = credited_;
     const std::int64_t offered = std::max<std::int64_t>(bytes, 0);
     if (offered > count) {
       totalBytes_ += offered - count;
@@ -169,6 +197,7 @@ class CopyContext {
   }
 
   const std::string& source_;
+  const std::string& destination_;
   const MigrationManifest& manifest_;
   const std::set<std::string>& inactiveSockets_;
   const ProgressFileCopier::Progress& progress_;
@@ -177,9 +206,12 @@ class CopyContext {
   const ProgressFileCopier::Cancelled& cancelled_;
   std::exception_ptr error_;
   std::int64_t completed_ = 0;
-  std::set<std::string> recordedData_;
-  std::unordered_map<MigrationFileIdentity, std::int64_t> byteCounts_;
-  std::unordered_map<MigrationFileIdentity, std::string> hardLinks_;
+  std::string recordingData_;
+  // Identities with several names -> the manifest key of the name copied first (null until
+  // then); every further name becomes a hard link to that copy.
+  std::unordered_map<MigrationFileIdentity, const std::string*> firstNames_;
+  MigrationFileIdentity crediting_;
+  std::int64_t credited_ = 0;
   std::int64_t totalBytes_ = 0;
 };
 
@@ -200,7 +232,7 @@ void ProgressFileCopier::copy(const std::string& source, const std::string& dest
                               const std::map<std::string, std::string>& relocatedLinks, MigrationStagingArea& ownership,
                               const Progress& progress, const Cancelled& cancelled) {
   if (MigrationEntry::read(destination, AT_FDCWD)) throw platform::PosixError(EEXIST, destination);
-  CopyContext context(source, manifest, inactiveSockets, progress, ownership, relocatedLinks, cancelled);
+  CopyContext context(source, destination, manifest, inactiveSockets, progress, ownership, relocatedLinks, cancelled);
   try {
     platform::copyTree(source, destination, [&](const CopyEvent& event) { return context.handle(event); });
   } catch (...) {

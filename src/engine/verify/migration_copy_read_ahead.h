@@ -18,8 +18,9 @@ class MigrationCopyReadAhead {
  public:
   // `destination` is the copy's root; the manifest is walked in its own order, leaving out
   // `skipped` paths and every further name of a hard-link group (its data is compared once).
+  // `shared` holds the identities that have more than one name.
   MigrationCopyReadAhead(const std::string& destination, const MigrationManifest& manifest,
-                         const std::set<std::string>& skipped);
+                         const std::set<std::string>& skipped, const std::unordered_set<MigrationFileIdentity>& shared);
 
   // The copy of `relativePath`, opened ahead, when the walk reached it in manifest order.
   std::optional<platform::OpenedAhead> take(const std::string& relativePath);
@@ -30,6 +31,7 @@ class MigrationCopyReadAhead {
   const std::string& destination_;
   const MigrationManifest& manifest_;
   const std::set<std::string>& skipped_;
+  const std::unordered_set<MigrationFileIdentity>& shared_;
   MigrationManifest::const_iterator next_;
   platform::ReadAheadQueue<std::string> queue_;
   std::unordered_set<MigrationFileIdentity> groupsSeen_;

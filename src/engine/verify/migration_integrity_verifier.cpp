@@ -4,7 +4,10 @@
 #include <fcntl.h>
 #include <fmt/format.h>
 
+#include <algorithm>
+#include <tuple>
 #include <unordered_map>
+#include <unordered_set>
 #include <vector>
 
 #include "engine/manifest/migration_link_plan.h"
@@ -26,13 +29,42 @@ std::string entryPath(const std::string& root, const std::string& relativePath) 
   return relativePath.empty() ? root : joinPath(root, relativePath);
 }
 
-// The object itself is unchanged when everything but its status-change time is: repairs and
-// hard links made in the copy move that time for every name of an inode.
-bool sameApartFromChangeTime(const MigrationEntry& a, const MigrationEntry& b) {
-  return a.kind == b.kind && a.inode == b.inode && a.device == b.device && a.size == b.size &&
-         a.modifiedSeconds == b.modifiedSeconds && a.modifiedNanoseconds == b.modifiedNanoseconds && a.link == b.link &&
-         a.mode == b.mode && a.flags == b.flags;
-}
+// What a verified object of the copy was when its check passed, apart from its link text (which
+// is the text the check required) and its status-change time: repairs and hard links made in
+// the copy move that time for every name of an inode. One per manifest entry, in manifest order,
+// so the copy's state costs a few dozen bytes per entry instead of a second manifest.
+struct VerifiedCopy {
+  const std::string* relativePath = nullptr;  // the manifest's key
+  std::uint64_t inode = 0;
+  std::int64_t size = 0;
+  std::int64_t modifiedSeconds = 0;
+  std::int64_t modifiedNanoseconds = 0;
+  std::int32_t device = 0;
+  std::uint32_t flags = 0;
+  std::uint16_t mode = 0;
+  Kind kind = Kind::regular;
+  bool verified = false;
+  bool seenAgain = false;
+
+  void record(const MigrationEntry& entry) {
+    inode = entry.inode;
+    size = entry.size;
+    modifiedSeconds = entry.modifiedSeconds;
+    modifiedNanoseconds = entry.modifiedNanoseconds;
+    device = entry.device;
+    flags = entry.flags;
+    mode = entry.mode;
+    kind = entry.kind;
+    verified = true;
+  }
+  MigrationFileIdentity identity() const { return {device, inode}; }
+  bool sameApartFromChangeTime(const MigrationEntry& present, const std::optional<std::string>& link) const {
+    return verified && kind == present.kind && inode == present.inode && device == present.device &&
+           size == present.size && modifiedSeconds == present.modifiedSeconds &&
+           modifiedNanoseconds == present.modifiedNanoseconds && link == present.link && mode == present.mode &&
+           flags == present.flags;
+  }
+};
 
 bool matchesEntry(const std::string& source, const std::string& destination, const MigrationEntry& expected,
                   const std::optional<std::string>& link, MigrationContentComparison& comparison,
@@ -42,7 +74,7 @@ bool matchesEntry(const std::string& source, const std::string& destination, con
   if (!present || present->kind != expected.kind) return false;
   switch (expected.kind) {
     case Kind::symbolicLink:
-      return present->link == (link ? link : expected.link);
+      return link ? present->link == *link : present->link == expected.link;
     case Kind::regular:
       // Size first: a short copy fails before a byte is read.
       if (present->size != expected.size || present->mode != expected.mode) return false;
@@ -71,10 +103,15 @@ class Verification {
       relocated_ = options_.relocated ? *options_.relocated : MigrationLinkPlan::relocatedTargets(source_, manifest_);
     });
     wholeTree([&] { flushDestination(); });
-    readAhead_.emplace(destination_, manifest_, options_.inactiveSockets);
+    groupNames();
+    readAhead_.emplace(destination_, manifest_, options_.inactiveSockets, sharedIdentities_);
+    verifiedCopies_.reserve(manifest_.size());
+    for (const auto& [relativePath, expected] : manifest_) verifiedCopies_.push_back({&relativePath});
+    std::size_t index = 0;
     for (const auto& [relativePath, expected] : manifest_) {
+      VerifiedCopy& slot = verifiedCopies_[index++];
       if (options_.inactiveSockets.contains(relativePath)) continue;
-      entry(relativePath, [&] { verifyEntry(relativePath, expected); });
+      entry(relativePath, [&] { verifyEntry(relativePath, expected, slot); });
     }
     if (options_.hardLinks == HardLinkPolicy::preserve) verifyHardLinkGroups();
     wholeTree([&] { MigrationIntegrityVerifier::requireUnchanged(source_, manifest_); });
@@ -83,7 +120,7 @@ class Verification {
 
  private:
   struct Group {
-    std::string firstRelativePath;
+    const std::string* firstRelativePath;  // the manifest's key
     MigrationFileIdentity copyIdentity;
   };
 
@@ -122,10 +159,25 @@ class Verification {
   std::optional<std::string> linkFor(const std::string& relativePath, const MigrationEntry& expected) const {
     if (expected.kind != Kind::symbolicLink) return std::nullopt;
     if (auto found = relocated_.find(relativePath); found != relocated_.end()) return found->second;
-    return expected.link;
+    return expected.link.optional();
+  }
+  // The text a verified link of the copy carries: only the manifest and the relocations know it.
+  std::optional<std::string> linkFor(const std::string& relativePath, Kind kind) const {
+    if (kind != Kind::symbolicLink) return std::nullopt;
+    auto recorded = manifest_.find(relativePath);
+    if (recorded == manifest_.end()) return std::nullopt;
+    return linkFor(relativePath, recorded->second);
   }
 
-  void verifyEntry(const std::string& relativePath, const MigrationEntry& expected) {
+  // The slot of a manifest path; the slots are in the manifest's (sorted) order.
+  VerifiedCopy* verifiedCopy(const std::string& relativePath) {
+    auto found =
+        std::lower_bound(verifiedCopies_.begin(), verifiedCopies_.end(), relativePath,
+                         [](const VerifiedCopy& slot, const std::string& path) { return *slot.relativePath < path; });
+    return found != verifiedCopies_.end() && *found->relativePath == relativePath ? &*found : nullptr;
+  }
+
+  void verifyEntry(const std::string& relativePath, const MigrationEntry& expected, VerifiedCopy& slot) {
     if (options_.checking) options_.checking(relativePath);
     const std::string original = entryPath(source_, relativePath);
     const std::string copy = entryPath(destination_, relativePath);
@@ -136,7 +188,9 @@ class Verification {
     Group* group = nullptr;
     bool compareContents = true;
     if (expected.kind == Kind::regular) {
-      if (auto found = groups_.find(expected.identity()); found != groups_.end()) {
+      if (auto found =
+              sharedIdentities_.contains(expected.identity()) ? groups_.find(expected.identity()) : groups_.end();
+          found != groups_.end()) {
         group = &found->second;
         const auto present = MigrationEntry::read(copy, AT_FDCWD);
         compareContents =
@@ -163,7 +217,7 @@ class Verification {
       if (!options_.repair) throw MigrationIssue("error.migration_copy_mismatch", copy);
       MigrationRepairRequest request{relativePath, original, copy, expected, link, std::nullopt};
       if (group && options_.hardLinks == HardLinkPolicy::preserve) {
-        request.hardLinkTo = entryPath(destination_, group->firstRelativePath);
+        request.hardLinkTo = entryPath(destination_, *group->firstRelativePath);
       }
       options_.repair(request);
       repairedPaths_.insert(relativePath);
@@ -177,26 +231,46 @@ class Verification {
 
     const auto verified = MigrationEntry::read(copy, AT_FDCWD);
     if (!verified) throw MigrationIssue("error.migration_copy_mismatch", copy);
-    verifiedCopies_.insert_or_assign(relativePath, *verified);
-    if (expected.kind == Kind::regular && group == nullptr) {
-      groups_.emplace(expected.identity(), Group{relativePath, verified->identity()});
+    slot.record(*verified);
+    if (expected.kind == Kind::regular && group == nullptr && sharedIdentities_.contains(expected.identity())) {
+      groups_.emplace(expected.identity(), Group{&relativePath, verified->identity()});
     }
     ++entries_;
     report(relativePath);
   }
 
-  void verifyHardLinkGroups() {
-    std::unordered_map<MigrationFileIdentity, std::vector<std::string>> names;
+  // The names of each regular file's identity side by side, each group in manifest order:
+  // pointers to the manifest's keys, sorted, rather than a map of path copies; and the
+  // identities that have more than one name, the only ones whose copies are tracked by identity.
+  void groupNames() {
     for (const auto& [relativePath, expected] : manifest_) {
-      if (expected.kind == Kind::regular) names[expected.identity()].push_back(relativePath);
+      if (expected.kind == Kind::regular) names_.emplace_back(expected.identity(), &relativePath);
     }
-    for (const auto& [identity, paths] : names) {
-      if (paths.size() < 2) continue;
-      const std::string& first = paths.front();
-      const auto firstCopy = verifiedCopies_.at(first);
-      for (std::size_t i = 1; i < paths.size(); ++i) {
-        const std::string& relativePath = paths[i];
-        entry(relativePath, [&] { requireSameGroup(relativePath, first, firstCopy.identity()); });
+    std::stable_sort(names_.begin(), names_.end(), [](const auto& a, const auto& b) {
+      return std::tie(a.first.device, a.first.inode) < std::tie(b.first.device, b.first.inode);
+    });
+    for (std::size_t i = 1; i < names_.size(); ++i) {
+      if (names_[i].first == names_[i - 1].first) sharedIdentities_.insert(names_[i].first);
+    }
+    // Only the groups' names are needed from here on; the list of every file goes back now,
+    // before the per-entry state of the verification is made.
+    std::erase_if(names_, [&](const auto& named) { return !sharedIdentities_.contains(named.first); });
+    names_.shrink_to_fit();
+  }
+
+  void verifyHardLinkGroups() {
+    const auto& names = names_;
+    for (std::size_t start = 0, end = 0; start < names.size(); start = end) {
+      for (end = start + 1; end < names.size() && names[end].first == names[start].first;) ++end;
+      if (end - start < 2) continue;
+      const std::string& first = *names[start].second;
+      const VerifiedCopy* firstCopy = verifiedCopy(first);
+      if (!firstCopy || !firstCopy->verified)
+        throw MigrationIssue("error.migration_copy_mismatch", entryPath(destination_, first));
+      const MigrationFileIdentity shared = firstCopy->identity();
+      for (std::size_t i = start + 1; i < end; ++i) {
+        const std::string& relativePath = *names[i].second;
+        entry(relativePath, [&] { requireSameGroup(relativePath, first, shared); });
       }
     }
   }
@@ -218,28 +292,35 @@ class Verification {
     if (options_.repaired) options_.repaired(relativePath);
     present = MigrationEntry::read(copy, AT_FDCWD);
     if (!present || present->identity() != shared) throw MigrationIssue("error.migration_copy_mismatch", copy);
-    verifiedCopies_.insert_or_assign(relativePath, *present);
+    verifiedCopy(relativePath)->record(*present);
   }
 
   // The copy as a whole: nothing live was started inside it, nothing appeared or vanished, and
-  // nothing changed after its check.
+  // nothing changed after its check. Walked once, each object compared as it is read; a socket
+  // found anywhere is reported before any other difference.
   void checkFinalSnapshot() {
-    const auto snapshot = MigrationIntegrityVerifier::snapshot(destination_, RuntimeEntries::allow, ReadableCheck::skip,
-                                                               RemovableCheck::skip);
-    for (const auto& [relativePath, present] : snapshot) {
-      if (present.kind == Kind::socket) {
-        throw MigrationIssue("migration.preflight.runtime", entryPath(destination_, relativePath));
-      }
-    }
-    for (const auto& [relativePath, present] : snapshot) {
-      auto verified = verifiedCopies_.find(relativePath);
-      if (verified == verifiedCopies_.end() || !sameApartFromChangeTime(verified->second, present)) {
-        throw MigrationIssue("error.migration_copy_mismatch", entryPath(destination_, relativePath));
-      }
-    }
-    for (const auto& [relativePath, verified] : verifiedCopies_) {
-      if (!snapshot.contains(relativePath)) {
-        throw MigrationIssue("error.migration_copy_mismatch", entryPath(destination_, relativePath));
+    std::optional<std::string> socket;
+    std::optional<std::string> mismatch;
+    MigrationSnapshot::walkEntries(
+        destination_, RuntimeEntries::allow, ReadableCheck::skip, RemovableCheck::skip,
+        [&](const std::string& relativePath, const MigrationEntry& present) {
+          if (present.kind == Kind::socket) {
+            if (!socket) socket = relativePath;
+            return;
+          }
+          if (mismatch) return;
+          VerifiedCopy* verified = verifiedCopy(relativePath);
+          if (!verified || !verified->sameApartFromChangeTime(present, linkFor(relativePath, present.kind))) {
+            mismatch = relativePath;
+            return;
+          }
+          verified->seenAgain = true;
+        });
+    if (socket) throw MigrationIssue("migration.preflight.runtime", entryPath(destination_, *socket));
+    if (mismatch) throw MigrationIssue("error.migration_copy_mismatch", entryPath(destination_, *mismatch));
+    for (const auto& verified : verifiedCopies_) {
+      if (verified.verified && !verified.seenAgain) {
+        throw MigrationIssue("error.migration_copy_mismatch", entryPath(destination_, *verified.relativePath));
       }
     }
   }
@@ -257,8 +338,10 @@ class Verification {
   platform::UniqueFd flushDescriptor_;
   std::optional<MigrationCopyReadAhead> readAhead_;
   MigrationContentComparison comparison_;
+  std::vector<std::pair<MigrationFileIdentity, const std::string*>> names_;
+  std::unordered_set<MigrationFileIdentity> sharedIdentities_;
   std::unordered_map<MigrationFileIdentity, Group> groups_;
-  MigrationManifest verifiedCopies_;
+  std::vector<VerifiedCopy> verifiedCopies_;
   std::set<std::string> repairedPaths_;
   std::int64_t bytes_ = 0;
   std::int64_t entries_ = 0;
@@ -297,15 +380,26 @@ MigrationManifest MigrationIntegrityVerifier::snapshot(const std::string& root, 
 
 void MigrationIntegrityVerifier::requireUnchanged(const std::string& source, const MigrationManifest& manifest,
                                                   const Visited& visited) {
-  MigrationManifest current;
+  // Compared while walking: holding a second manifest would double the memory of a large item.
+  // Every name is visited once, so the same count of equal entries means the same tree.
+  std::size_t equal = 0;
   try {
-    current = snapshot(source, RuntimeEntries::allow, ReadableCheck::skip, RemovableCheck::skip, visited);
+    MigrationSnapshot::walkEntries(
+        source, RuntimeEntries::allow, ReadableCheck::skip, RemovableCheck::skip,
+        [&](const std::string& relativePath, const MigrationEntry& current) {
+          auto recorded = manifest.find(relativePath);
+          // All eleven fields of the entry.
+          if (recorded == manifest.end() || recorded->second != current) {
+            throw MigrationIssue("error.migration_source_changed", source);
+          }
+          ++equal;
+        },
+        visited);
   } catch (const MigrationIssue& issue) {
     if (issue.key() == "error.migration_source_changed") throw MigrationIssue("error.migration_source_changed", source);
     throw;
   }
-  // Equal maps compare every key and all eleven fields of every entry.
-  if (current != manifest) throw MigrationIssue("error.migration_source_changed", source);
+  if (equal != manifest.size()) throw MigrationIssue("error.migration_source_changed", source);
 }
 
 }  // namespace corvane

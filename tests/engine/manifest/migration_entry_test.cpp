@@ -39,15 +39,15 @@ TEST(MigrationEntryTest, LinkTextOf1024BytesReadsAnd1025IsRefusedAndBadUtf8IsRep
 
 TEST(MigrationEntryTest, JsonKeepsKeyOrderRoundTripsAndRejectsMalformedEntries) {
   MigrationEntry entry{.kind = MigrationEntry::Kind::symbolicLink,
-                       .inode = 18446744073709551615ULL,
+                       .mode = 0755,
                        .device = -5,
+                       .inode = 18446744073709551615ULL,
                        .size = 7,
                        .modifiedSeconds = 1,
                        .modifiedNanoseconds = 2,
                        .changedSeconds = 3,
                        .changedNanoseconds = 4,
                        .link = "../x",
-                       .mode = 0755,
                        .flags = 0x20000};
   EXPECT_EQ(
       toJson(entry).dump(),

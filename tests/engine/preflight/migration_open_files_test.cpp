@@ -39,28 +39,34 @@ std::string fields(std::string_view records) {
   return text;
 }
 
-// An item at /Items/App.app with a few files, as a manifest on device 0x1000007.
-MigrationOpenFiles::FileIndex sampleIndex() {
-  MigrationManifest manifest;
-  auto add = [&](const std::string& path, MigrationEntry::Kind kind, std::uint64_t inode,
-                 std::int32_t device = 0x1000007) {
-    std::tie(manifest[path].kind, manifest[path].device, manifest[path].inode) = std::tie(kind, device, inode);
-  };
-  using Kind = MigrationEntry::Kind;
-  add("", Kind::directory, 100);
-  add("Contents", Kind::directory, 101);
-  add("Contents/MacOS/App", Kind::regular, 102);
-  add("Contents/data.db", Kind::regular, 103);
-  add("Contents/alias.db", Kind::regular, 103);  // hard links
-  add("Contents/odd name\n.txt", Kind::regular, 104);
-  add("Contents/run.sock", Kind::socket, 105);
-  add("Contents/subvolume.lib", Kind::regular, 257, static_cast<std::int32_t>(platform::deviceNumber(0, 41)));
-  return MigrationOpenFiles::fileIndex(manifest);
+// An item at /Items/App.app with a few files, as a manifest on device 0x1000007. The index
+// refers to the manifest's paths, so the manifest stays for the whole run.
+const MigrationManifest& sampleManifest() {
+  static const MigrationManifest manifest = [] {
+    MigrationManifest manifest;
+    auto add = [&](const std::string& path, MigrationEntry::Kind kind, std::uint64_t inode,
+                   std::int32_t device = 0x1000007) {
+      std::tie(manifest[path].kind, manifest[path].device, manifest[path].inode) = std::tie(kind, device, inode);
+    };
+    using Kind = MigrationEntry::Kind;
+    add("", Kind::directory, 100);
+    add("Contents", Kind::directory, 101);
+    add("Contents/MacOS/App", Kind::regular, 102);
+    add("Contents/data.db", Kind::regular, 103);
+    add("Contents/alias.db", Kind::regular, 103);  // hard links
+    add("Contents/odd name\n.txt", Kind::regular, 104);
+    add("Contents/run.sock", Kind::socket, 105);
+    add("Contents/subvolume.lib", Kind::regular, 257, static_cast<std::int32_t>(platform::deviceNumber(0, 41)));
+    return manifest;
+  }();
+  return manifest;
 }
+
+MigrationOpenFiles::FileIndex sampleIndex() { return MigrationOpenFiles::fileIndex(sampleManifest()); }
 
 TEST(MigrationOpenFilesTest, ParsesFieldOutputAndKeepsOnlyTheItemsFiles) {
   const auto index = sampleIndex();
-  EXPECT_EQ(index.at({0x1000007, 103}).otherPaths, std::vector<std::string>{"Contents/data.db"})
+  EXPECT_EQ(index.find({0x1000007, 103})->otherPaths, std::vector<std::string_view>{"Contents/data.db"})
       << "alias.db comes first";
   // lsof lists a process once more for each thread; those repeats are the same references.
   const std::string output = fields(
@@ -274,7 +280,8 @@ std::vector<std::string> asText(const std::vector<Reference>& references) {
 
 // Runs the native scan (whole and filtered) and lsof over `item`, expects all three to agree, returns the native one.
 std::vector<Reference> listersAgreeOn(const std::string& item) {
-  const auto index = MigrationOpenFiles::fileIndex(scanned(item));
+  const auto manifest = scanned(item);
+  const auto index = MigrationOpenFiles::fileIndex(manifest);
   auto referencesOf = [&](const MigrationOpenFiles::Result& run) {
     EXPECT_EQ(run.status, 0);
     EXPECT_EQ(errorsAboutTheItem(run.standardError, item), "");
@@ -370,7 +377,8 @@ TEST(MigrationOpenFilesListersTest, RequireIdlePassesOnceTheLastOccupantLeaves) 
   const std::string item = scratch.child("Item");
   writeFile(item + "/held.txt", "held\n");
   auto holder = std::make_unique<OccupantProcess>(OccupantProcess::holdingFile(item + "/held.txt", O_RDONLY));
-  const auto index = MigrationOpenFiles::fileIndex(scanned(item));
+  const auto manifest = scanned(item);
+  const auto index = MigrationOpenFiles::fileIndex(manifest);
   int rechecks = 0;
   // The occupant quits while the check waits; the re-check finds the item idle.
   auto quitThenRecheck = [&](int attempt) { return holder.reset(), attempt <= 1; };
@@ -439,7 +447,8 @@ TEST(MigrationOpenFilesHungMountTest, AMountElsewhereThatStopsAnsweringNeitherSt
   auto reader = OccupantProcess::holdingFile(share->child("item/held.txt"), O_RDONLY);
   auto worker = OccupantProcess::workingIn(share->child("item"));
   auto mapper = OccupantProcess::mapping(share->child("item/held.txt"));
-  const auto index = MigrationOpenFiles::fileIndex(scanned(item));
+  const auto manifest = scanned(item);
+  const auto index = MigrationOpenFiles::fileIndex(manifest);
   const auto stalled = share->stall();
   EXPECT_EQ(checkedBeside(*share, [&] { return verdictOf(item, index); }), "held by " + std::to_string(holder.pid()));
 }

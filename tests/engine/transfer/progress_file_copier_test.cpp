@@ -9,6 +9,7 @@
 #include "engine/item_test_support.h"
 #include "engine/manifest/migration_copy_workload.h"
 #include "engine/manifest/migration_link_plan.h"
+#include "engine/manifest/migration_snapshot.h"
 #include "engine/verify/migration_integrity_verifier.h"
 #include "fixtures/sample_tree.h"
 #include "fixtures/temporary_directory.h"
@@ -183,21 +184,39 @@ TEST(LinkPlanTest, OnlyLinksThatClimbOutOfTheItemAreRewritten) {
                                                 {"via-short", home + "/x"}}));
 }
 
-// The staging area removes only what it recorded creating, and never a root swapped for another.
+// The staging area removes only what it recorded creating, and never a root swapped for another;
+// alike when its records sit beside the source's manifest and when they are kept by path.
 TEST(StagingAreaTest, RemovalStopsAtAnythingItDidNotCreate) {
   TemporaryDirectory dir;
-  makeDirectories(dir.child("item"));
-  MigrationStagingArea staging(dir.child("item"), dir.child("item-copy"), dir.path());
-  EXPECT_EQ(staging.root().rfind(dir.path() + "/.corvane-transfer-", 0), 0u);
-  writeFile(staging.payload() + "/sub/ours", "o");
-  staging.recordCreated(staging.payload() + "/sub/ours");
-  writeFile(staging.payload() + "/sub/stranger", "s");  // not recorded
-  EXPECT_EQ(issueKeyOf([&] { staging.discardAfterRollback(); }), "migration.safety.conflict");
-  EXPECT_EQ(readFile(staging.payload() + "/sub/stranger"), "s");
-  // A recorded path that became another object is a conflict the moment it is recorded again.
-  writeFile(staging.payload() + "/sub/replacement", "replaced");
-  ASSERT_EQ(rename((staging.payload() + "/sub/replacement").c_str(), (staging.payload() + "/sub/ours").c_str()), 0);
-  EXPECT_EQ(issueKeyOf([&] { staging.recordCreated(staging.payload() + "/sub/ours"); }), "migration.safety.conflict");
+  writeFile(dir.child("item/sub/ours"), "o");
+  const MigrationManifest manifest =
+      MigrationSnapshot::walk(dir.child("item"), RuntimeEntries::allow, ReadableCheck::skip, RemovableCheck::skip);
+  for (const MigrationManifest* beside : {static_cast<const MigrationManifest*>(nullptr), &manifest}) {
+    SCOPED_TRACE(beside ? "records beside the manifest" : "records by path");
+    MigrationStagingArea staging(dir.child("item"), dir.child("item-copy"), dir.path(), beside);
+    EXPECT_EQ(staging.root().rfind(dir.path() + "/.corvane-transfer-", 0), 0u);
+    writeFile(staging.payload() + "/sub/ours", "o");
+    staging.recordCreated(staging.payload() + "/sub/ours");
+    writeFile(staging.payload() + "/sub/stranger", "s");  // not recorded
+    EXPECT_EQ(issueKeyOf([&] { staging.discardAfterRollback(); }), "migration.safety.conflict");
+    EXPECT_EQ(readFile(staging.payload() + "/sub/stranger"), "s");
+    ASSERT_EQ(unlink((staging.payload() + "/sub/stranger").c_str()), 0);
+    // A recorded file written to since is someone's data now.
+    writeFile(staging.payload() + "/sub/ours", "changed since");
+    EXPECT_EQ(issueKeyOf([&] { staging.discardAfterRollback(); }), "migration.safety.conflict");
+    EXPECT_EQ(readFile(staging.payload() + "/sub/ours"), "changed since");
+    // A recorded path that became another object is a conflict the moment it is recorded again.
+    writeFile(staging.payload() + "/sub/replacement", "replaced");
+    ASSERT_EQ(rename((staging.payload() + "/sub/replacement").c_str(), (staging.payload() + "/sub/ours").c_str()), 0);
+    EXPECT_EQ(issueKeyOf([&] { staging.recordCreated(staging.payload() + "/sub/ours"); }), "migration.safety.conflict");
+    EXPECT_EQ(readFile(staging.payload() + "/sub/ours"), "replaced");
+    ASSERT_EQ(unlink((staging.payload() + "/sub/ours").c_str()), 0);
+    // What it made and nothing else: everything goes.
+    writeFile(staging.payload() + "/sub/fresh", "f");
+    staging.recordCreated(staging.payload() + "/sub/fresh");
+    EXPECT_NO_THROW(staging.discardAfterRollback());
+    EXPECT_FALSE(MigrationEntry::read(staging.root(), AT_FDCWD));
+  }
   MigrationStagingArea other(dir.child("item"), dir.child("dest/item"), dir.path());
   makeDirectories(other.payload());
   other.recordCreated(other.payload());
