@@ -31,18 +31,13 @@ struct DisksOptions {
   PromptOptions prompts;
 };
 
-std::string withoutTrailingSlash(std::string path) {
-  while (path.size() > 1 && path.back() == '/') path.pop_back();
-  return path;
-}
-
 // The disk a command names: one of the accepted disks, or the destination when none is named.
 std::string chosenDisk(const DiskManager& manager, const std::string& named) {
   if (named.empty()) {
     if (!manager.destinationPath()) throw MigrationIssue("cli.disks.no_disk");
     return *manager.destinationPath();
   }
-  const std::string disk = withoutTrailingSlash(absolutePath(named));
+  const std::string disk = absolutePath(named);
   const auto& disks = manager.externalDisks();
   if (std::find(disks.begin(), disks.end(), disk) == disks.end()) throw MigrationIssue("cli.disks.not_external", disk);
   return disk;
@@ -124,7 +119,7 @@ std::optional<std::string> diskDriftedFrom(DiskManager& manager, const std::stri
 int runRepair(const DisksOptions& options) {
   DiskSession session(VolumeWatch::off);
   auto& manager = session.manager;
-  const std::string ghost = withoutTrailingSlash(absolutePath(options.ghost));
+  const std::string ghost = absolutePath(options.ghost);
   const auto& ghosts = manager.ghostPaths();
   const bool votedGhost = std::find(ghosts.begin(), ghosts.end(), ghost) != ghosts.end();
   const auto driftedDisk = votedGhost ? std::nullopt : diskDriftedFrom(manager, ghost);

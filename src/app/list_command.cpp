@@ -56,8 +56,7 @@ LinkCondition conditionOf(const MigratedApp& app) {
 std::string dateText(ReferenceDate date) { return MigratedBackupCatalog::formatTimestamp(date); }
 
 int runList(const ListOptions& options) {
-  std::string disk = absolutePath(options.disk);
-  while (disk.size() > 1 && disk.back() == '/') disk.pop_back();
+  const std::string disk = absolutePath(options.disk);
   if (!MigrationEntry::read(disk, AT_FDCWD)) throw MigrationIssue("error.item_not_found", disk);
   const auto [apps, rebuiltByScan] = AppManager::loadRecordsTellingSource(disk);
   if (rebuiltByScan && !apps.empty()) printErrorLine(localized("cli.list.rebuilt_by_scan"));

@@ -14,11 +14,6 @@
 namespace corvane {
 namespace {
 
-std::string lastComponent(const std::string& path) {
-  const auto slash = path.find_last_of('/');
-  return slash == std::string::npos ? path : path.substr(slash + 1);
-}
-
 std::string fstabFailureText(const FstabError& error) {
   return error.key.empty() ? error.message : localizedWithDetail(error.key, error.message);
 }
@@ -85,11 +80,7 @@ void DiskManager::handleVolumeChange(const platform::VolumeChange& change) {
 }
 
 void DiskManager::handleDiskAppeared(const std::string& path) {
-  if (std::find(externalDisks_.begin(), externalDisks_.end(), path) == externalDisks_.end()) {
-    externalDisks_.push_back(path);
-    logInfo("🔍 检测到外部磁盘: " + path);
-    notify(DiskChange::externalDisks);
-  }
+  if (addExternalDisk(path)) notify(DiskChange::externalDisks);
   checkForDriftedDisks();
 }
 
@@ -105,10 +96,11 @@ void DiskManager::handleDiskDisappeared(const std::string& path) {
   logInfo("📤 外部磁盘已移除: " + path);
 }
 
-void DiskManager::addExternalDisk(const std::string& path) {
-  if (std::find(externalDisks_.begin(), externalDisks_.end(), path) != externalDisks_.end()) return;
+bool DiskManager::addExternalDisk(const std::string& path) {
+  if (std::find(externalDisks_.begin(), externalDisks_.end(), path) != externalDisks_.end()) return false;
   externalDisks_.push_back(path);
   logInfo("🔍 检测到外部磁盘: " + path);
+  return true;
 }
 
 void DiskManager::detectExternalDisks() {

@@ -126,7 +126,8 @@ class DiskManager {
   void handleVolumeChange(const platform::VolumeChange& change);
   void handleDiskAppeared(const std::string& path);
   void handleDiskDisappeared(const std::string& path);
-  void addExternalDisk(const std::string& path);
+  // False when the disk is listed already.
+  bool addExternalDisk(const std::string& path);
   void requestPermanentDiskAccess(const std::string& failure);
   void setProtected(bool isProtected);
   void publishDrift(DriftFindings findings);

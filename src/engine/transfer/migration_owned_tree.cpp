@@ -54,26 +54,6 @@ class OwnedRemoval {
 
 }  // namespace
 
-MigrationOwnedTree::Record MigrationOwnedTree::Record::of(const MigrationEntry& entry) {
-  Record record;
-  record.inode = entry.inode;
-  record.size = entry.size;
-  record.modifiedSeconds = entry.modifiedSeconds;
-  record.modifiedNanoseconds = entry.modifiedNanoseconds;
-  record.device = entry.device;
-  record.flags = entry.flags;
-  record.mode = entry.mode;
-  record.kind = entry.kind;
-  record.present = true;
-  return record;
-}
-
-bool MigrationOwnedTree::Record::matches(const MigrationEntry& actual) const {
-  return present && actual.kind == kind && actual.inode == inode && actual.device == device && actual.size == size &&
-         actual.modifiedSeconds == modifiedSeconds && actual.modifiedNanoseconds == modifiedNanoseconds &&
-         actual.mode == mode && actual.flags == flags;
-}
-
 void MigrationOwnedTree::remove(const std::string& root, const Record& expectedRoot, const Lookup& recorded,
                                 RemovalScope scope) {
   auto actual = MigrationEntry::read(root, AT_FDCWD);

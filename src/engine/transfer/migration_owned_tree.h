@@ -7,6 +7,7 @@
 #include <string>
 
 #include "engine/manifest/migration_entry.h"
+#include "engine/manifest/migration_entry_state.h"
 #include "engine/manifest/migration_file_identity.h"
 
 namespace corvane {
@@ -15,25 +16,8 @@ enum class RemovalScope { wholeTree, contentsOnly };
 
 class MigrationOwnedTree {
  public:
-  // What is kept of an object the program created: everything a comparison needs but its path,
-  // its status-change time (hard links and renames move it) and a link's text, which cannot
-  // change while the link's inode lives.
-  struct Record {
-    std::uint64_t inode = 0;
-    std::int64_t size = 0;
-    std::int64_t modifiedSeconds = 0;
-    std::int64_t modifiedNanoseconds = 0;
-    std::int32_t device = 0;
-    std::uint32_t flags = 0;
-    std::uint16_t mode = 0;
-    MigrationEntry::Kind kind = MigrationEntry::Kind::regular;
-    bool present = false;
-
-    static Record of(const MigrationEntry& entry);
-    MigrationFileIdentity identity() const { return {device, inode}; }
-    // Whether `actual` is still the recorded object.
-    bool matches(const MigrationEntry& actual) const;
-  };
+  // What is kept of an object the program created.
+  using Record = MigrationEntryState;
   // The record of the entry at a path relative to the tree's root; null when there is none.
   using Lookup = std::function<const Record*(const std::string& relativePath)>;
 

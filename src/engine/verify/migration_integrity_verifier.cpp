@@ -10,6 +10,7 @@
 #include <unordered_set>
 #include <vector>
 
+#include "engine/manifest/migration_entry_state.h"
 #include "engine/manifest/migration_link_plan.h"
 #include "engine/migration_issue.h"
 #include "engine/verify/migration_content_comparison.h"
@@ -29,40 +30,16 @@ std::string entryPath(const std::string& root, const std::string& relativePath) 
   return relativePath.empty() ? root : joinPath(root, relativePath);
 }
 
-// What a verified object of the copy was when its check passed, apart from its link text (which
-// is the text the check required) and its status-change time: repairs and hard links made in
-// the copy move that time for every name of an inode. One per manifest entry, in manifest order,
-// so the copy's state costs a few dozen bytes per entry instead of a second manifest.
+// What a verified object of the copy was when its check passed (its link text is the text the
+// check required). One per manifest entry, in manifest order, so the copy's state costs a few
+// dozen bytes per entry instead of a second manifest.
 struct VerifiedCopy {
   const std::string* relativePath = nullptr;  // the manifest's key
-  std::uint64_t inode = 0;
-  std::int64_t size = 0;
-  std::int64_t modifiedSeconds = 0;
-  std::int64_t modifiedNanoseconds = 0;
-  std::int32_t device = 0;
-  std::uint32_t flags = 0;
-  std::uint16_t mode = 0;
-  Kind kind = Kind::regular;
-  bool verified = false;
+  MigrationEntryState state;                  // present once verified
   bool seenAgain = false;
 
-  void record(const MigrationEntry& entry) {
-    inode = entry.inode;
-    size = entry.size;
-    modifiedSeconds = entry.modifiedSeconds;
-    modifiedNanoseconds = entry.modifiedNanoseconds;
-    device = entry.device;
-    flags = entry.flags;
-    mode = entry.mode;
-    kind = entry.kind;
-    verified = true;
-  }
-  MigrationFileIdentity identity() const { return {device, inode}; }
   bool sameApartFromChangeTime(const MigrationEntry& present, const std::optional<std::string>& link) const {
-    return verified && kind == present.kind && inode == present.inode && device == present.device &&
-           size == present.size && modifiedSeconds == present.modifiedSeconds &&
-           modifiedNanoseconds == present.modifiedNanoseconds && link == present.link && mode == present.mode &&
-           flags == present.flags;
+    return state.matches(present) && link == present.link;
   }
 };
 
@@ -106,7 +83,7 @@ class Verification {
     groupNames();
     readAhead_.emplace(destination_, manifest_, options_.inactiveSockets, sharedIdentities_);
     verifiedCopies_.reserve(manifest_.size());
-    for (const auto& [relativePath, expected] : manifest_) verifiedCopies_.push_back({&relativePath});
+    for (const auto& [relativePath, expected] : manifest_) verifiedCopies_.push_back({&relativePath, {}, false});
     std::size_t index = 0;
     for (const auto& [relativePath, expected] : manifest_) {
       VerifiedCopy& slot = verifiedCopies_[index++];
@@ -231,7 +208,7 @@ class Verification {
 
     const auto verified = MigrationEntry::read(copy, AT_FDCWD);
     if (!verified) throw MigrationIssue("error.migration_copy_mismatch", copy);
-    slot.record(*verified);
+    slot.state = MigrationEntryState::of(*verified);
     if (expected.kind == Kind::regular && group == nullptr && sharedIdentities_.contains(expected.identity())) {
       groups_.emplace(expected.identity(), Group{&relativePath, verified->identity()});
     }
@@ -265,9 +242,9 @@ class Verification {
       if (end - start < 2) continue;
       const std::string& first = *names[start].second;
       const VerifiedCopy* firstCopy = verifiedCopy(first);
-      if (!firstCopy || !firstCopy->verified)
+      if (!firstCopy || !firstCopy->state.present)
         throw MigrationIssue("error.migration_copy_mismatch", entryPath(destination_, first));
-      const MigrationFileIdentity shared = firstCopy->identity();
+      const MigrationFileIdentity shared = firstCopy->state.identity();
       for (std::size_t i = start + 1; i < end; ++i) {
         const std::string& relativePath = *names[i].second;
         entry(relativePath, [&] { requireSameGroup(relativePath, first, shared); });
@@ -292,7 +269,7 @@ class Verification {
     if (options_.repaired) options_.repaired(relativePath);
     present = MigrationEntry::read(copy, AT_FDCWD);
     if (!present || present->identity() != shared) throw MigrationIssue("error.migration_copy_mismatch", copy);
-    verifiedCopy(relativePath)->record(*present);
+    verifiedCopy(relativePath)->state = MigrationEntryState::of(*present);
   }
 
   // The copy as a whole: nothing live was started inside it, nothing appeared or vanished, and
@@ -319,7 +296,7 @@ class Verification {
     if (socket) throw MigrationIssue("migration.preflight.runtime", entryPath(destination_, *socket));
     if (mismatch) throw MigrationIssue("error.migration_copy_mismatch", entryPath(destination_, *mismatch));
     for (const auto& verified : verifiedCopies_) {
-      if (verified.verified && !verified.seenAgain) {
+      if (verified.state.present && !verified.seenAgain) {
         throw MigrationIssue("error.migration_copy_mismatch", entryPath(destination_, *verified.relativePath));
       }
     }
