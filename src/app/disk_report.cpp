@@ -4,30 +4,12 @@
 #include <nlohmann/json.hpp>
 
 #include "app/user_output.h"
-#include "platform/volume.h"
-#include "platform/volume_description.h"
 #include "settings/byte_format.h"
 #include "settings/localization.h"
-#include "support/diagnostic_log.h"
 #include "support/shell_quote.h"
 
 namespace corvane {
 namespace {
-
-void describe(DiskReport& report) {
-  try {
-    const auto description = platform::describeVolume(report.path);
-    report.label = description.label;
-    report.fileSystem = description.fileSystemType;
-  } catch (const std::exception& error) {
-    logDebug(std::string("describeVolume: ") + error.what());
-  }
-  try {
-    report.freeBytes = platform::availableCapacity(report.path);
-  } catch (const std::exception& error) {
-    logDebug(std::string("availableCapacity: ") + error.what());
-  }
-}
 
 std::string ghostSummary(const GhostDirectoryContents& ghost) {
   std::string names;
@@ -61,27 +43,6 @@ nlohmann::ordered_json toJson(const DiskReport& report) {
 }
 
 }  // namespace
-
-std::vector<DiskReport> reportDisks(DiskManager& manager) {
-  std::vector<DiskReport> reports;
-  for (const auto& path : manager.externalDisks()) {
-    DiskReport report;
-    report.path = path;
-    describe(report);
-    report.isDestination = manager.destinationPath() == path;
-    report.isProtected = manager.fstab().isDiskProtected(path);
-    for (const auto& [ghostPath, disk] : manager.ghostDisks()) {
-      if (disk != path) continue;
-      report.expectedPath = ghostPath;
-      report.ghost = manager.fstab().describeGhostDirectory(ghostPath);
-    }
-    for (const auto& rename : manager.renamedDisks())
-      if (rename.currentPath == path) report.expectedPath = rename.expectedPath;
-    report.driftedLinks = findDriftedLinks(path, manager.volumesRoots());
-    reports.push_back(std::move(report));
-  }
-  return reports;
-}
 
 void printDriftedLinks(const std::string& disk, const std::vector<DriftedLink>& links) {
   std::map<std::string, std::vector<const DriftedLink*>> byOldPath;

@@ -3,8 +3,8 @@
 #include <string_view>
 
 #include "app/command_line.h"
-#include "app/language_names.h"
 #include "app/user_output.h"
+#include "settings/language_names.h"
 #include "settings/localization.h"
 #include "settings/localization_manager.h"
 #include "support/diagnostic_log.h"

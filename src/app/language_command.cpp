@@ -5,9 +5,9 @@
 
 #include "app/command_line.h"
 #include "app/commands.h"
-#include "app/language_names.h"
 #include "app/user_output.h"
 #include "platform/user_defaults.h"
+#include "settings/language_names.h"
 #include "settings/localization.h"
 #include "settings/localization_manager.h"
 

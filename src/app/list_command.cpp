@@ -14,6 +14,7 @@
 #include "disks/link_drift.h"
 #include "disks/volumes_roots.h"
 #include "engine/manifest/migration_entry.h"
+#include "engine/migrated_item_condition.h"
 #include "engine/migration_issue.h"
 #include "settings/localization.h"
 #include "support/paths.h"
@@ -26,32 +27,6 @@ struct ListOptions {
   std::string disk;
   bool json = false;
 };
-
-enum class LinkCondition { inPlace, pointsElsewhere, replacedByRealItem, missing, diskMissing };
-
-const char* conditionName(LinkCondition condition) {
-  switch (condition) {
-    case LinkCondition::inPlace:
-      return "inPlace";
-    case LinkCondition::pointsElsewhere:
-      return "pointsElsewhere";
-    case LinkCondition::replacedByRealItem:
-      return "replacedByRealItem";
-    case LinkCondition::missing:
-      return "missing";
-    case LinkCondition::diskMissing:
-      return "diskMissing";
-  }
-  return "missing";
-}
-
-LinkCondition conditionOf(const MigratedApp& app) {
-  if (!MigrationEntry::read(app.targetPath, AT_FDCWD)) return LinkCondition::diskMissing;
-  auto original = MigrationEntry::read(app.originalPath, AT_FDCWD);
-  if (!original) return LinkCondition::missing;
-  if (original->kind != MigrationEntry::Kind::symbolicLink) return LinkCondition::replacedByRealItem;
-  return AppManager::isAppSymlink(app) ? LinkCondition::inPlace : LinkCondition::pointsElsewhere;
-}
 
 std::string dateText(ReferenceDate date) { return MigratedBackupCatalog::formatTimestamp(date); }
 

@@ -2,9 +2,8 @@
 
 #include <unistd.h>
 
-#include <cmath>
-
 #include "settings/byte_format.h"
+#include "settings/duration_format.h"
 #include "settings/localization.h"
 #include "support/paths.h"
 
@@ -19,13 +18,6 @@ ProgressDisplay::Style ProgressDisplay::styleFor(std::FILE* stream) {
 ProgressDisplay::ProgressDisplay(std::FILE* stream, Style style) : stream_(stream), style_(style) {}
 
 ProgressDisplay::~ProgressDisplay() { clear(); }
-
-std::string formatDuration(double seconds) {
-  const long total = std::lround(std::max(seconds, 0.0));
-  if (total >= 3600) return localizedFormat("progress.duration.hours", total / 3600, (total % 3600) / 60);
-  if (total >= 60) return localizedFormat("progress.duration.minutes", total / 60, total % 60);
-  return localizedFormat("progress.duration.seconds", total);
-}
 
 std::string ProgressDisplay::describe(const MigrationItemProgress& item) {
   std::string line = item.name + "  " + localized("progress.phase." + std::string(phaseName(item.phase)));

@@ -47,7 +47,4 @@ class ProgressDisplay {
 // components.
 std::function<void(const std::vector<MigrationItemProgress>&)> showingShortNames(ProgressDisplay& display);
 
-// "1 min 5 s", "12 s".
-std::string formatDuration(double seconds);
-
 }  // namespace corvane

@@ -1,31 +1,14 @@
 #include "app/running_app_prompt.h"
 
-#include <signal.h>
 #include <unistd.h>
 
-#include <chrono>
 #include <cstdio>
 #include <mutex>
-#include <thread>
 
-#include "platform/item_processes.h"
+#include "engine/running_program_closer.h"
 #include "settings/localization.h"
 
 namespace corvane {
-namespace {
-
-// Asks every process to quit and waits a while for the item to be free.
-bool closeAndWait(const std::string& path, const std::vector<pid_t>& running) {
-  for (pid_t pid : running) ::kill(pid, SIGTERM);
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-  while (std::chrono::steady_clock::now() < deadline) {
-    if (platform::processesExecutingWithin(path).empty()) return true;
-    std::this_thread::sleep_for(std::chrono::milliseconds(100));
-  }
-  return platform::processesExecutingWithin(path).empty();
-}
-
-}  // namespace
 
 bool askToCloseRunningApp(const std::string& path, const std::string& name, const std::vector<pid_t>& running,
                           PresetAnswer preset) {
@@ -42,7 +25,7 @@ bool askToCloseRunningApp(const std::string& path, const std::string& name, cons
     close = std::fgets(answer, sizeof answer, stdin) && (answer[0] == 'c' || answer[0] == 'C' || answer[0] == '1');
   }
   if (!close) return false;
-  const bool closed = closeAndWait(path, running);
+  const bool closed = closeRunningPrograms(path, running);
   if (!closed) std::fprintf(stderr, "%s\n", localizedFormat("cli.migrate.still_running", name).c_str());
   return closed;
 }

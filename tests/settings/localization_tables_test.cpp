@@ -22,9 +22,9 @@ const char* const kLanguages[] = {"en", "zh-Hans", "zh-Hant"};
 const char* const kKeyTakingCalls[] = {"localizedWithDetail", "localizedFormat", "localized", "MigrationIssue"};
 
 // Literals with these prefixes are keys wherever they appear (tables of definitions, maps).
-const char* const kKeyPrefixes[] = {"app",         "log",        "migration", "error", "progress",           "disk",
-                                    "cleaner",     "cli",        "language",  "fstab", "disk_authorization", "settings",
-                                    "ghost_files", "disk_rename"};
+const char* const kKeyPrefixes[] = {
+    "app",      "log",   "migration",          "error",    "progress",    "disk",        "cleaner", "cli",
+    "language", "fstab", "disk_authorization", "settings", "ghost_files", "disk_rename", "ui"};
 
 bool isWordCharacter(char c) { return std::isalnum(static_cast<unsigned char>(c)) || c == '_'; }
 

@@ -1,4 +1,4 @@
-#include "app/language_names.h"
+#include "settings/language_names.h"
 
 #include "settings/localization.h"
 
