@@ -1,0 +1,176 @@
+// The desktop application driven through its real widgets: an item migrated by clicks onto a
+// loop disk, watched in the progress panel and moved back from the list of moved items; a
+// drifted disk's leftover folder shown and repaired; the cleaner; and a language switch that
+// re-renders every page at once.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+
+#include <QComboBox>
+#include <QGroupBox>
+#include <QLabel>
+#include <QListWidget>
+#include <QPlainTextEdit>
+#include <QPushButton>
+#include <QTest>
+
+#include "catalogue/migrated_apps_file.h"
+#include "engine/manifest/migration_entry.h"
+#include "fixtures/loop_disk.h"
+#include "fixtures/sample_tree.h"
+#include "platform/volume.h"
+#include "settings/localization_manager.h"
+#include "ui/ui_text.h"
+#include "window_test_support.h"
+
+namespace corvane::ui {
+namespace {
+
+bool isLink(const std::string& path) {
+  auto entry = MigrationEntry::read(path, AT_FDCWD);
+  return entry && entry->kind == MigrationEntry::Kind::symbolicLink;
+}
+
+bool isDirectory(const std::string& path) {
+  auto entry = MigrationEntry::read(path, AT_FDCWD);
+  return entry && entry->kind == MigrationEntry::Kind::directory;
+}
+
+TEST(MainWindowTest, AnItemMovesByClicksShowsItsProgressAndOutcomeAndMovesBack) {
+  WindowWorld world;
+  CORVANE_LOOP_DISK(disk, "Backup");
+  disk->mount(world.volume("Backup"));
+  const std::string item = world.applications() + "/Tool";
+  buildSampleTree(item);
+  writeFile(item + "/notes.txt", "kept word for word");
+
+  MainWindow& window = world.openWindow();
+  auto& services = window.services();
+  auto* items = child<QTreeWidget>(window, "items-table");
+  ASSERT_TRUE(waitFor([&] { return services.disks.destinationPath() == world.volume("Backup"); }));
+  ASSERT_TRUE(waitFor([&] { return row(*items, "Tool") && !services.candidates.isMeasuring(); }));
+  EXPECT_FALSE(child<QPushButton>(window, "migrate")->isEnabled()) << "nothing is ticked yet";
+  row(*items, "Tool")->setCheckState(0, Qt::Checked);
+
+  // The disk is not protected: the gate suggests it, and "Not Now" starts the batch.
+  ASSERT_TRUE(click(window, "migrate"));
+  QString suggestion;
+  ASSERT_TRUE(answer(1, &suggestion));
+  EXPECT_TRUE(suggestion.contains(text("disk.protection.suggestion.title"))) << suggestion.toStdString();
+  ASSERT_TRUE(waitFor([&] { return !services.migration.isMigrating() && !services.migration.outcomes().empty(); }));
+
+  auto* progress = child<QTreeWidget>(window, "progress-table");
+  ASSERT_EQ(progress->topLevelItemCount(), 1);
+  EXPECT_EQ(progress->topLevelItem(0)->text(0), "Tool");
+  EXPECT_TRUE(progress->topLevelItem(0)->text(6).startsWith(text("ui.outcome.succeeded")))
+      << progress->topLevelItem(0)->text(6).toStdString();
+  EXPECT_TRUE(isLink(item));
+  EXPECT_EQ(readFile(world.volume("Backup") + "/Directories" + item + "/notes.txt"), "kept word for word");
+  ASSERT_TRUE(waitFor([&] { return row(*items, "Tool") == nullptr; })) << "a moved item leaves the candidates";
+  EXPECT_TRUE(child<QPlainTextEdit>(window, "log")->toPlainText().contains("Tool"));
+
+  // The list of moved items shows it with its link in place; Move back asks, then brings it home.
+  window.showPage(2);
+  auto* moved = child<QTreeWidget>(window, "migrated-table");
+  ASSERT_TRUE(waitFor([&] { return row(*moved, "Tool") != nullptr; }));
+  EXPECT_EQ(row(*moved, "Tool")->text(1), text("ui.link.inPlace"));
+  moved->setCurrentItem(row(*moved, "Tool"));
+  ASSERT_TRUE(click(window, "move-back"));
+  QString confirmation;
+  ASSERT_TRUE(answer(0, &confirmation));
+  EXPECT_TRUE(confirmation.contains(QString::fromStdString(item))) << "it says where the item goes back to";
+  ASSERT_TRUE(waitFor([&] { return isDirectory(item) && moved->topLevelItemCount() == 0; }));
+  EXPECT_EQ(readFile(item + "/notes.txt"), "kept word for word");
+  EXPECT_TRUE(waitFor([&] { return row(*items, "Tool") != nullptr; })) << "it can be moved again";
+}
+
+TEST(MainWindowTest, ALeftoverFolderInTheDisksPlaceIsShownWithItsContentsAndRepaired) {
+  WindowWorld world;
+  CORVANE_LOOP_DISK(disk, "Backup");
+  disk->mount(world.volume("Backup1"));
+  // Records of items that came from the disk's own place vote for where it belongs.
+  std::vector<MigratedApp> records(1);
+  records[0].id = "00000000-0000-4000-8000-000000000001";
+  records[0].appName = "Tool";
+  records[0].originalPath = world.volume("Backup") + "/Apps/Tool";
+  records[0].targetPath = world.volume("Backup1") + "/Directories/Tool";
+  MigratedAppsFile::prepareDirectory(world.volume("Backup1"));
+  MigratedAppsFile::write(records, MigratedAppsFile::currentPath(world.volume("Backup1")));
+  writeFile(world.volume("Backup") + "/left behind.txt", "stale");
+
+  MainWindow& window = world.openWindow();
+  window.showPage(1);
+  QGroupBox* alert = nullptr;
+  ASSERT_TRUE(waitFor([&] {
+    alert = child<QGroupBox>(window, "ghost-alert");
+    return alert && alert->findChild<QLabel*>()->text().contains("left behind.txt");
+  })) << "the alert names what the folder holds";
+  EXPECT_EQ(alert->title(), text("ghost_files.title"));
+
+  ASSERT_TRUE(click(*alert, "repair-ghost"));
+  QString confirmation;
+  ASSERT_TRUE(answer(0, &confirmation));
+  EXPECT_TRUE(confirmation.contains(QString::fromStdString(world.volume("Backup"))));
+  QString result;
+  ASSERT_TRUE(answer(0, &result));
+  EXPECT_TRUE(result.contains(text("ui.done"))) << result.toStdString();
+  EXPECT_TRUE(platform::isMountPoint(world.volume("Backup")));
+  EXPECT_FALSE(MigrationEntry::read(world.volume("Backup") + "/left behind.txt", AT_FDCWD));
+  EXPECT_TRUE(waitFor([&] { return child<QGroupBox>(window, "ghost-alert") == nullptr; }));
+}
+
+TEST(MainWindowTest, TheCleanerScansAndCleansOnlyAfterConfirmation) {
+  WindowWorld world;
+  writeFile(world.home() + "/.cache/tool/blob", std::string(64 * 1024, 'x'));
+  MainWindow& window = world.openWindow();
+  window.showPage(4);
+  auto& cleaner = window.services().cleaner;
+  ASSERT_TRUE(click(window, "scan"));
+  ASSERT_TRUE(waitFor([&] { return cleaner.currentState() == CleanerState::resultsReady; }));
+  auto* table = child<QTreeWidget>(window, "cleaner-table");
+  ASSERT_GE(table->topLevelItemCount(), 1);
+  EXPECT_EQ(table->topLevelItem(0)->text(0), text("cleaner.category.system"));
+
+  ASSERT_TRUE(click(window, "clean"));
+  ASSERT_TRUE(answer(1));  // Cancel: nothing is removed
+  EXPECT_EQ(cleaner.currentState(), CleanerState::resultsReady);
+  EXPECT_TRUE(MigrationEntry::read(world.home() + "/.cache/tool/blob", AT_FDCWD));
+
+  ASSERT_TRUE(click(window, "clean"));
+  ASSERT_TRUE(answer(0));
+  ASSERT_TRUE(waitFor([&] { return cleaner.currentState() == CleanerState::done; }));
+  EXPECT_FALSE(MigrationEntry::read(world.home() + "/.cache/tool/blob", AT_FDCWD));
+}
+
+TEST(MainWindowTest, SwitchingTheLanguageRerendersEveryPageAtOnce) {
+  WindowWorld world;
+  MainWindow& window = world.openWindow();
+  auto* sidebar = child<QListWidget>(window, "sidebar");
+  auto buttonTexts = [&] {
+    std::map<QPushButton*, QString> texts;
+    for (auto* button : window.findChildren<QPushButton*>()) texts[button] = button->text();
+    return texts;
+  };
+  const auto english = buttonTexts();
+  ASSERT_EQ(sidebar->item(0)->text(), "Move Items");
+
+  auto* language = child<QComboBox>(window, "language");
+  language->setCurrentIndex(2);  // Simplified Chinese
+  EXPECT_EQ(LocalizationManager::shared().languageCode(), "zh-Hans");
+  for (std::size_t i = 0; i < window.pages().size(); ++i)
+    EXPECT_EQ(sidebar->item(static_cast<int>(i))->text(), text(window.pages()[i]->titleKey()));
+  EXPECT_EQ(sidebar->item(0)->text(), "迁移项目");
+  for (const auto& [button, before] : buttonTexts())
+    if (english.count(button)) {
+      EXPECT_NE(button->text(), english.at(button)) << before.toStdString();
+    }
+  EXPECT_EQ(child<QTreeWidget>(window, "items-table")->headerItem()->text(0), "名称");
+  EXPECT_EQ(language->currentIndex(), 2) << "the chooser shows the choice in the new language";
+
+  language->setCurrentIndex(3);  // Traditional Chinese
+  EXPECT_EQ(sidebar->item(1)->text(), "磁碟");
+  language->setCurrentIndex(1);  // English again
+  EXPECT_EQ(buttonTexts(), english);
+}
+
+}  // namespace
+}  // namespace corvane::ui
