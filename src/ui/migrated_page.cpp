@@ -2,11 +2,11 @@
 
 #include <fcntl.h>
 
+#include <QDateTime>
 #include <QHeaderView>
 #include <QVBoxLayout>
 
 #include "catalogue/app_bundle_metadata.h"
-#include "catalogue/migrated_backup_catalog.h"
 #include "engine/manifest/migration_entry.h"
 #include "engine/migration_item_inspector.h"
 #include "settings/byte_format.h"
@@ -44,6 +44,11 @@ MigratedPage::Listing readListing(const std::string& disk) {
     listing.rows.push_back(std::move(row));
   }
   return listing;
+}
+
+// The moment as people read it, the same in every language.
+QString dateText(ReferenceDate date) {
+  return QDateTime::fromSecsSinceEpoch(static_cast<qint64>(date.unixSeconds())).toString("yyyy-MM-dd HH:mm");
 }
 
 const char* resultKey(MigrationManager::OperationResult::Kind kind) {
@@ -191,7 +196,7 @@ void MigratedPage::render() {
     item->setText(kNameColumn, qstr(row.app.appName));
     item->setText(kLinkColumn, text(std::string("ui.link.") + conditionName(row.condition)));
     item->setText(kSizeColumn, row.sizeBytes ? qstr(formatByteCount(*row.sizeBytes)) : text("ui.unknown"));
-    item->setText(kDateColumn, qstr(MigratedBackupCatalog::formatTimestamp(row.app.migratedDate)));
+    item->setText(kDateColumn, dateText(row.app.migratedDate));
     item->setText(kVersionColumn, qstr(row.version.value_or("")));
     item->setText(kOriginalColumn, qstr(row.app.originalPath));
     item->setToolTip(kOriginalColumn, textFormat("ui.migrated.target", row.app.targetPath));
@@ -203,9 +208,11 @@ void MigratedPage::render() {
       child->setText(kNameColumn, text("ui.migrated.backup_version"));
       child->setText(kLinkColumn,
                      row.backupExists[b] ? text("ui.migrated.backup_present") : text("ui.migrated.backup_missing"));
-      child->setText(kDateColumn, qstr(MigratedBackupCatalog::formatTimestamp(backup.backupDate)));
+      child->setText(kDateColumn, dateText(backup.backupDate));
       child->setText(kOriginalColumn, qstr(backup.backupPath));
+      child->setToolTip(kOriginalColumn, qstr(backup.backupPath));
     }
+    item->setExpanded(true);
   }
   if (loading_)
     status_->setText(text("ui.migrated.loading"));
@@ -260,8 +267,8 @@ void MigratedPage::restore() {
   const std::string disk = listing_.disk;
   ask(this,
       {text("ui.migrated.restore"),
-       textFormat("ui.migrated.restore_confirm", app.appName,
-                  MigratedBackupCatalog::formatTimestamp(version.backupDate), app.targetPath),
+       textFormat("ui.migrated.restore_confirm", app.appName, dateText(version.backupDate).toStdString(),
+                  app.targetPath),
        {text("ui.migrated.restore"), text("ui.cancel")}},
       [this, app, version, disk](int answer) {
         if (answer != 0) return;

@@ -81,6 +81,7 @@ ProgressPanel::ProgressPanel(UiServices& services)
   table_->setObjectName("progress-table");
   table_->setRootIsDecorated(false);
   table_->setColumnCount(columnCount);
+  table_->header()->setSectionResizeMode(QHeaderView::ResizeToContents);
   table_->header()->setStretchLastSection(true);
   cancel_->setObjectName("cancel");
   QObject::connect(cancel_, &QPushButton::clicked, [this] {
@@ -144,6 +145,12 @@ void ProgressPanel::render() {
     QStringList cells = describe(item);
     for (const auto& result : migration.outcomes()) {
       if (result.source != item.name) continue;
+      // The last sample may predate the end of a quick item: the outcome decides the phase.
+      MigrationItemProgress ended = item;
+      ended.phase = result.kind == Kind::succeeded ? Phase::done
+                    : result.kind == Kind::failed  ? Phase::failed
+                                                   : Phase::skipped;
+      cells = describe(ended);
       cells[kOutcomeColumn] = text(outcomeKey(result.kind));
       if (!result.message.empty()) cells[kOutcomeColumn] += ": " + qstr(result.message);
       if (!result.recordSaved) cells[kOutcomeColumn] += " " + text("ui.outcome.record_not_saved");
