@@ -8,6 +8,7 @@
 #include <QSplitter>
 #include <QVBoxLayout>
 
+#include "engine/migration_item_inspector.h"
 #include "engine/running_program_closer.h"
 #include "platform/item_processes.h"
 #include "settings/byte_format.h"
@@ -38,6 +39,7 @@ ItemsPage::ItemsPage(UiServices& services)
       refresh_(new QPushButton(this)),
       table_(new QTreeWidget(this)),
       measuring_(new QLabel(this)),
+      check_(new QPushButton(this)),
       migrate_(new QPushButton(this)),
       progress_(new ProgressPanel(services)) {
   setAcceptDrops(true);
@@ -55,6 +57,7 @@ ItemsPage::ItemsPage(UiServices& services)
   upperLayout->addWidget(table_);
   auto* bottom = new QHBoxLayout;
   bottom->addWidget(measuring_, 1);
+  bottom->addWidget(check_);
   bottom->addWidget(migrate_);
   upperLayout->addLayout(bottom);
   auto* splitter = new QSplitter(Qt::Vertical, this);
@@ -72,6 +75,7 @@ ItemsPage::ItemsPage(UiServices& services)
   table_->header()->setStretchLastSection(true);
   add_->setObjectName("add-folder");
   refresh_->setObjectName("refresh-items");
+  check_->setObjectName("check");
   migrate_->setObjectName("migrate");
 
   QObject::connect(table_, &QTreeWidget::itemChanged, [this](QTreeWidgetItem* row, int column) {
@@ -92,6 +96,7 @@ ItemsPage::ItemsPage(UiServices& services)
     chooser->open();
   });
   QObject::connect(refresh_, &QPushButton::clicked, [this] { services_.candidates.refresh(); });
+  QObject::connect(check_, &QPushButton::clicked, [this] { check(); });
   QObject::connect(migrate_, &QPushButton::clicked, [this] { migrate(); });
   candidates_ = services_.candidates.observe([this] { render(); });
   disks_ = services_.disks.observe([this](DiskChange change) {
@@ -110,6 +115,7 @@ void ItemsPage::retranslate() {
   intro_->setText(text("ui.items.intro"));
   add_->setText(text("ui.items.add_folder"));
   refresh_->setText(text("ui.refresh"));
+  check_->setText(text("ui.items.check"));
   migrate_->setText(text("ui.items.migrate"));
   table_->setHeaderLabels({text("ui.items.column.name"), text("ui.items.column.size"), text("ui.items.column.state"),
                            text("ui.items.column.path")});
@@ -162,6 +168,44 @@ void ItemsPage::render() {
                       : candidates.empty()               ? text("ui.items.empty")
                                                          : QString());
   migrate_->setEnabled(!checkedPaths().empty() && !services_.migration.isMigrating());
+  check_->setEnabled(!checkedPaths().empty());
+}
+
+void ItemsPage::check() {
+  const auto paths = checkedPaths();
+  check_->setEnabled(false);
+  services_.background.run<QString>(
+      lifetime(),
+      [paths] {
+        QString report;
+        for (const auto& readiness : MigrationItemInspector().checkItems(paths)) {
+          const std::string name = lastComponent(readiness.path);
+          QString line;
+          switch (readiness.verdict) {
+            case MigrationItemInspector::Readiness::Verdict::movable: {
+              const auto workload = MigrationItemInspector::scanItem(readiness.path).workload;
+              line = textFormat("ui.check.movable", name, workload.entries, formatByteCount(workload.bytes));
+              break;
+            }
+            case MigrationItemInspector::Readiness::Verdict::blocked:
+              line = textFormat("ui.check.blocked", name);
+              for (const auto& message : readiness.blockingMessages) line += "\n  " + qstr(message);
+              break;
+            case MigrationItemInspector::Readiness::Verdict::notFound:
+              line = textFormat("ui.check.not_found", name);
+              break;
+            case MigrationItemInspector::Readiness::Verdict::symbolicLink:
+              line = textFormat("ui.check.link", name);
+              break;
+          }
+          report += (report.isEmpty() ? "" : "\n\n") + line;
+        }
+        return report;
+      },
+      [this](QString report) {
+        render();
+        tell(this, text("ui.check.title"), report);
+      });
 }
 
 std::vector<std::string> ItemsPage::checkedPaths() const {

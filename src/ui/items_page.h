@@ -32,6 +32,8 @@ class ItemsPage : public Page {
  private:
   void render();
   std::vector<std::string> checkedPaths() const;
+  // What `corvane check` and `scan` tell: whether each ticked item could move now, and its size.
+  void check();
   void migrate();
   void passProtectionGate(std::function<void()> start);
   void closeRunningThenStart(const std::vector<std::string>& paths);
@@ -43,6 +45,7 @@ class ItemsPage : public Page {
   QPushButton* refresh_;
   QTreeWidget* table_;
   QLabel* measuring_;
+  QPushButton* check_;
   QPushButton* migrate_;
   ProgressPanel* progress_;
   std::set<std::string> checked_;

@@ -16,6 +16,7 @@
 #include "catalogue/migrated_apps_file.h"
 #include "engine/manifest/migration_entry.h"
 #include "fixtures/loop_disk.h"
+#include "fixtures/occupant_process.h"
 #include "fixtures/sample_tree.h"
 #include "platform/volume.h"
 #include "settings/localization_manager.h"
@@ -81,6 +82,43 @@ TEST(MainWindowTest, AnItemMovesByClicksShowsItsProgressAndOutcomeAndMovesBack) 
   ASSERT_TRUE(waitFor([&] { return isDirectory(item) && moved->topLevelItemCount() == 0; }));
   EXPECT_EQ(readFile(item + "/notes.txt"), "kept word for word");
   EXPECT_TRUE(waitFor([&] { return row(*items, "Tool") != nullptr; })) << "it can be moved again";
+}
+
+TEST(MainWindowTest, ALiveSocketInsideTheItemIsAskedAboutInADialogAndLaterLeavesItInPlace) {
+  WindowWorld world;
+  CORVANE_LOOP_DISK(disk, "Backup");
+  disk->mount(world.volume("Backup"));
+  const std::string item = world.applications() + "/Server";
+  writeFile(item + "/data.txt", "served");
+  auto server = OccupantProcess::listening(item, "server.sock", OccupantSocket::stream);
+
+  MainWindow& window = world.openWindow();
+  auto& services = window.services();
+  auto* items = child<QTreeWidget>(window, "items-table");
+  ASSERT_TRUE(waitFor([&] { return services.disks.destinationPath() && row(*items, "Server"); }));
+  row(*items, "Server")->setCheckState(0, Qt::Checked);
+
+  // Checking tells what blocks it without touching it.
+  ASSERT_TRUE(click(window, "check"));
+  QString report;
+  ASSERT_TRUE(answer(0, &report));
+  EXPECT_TRUE(report.contains(textFormat("ui.check.blocked", "Server"))) << report.toStdString();
+  EXPECT_TRUE(report.contains("server.sock")) << report.toStdString();
+
+  services.disks.skipProtectionForSession();
+  ASSERT_TRUE(click(window, "migrate"));
+
+  // The transfer's thread waits on the question while the window keeps drawing.
+  QString question;
+  ASSERT_TRUE(answer(1, &question));
+  EXPECT_TRUE(question.startsWith(text("migration.preflight.title"))) << question.toStdString();
+  EXPECT_TRUE(question.contains("server.sock")) << question.toStdString();
+  ASSERT_TRUE(waitFor([&] { return !services.migration.isMigrating() && !services.migration.outcomes().empty(); }));
+  EXPECT_EQ(services.migration.outcomes()[0].kind, MigrationManager::ItemOutcome::Kind::deferred);
+  EXPECT_TRUE(
+      child<QTreeWidget>(window, "progress-table")->topLevelItem(0)->text(6).startsWith(text("ui.outcome.deferred")));
+  EXPECT_TRUE(isDirectory(item)) << "left in place";
+  EXPECT_EQ(readFile(item + "/data.txt"), "served");
 }
 
 TEST(MainWindowTest, ALeftoverFolderInTheDisksPlaceIsShownWithItsContentsAndRepaired) {
