@@ -1,5 +1,6 @@
 // The desktop application driven through its real widgets: an item migrated by clicks onto a
-// loop disk, watched in the progress panel and moved back from the list of moved items; a
+// loop disk, watched in the progress panel, an older version restored and the item moved back
+// from the list of moved items; a live socket asked about in a dialog; a
 // drifted disk's leftover folder shown and repaired; the cleaner; and a language switch that
 // re-renders every page at once.
 #include <fcntl.h>
@@ -69,18 +70,35 @@ TEST(MainWindowTest, AnItemMovesByClicksShowsItsProgressAndOutcomeAndMovesBack) 
   ASSERT_TRUE(waitFor([&] { return row(*items, "Tool") == nullptr; })) << "a moved item leaves the candidates";
   EXPECT_TRUE(child<QPlainTextEdit>(window, "log")->toPlainText().contains("Tool"));
 
-  // The list of moved items shows it with its link in place; Move back asks, then brings it home.
+  // The list of moved items shows it with its link in place and an older version kept beside
+  // it; restoring that version asks first and keeps the current one as another older version.
+  const std::string target = world.volume("Backup") + "/Directories" + item;
+  writeFile(target + "_backup_20250301_101500/notes.txt", "an older text");
   window.showPage(2);
   auto* moved = child<QTreeWidget>(window, "migrated-table");
-  ASSERT_TRUE(waitFor([&] { return row(*moved, "Tool") != nullptr; }));
+  ASSERT_TRUE(click(window, "refresh-migrated"));
+  ASSERT_TRUE(waitFor([&] { return row(*moved, "Tool") && row(*moved, "Tool")->childCount() == 1; }));
   EXPECT_EQ(row(*moved, "Tool")->text(1), text("ui.link.inPlace"));
+  moved->setCurrentItem(row(*moved, "Tool")->child(0));
+  ASSERT_TRUE(click(window, "restore-version"));
+  ASSERT_TRUE(answer(0));
+  const QString older = QString::fromStdString(target + "_backup_20250301_101500");
+  ASSERT_TRUE(waitFor([&] { return row(*moved, "Tool") && row(*moved, "Tool")->childCount() == 2; }))
+      << "the version that was current is kept now";
+  EXPECT_NE(row(*moved, "Tool")->child(0)->text(5), older);
+  EXPECT_EQ(row(*moved, "Tool")->child(0)->text(1), text("ui.migrated.backup_present"));
+  EXPECT_EQ(row(*moved, "Tool")->child(1)->text(5), older);
+  EXPECT_EQ(row(*moved, "Tool")->child(1)->text(1), text("ui.migrated.backup_missing")) << "it is in place now";
+  EXPECT_EQ(readFile(target + "/notes.txt"), "an older text");
+
+  // Move back asks, then brings the item home.
   moved->setCurrentItem(row(*moved, "Tool"));
   ASSERT_TRUE(click(window, "move-back"));
   QString confirmation;
   ASSERT_TRUE(answer(0, &confirmation));
   EXPECT_TRUE(confirmation.contains(QString::fromStdString(item))) << "it says where the item goes back to";
   ASSERT_TRUE(waitFor([&] { return isDirectory(item) && moved->topLevelItemCount() == 0; }));
-  EXPECT_EQ(readFile(item + "/notes.txt"), "kept word for word");
+  EXPECT_EQ(readFile(item + "/notes.txt"), "an older text");
   EXPECT_TRUE(waitFor([&] { return row(*items, "Tool") != nullptr; })) << "it can be moved again";
 }
 
