@@ -171,9 +171,14 @@ class MigrationManager {
   void runInBackground(std::function<OperationResult()> work, OperationCompletion completion);
 
   struct Batch;
+  // Settles the interrupted transfers the disk's journal names; each outcome is logged through
+  // `log` (key, arguments).
+  static void recoverInterrupted(const std::string& disk,
+                                 const std::function<void(const std::string&, const std::vector<std::string>&)>& log);
   void perform(std::shared_ptr<Batch> batch);
   void runItem(const std::shared_ptr<Batch>& batch, std::size_t index);
-  ItemOutcome performSingleAppMigration(const std::shared_ptr<Batch>& batch, const std::string& source);
+  ItemOutcome performSingleAppMigration(const std::shared_ptr<Batch>& batch, std::size_t index);
+  void saveRecord(const std::shared_ptr<Batch>& batch, std::size_t index, const ItemOutcome& outcome);
   void finishBatch(const std::shared_ptr<Batch>& batch);
   static std::string logLine(const std::string& item, const std::string& key,
                              const std::vector<std::string>& arguments);
