@@ -33,6 +33,8 @@ const char* kindName(DoctorFinding::Kind kind) {
       return "interruptedTransfer";
     case Kind::unreadableJournal:
       return "unreadableJournal";
+    case Kind::abandonedJournal:
+      return "abandonedJournal";
     case Kind::orphanStaging:
       return "orphanStaging";
     case Kind::orphanRehearsal:
@@ -57,6 +59,11 @@ const char* kindName(DoctorFinding::Kind kind) {
 
 std::string describe(const DoctorFinding& finding) {
   return formatLocalizedText(localized(finding.key), finding.arguments);
+}
+
+nlohmann::ordered_json findingJson(const DoctorFinding& finding) {
+  return {{"kind", kindName(finding.kind)}, {"disk", finding.disk},       {"path", finding.path},
+          {"other", finding.other},         {"fixable", finding.fixable}, {"message", describe(finding)}};
 }
 
 std::vector<DoctorFinding> examine(const DoctorOptions& options, std::vector<std::string>& disks) {
@@ -112,9 +119,7 @@ int runDoctor(const DoctorOptions& options) {
   nlohmann::ordered_json report = nlohmann::ordered_json::array();
   std::size_t unresolved = 0;
   for (const auto& finding : findings) {
-    nlohmann::ordered_json item{{"kind", kindName(finding.kind)}, {"disk", finding.disk},
-                                {"path", finding.path},           {"other", finding.other},
-                                {"fixable", finding.fixable},     {"message", describe(finding)}};
+    nlohmann::ordered_json item = findingJson(finding);
     std::string line = describe(finding);
     if (apply && finding.fixable) {
       const auto repair = doctor.fix(finding);
@@ -130,6 +135,21 @@ int runDoctor(const DoctorOptions& options) {
     }
     if (!options.json) printLine(line);
     report.push_back(item);
+  }
+  if (apply) {
+    // Settling a transfer or removing a record can leave folders empty that were not before.
+    std::vector<std::string> ignored;
+    for (const auto& finding : examine(options, ignored)) {
+      if (finding.kind != DoctorFinding::Kind::emptyChain) continue;
+      const auto repair = doctor.fix(finding);
+      if (!options.json)
+        printLine(repair.fixed ? localizedFormat("cli.doctor.fixed", describe(finding))
+                               : localizedFormat("cli.doctor.not_fixed", describe(finding), repair.error));
+      auto item = findingJson(finding);
+      item["fixed"] = repair.fixed;
+      report.push_back(item);
+      if (!repair.fixed) ++unresolved;
+    }
   }
   if (options.json) {
     printLine(report.dump(2, ' ', false, nlohmann::json::error_handler_t::replace));

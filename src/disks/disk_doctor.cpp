@@ -113,11 +113,16 @@ struct Examination {
   std::set<std::string> journalIds;
   std::vector<MigratedApp> records;
   std::set<std::string> recordedTargets;
+  // Items an interrupted transfer's entry settles, record included.
+  std::set<std::string> journaledItems;
 
   void journal() {
     const auto listing = MigrationJournal::list(disk);
     for (const auto& entry : listing.entries) {
       journalIds.insert(entry.id);
+      // The entry settles its copy: it is not also reported as one without a record.
+      recordedTargets.insert(entry.copyPath());
+      journaledItems.insert(entry.itemPath());
       const auto recovery = MigrationJournalRecovery::judge(entry);
       std::vector<std::string> arguments{entry.name, entry.source, entry.destination};
       if (recovery.kind == MigrationRecovery::Kind::stuck)
@@ -129,6 +134,9 @@ struct Examination {
       found.journal = entry;
       findings.push_back(std::move(found));
     }
+    for (const auto& path : MigrationJournal::abandonedFiles(disk))
+      findings.push_back(
+          finding(Finding::Kind::abandonedJournal, disk, path, {}, true, "doctor.journal.abandoned", {path}));
     for (const auto& path : listing.unreadable)
       findings.push_back(
           finding(Finding::Kind::unreadableJournal, disk, path, {}, false, "doctor.journal.unreadable", {path}));
@@ -161,11 +169,13 @@ struct Examination {
   void recordsAndTheirPlaces() {
     records = recordsOf(disk);
     std::set<std::string> itemFolders;
+    for (const auto& entry : MigrationJournal::list(disk).entries) itemFolders.insert(parentPath(entry.itemPath()));
     for (const auto& record : records) {
       const std::string target = standardizePath(record.targetPath);
       const std::string original = standardizePath(record.originalPath);
       recordedTargets.insert(target);
       if (!original.empty() && original.front() == '/') itemFolders.insert(parentPath(original));
+      if (journaledItems.count(original)) continue;
       const auto copy = look(target);
       const auto item = look(original);
       if (!copy) {
@@ -248,6 +258,8 @@ struct Examination {
 
 // Removes a tree made only of empty folders, deepest first; a folder that holds anything stops it.
 void removeEmptyChain(const std::string& folder) {
+  // Settling a transfer may already have removed it.
+  if (!look(folder)) return;
   for (const auto& name : namesIn(folder)) {
     const std::string child = joinPath(folder, name);
     if (!isDirectory(look(child))) throw MigrationIssue("migration.safety.conflict", child);
@@ -318,7 +330,7 @@ DiskDoctor::DiskDoctor(Configuration configuration) : configuration_(std::move(c
 
 std::vector<DoctorFinding> DiskDoctor::examineDisk(const std::string& disk) const {
   const std::string root = standardizePath(disk);
-  Examination examination{root, configuration_, {}, {}, {}, {}};
+  Examination examination{root, configuration_, {}, {}, {}, {}, {}};
   examination.journal();
   examination.recordsAndTheirPlaces();
   examination.applications();
@@ -365,6 +377,9 @@ DiskDoctor::Repair DiskDoctor::fix(const DoctorFinding& finding) const {
         }
         break;
       }
+      case Finding::Kind::abandonedJournal:
+        MigrationJournal::removeAbandonedFiles(finding.disk);
+        break;
       case Finding::Kind::orphanRehearsal:
         if (!MigrationJournalRecovery::removeRehearsal(finding.path))
           throw MigrationIssue("migration.safety.conflict", finding.path);

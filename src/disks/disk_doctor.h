@@ -20,6 +20,7 @@ struct DoctorFinding {
   enum class Kind {
     interruptedTransfer,  // a journal entry to finish or undo
     unreadableJournal,    // an entry that cannot be read
+    abandonedJournal,     // journal files of an entry never written whole
     orphanStaging,        // a staging folder no journal entry names
     orphanRehearsal,      // an access-rehearsal folder no journal entry names
     keptOriginal,         // an original kept beside its link, no journal entry naming it

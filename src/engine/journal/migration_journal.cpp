@@ -6,13 +6,16 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <csignal>
 #include <cstdlib>
 #include <ctime>
+#include <functional>
 #include <nlohmann/json.hpp>
 
 #include "engine/migration_issue.h"
 #include "platform/atomic_file_replacement.h"
+#include "platform/directory_names.h"
 #include "platform/file_system.h"
 #include "platform/posix_error.h"
 #include "support/descriptor_io.h"
@@ -151,6 +154,11 @@ void MigrationJournal::discard(const std::string& disk, const std::string& id, p
     if (::unlinkat(directory.get(), entryName(id).c_str(), 0) != 0 && errno != ENOENT)
       platform::throwErrno(joinPath(directoryOf(disk), entryName(id)));
     platform::flushDescriptor(directory.get(), directoryOf(disk));
+    // A write killed half way leaves its temporary copy; with the lock held no writer is left.
+    const std::string temporaryPrefix = "." + entryName(id) + ".";
+    for (const auto& name : platform::directoryNames(directory.get(), directoryOf(disk))) {
+      if (name.starts_with(temporaryPrefix) && name.ends_with(".tmp")) ::unlinkat(directory.get(), name.c_str(), 0);
+    }
     ::unlinkat(directory.get(), lockName(id).c_str(), 0);
   }
   lock.reset();
@@ -168,6 +176,60 @@ std::optional<platform::UniqueFd> MigrationJournal::claim(const std::string& dis
   auto lock = lockEntry(directory.get(), id, directoryOf(disk), false);
   if (!lock) return std::nullopt;
   return lock;
+}
+
+namespace {
+
+// The entry a journal file belongs to: "<id>.lock", or the temporary ".<id>.json.<...>.tmp" an
+// atomic write makes beside it.
+std::optional<std::string> abandonedCandidate(const std::string& name) {
+  std::string id;
+  if (name.size() == 36 + 5 && name.ends_with(".lock")) {
+    id = name.substr(0, 36);
+  } else if (name.starts_with(".") && name.ends_with(".tmp") && name.size() > 1 + 36 + 5) {
+    id = name.substr(1, 36);
+    if (name.compare(37, 6, ".json.") != 0) return std::nullopt;
+  } else {
+    return std::nullopt;
+  }
+  if (!isUuidString(id)) return std::nullopt;
+  return id;
+}
+
+// Calls `each` with the name and the held lock of every abandoned file.
+void forEachAbandoned(const std::string& disk,
+                      const std::function<void(int directory, const std::string& name)>& each) {
+  const auto directory = openJournalDirectory(disk, false);
+  if (!directory) return;
+  auto names = platform::directoryNames(directory.get(), MigrationJournal::directoryOf(disk));
+  // Temporary files before the locks that guard them.
+  std::stable_partition(names.begin(), names.end(), [](const std::string& name) { return !name.ends_with(".lock"); });
+  for (const auto& name : names) {
+    const auto id = abandonedCandidate(name);
+    if (!id || std::find(names.begin(), names.end(), entryName(*id)) != names.end()) continue;
+    // A writer takes the lock before it writes and holds it while it lives; a lock file that is
+    // missing or free has no living writer behind it.
+    platform::UniqueFd lock(::openat(directory.get(), lockName(*id).c_str(), O_RDWR | O_NOFOLLOW | O_CLOEXEC));
+    if (lock && ::flock(lock.get(), LOCK_EX | LOCK_NB) != 0) continue;
+    struct stat status {};
+    if (::fstatat(directory.get(), entryName(*id).c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0) continue;
+    each(directory.get(), name);
+  }
+}
+
+}  // namespace
+
+std::vector<std::string> MigrationJournal::abandonedFiles(const std::string& disk) {
+  std::vector<std::string> paths;
+  forEachAbandoned(disk, [&](int, const std::string& name) { paths.push_back(joinPath(directoryOf(disk), name)); });
+  return paths;
+}
+
+void MigrationJournal::removeAbandonedFiles(const std::string& disk) {
+  forEachAbandoned(disk, [&](int directory, const std::string& name) {
+    if (::unlinkat(directory, name.c_str(), 0) != 0 && errno != ENOENT)
+      platform::throwErrno(joinPath(directoryOf(disk), name));
+  });
 }
 
 MigrationJournal::Listing MigrationJournal::list(const std::string& disk) {

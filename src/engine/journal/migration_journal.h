@@ -92,6 +92,12 @@ class MigrationJournal {
   };
   static Listing list(const std::string& disk);
 
+  // Files of entries that were never written whole or only half removed (a temporary copy, a
+  // lock alone) whose process is gone. Paths, for reporting.
+  static std::vector<std::string> abandonedFiles(const std::string& disk);
+  // Removes them (each only while its entry's lock can be taken and no entry exists).
+  static void removeAbandonedFiles(const std::string& disk);
+
   // The lock of an entry no living process holds, taken; nothing when it is held.
   static std::optional<platform::UniqueFd> claim(const std::string& disk, const std::string& id);
   // Removes an entry whose lock the caller holds.

@@ -136,6 +136,17 @@ void finishMigration(const MigrationJournalEntry& entry, MigrationJournalRecover
   writeRecord(entry);
 }
 
+// The folders a migration made for the copy's place go again when empty, as an interrupted
+// run would have removed them itself; the disk's own top folders stay.
+void removeEmptyParents(const MigrationJournalEntry& entry) {
+  const std::set<std::string> tops{joinPath(entry.disk, "Directories"), joinPath(entry.disk, "Applications")};
+  for (std::string folder = parentPath(entry.destination);
+       folder.size() > entry.disk.size() && folder.starts_with(entry.disk + "/") && !tops.count(folder);
+       folder = parentPath(folder)) {
+    if (::rmdir(folder.c_str()) != 0) break;
+  }
+}
+
 void rollBackMigration(const MigrationJournalEntry& entry) {
   // A link made for the exchange but never exchanged.
   const std::string kept = entry.keptOriginal();
@@ -145,6 +156,7 @@ void rollBackMigration(const MigrationJournalEntry& entry) {
     platform::removeTreeBelow(parentPath(entry.destination), entry.destination);
   removeStaging(entry);
   requireRehearsalGone(entry);
+  removeEmptyParents(entry);
 }
 
 void finishMoveBack(const MigrationJournalEntry& entry, MigrationJournalRecovery::Outcome& outcome) {
@@ -207,6 +219,7 @@ MigrationJournalRecovery::Outcome MigrationJournalRecovery::resolve(const Migrat
 
 std::vector<MigrationJournalRecovery::Outcome> MigrationJournalRecovery::resolveAll(const std::string& disk) {
   std::vector<Outcome> outcomes;
+  MigrationJournal::removeAbandonedFiles(disk);
   auto listing = MigrationJournal::list(disk);
   std::sort(listing.entries.begin(), listing.entries.end(),
             [](const auto& a, const auto& b) { return a.startedAt < b.startedAt; });
