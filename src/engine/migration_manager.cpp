@@ -8,6 +8,7 @@
 #include <semaphore>
 #include <thread>
 
+#include "catalogue/migrated_apps_file.h"
 #include "catalogue/migrated_backup_catalog.h"
 #include "catalogue/protected_locations.h"
 #include "engine/journal/migration_journal_recovery.h"
@@ -366,7 +367,14 @@ MigrationManager::ItemOutcome MigrationManager::performSingleAppMigration(const 
   try {
     MigrationDestinationCheck::require(source, batch->disk, platform::mountPoints());
     madeParents = makeParents(outcome.target);
-    for (const auto& record : batch->records) {
+    // The published list leaves out a record whose link was replaced by a real item; the file
+    // still holds it.
+    std::vector<MigratedApp> stored;
+    try {
+      stored = MigratedAppsFile::read(MigratedAppsFile::currentPath(batch->disk));
+    } catch (const std::exception&) {
+    }
+    for (const auto& record : stored) {
       if (standardizePath(record.originalPath) == source)
         previous = MigrationPreviousCopy::retireIfReplaced(record, source, outcome.target, batch->disk);
     }

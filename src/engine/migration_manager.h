@@ -114,8 +114,13 @@ class MigrationManager {
                              OperationCompletion completion = {});
   bool restoreFromBackup(const BackupRecord& backup, const MigratedApp& app, const std::optional<std::string>& disk,
                          OperationCompletion completion = {});
+  // With `RetainedVersions::remove` the item's retained versions beside its copy go too.
+  enum class RetainedVersions { keep, remove };
   bool uninstallApp(const MigratedApp& app, const std::vector<std::string>& externalDisks,
-                    OperationCompletion completion = {});
+                    OperationCompletion completion = {}, RetainedVersions versions = RetainedVersions::keep);
+  // The retained versions an uninstall with `RetainedVersions::remove` would delete: the
+  // record's and those found beside its copy, each named as a version of that copy.
+  static std::vector<std::string> retainedVersionsOf(const MigratedApp& app);
   const std::set<std::string>& migratingBackItems() const { return migratingBackItems_; }
   // "/", "Volumes" and the volume's name of a target under /Volumes; absent otherwise.
   static std::optional<std::string> diskRootFromTargetPath(const std::string& targetPath);
@@ -150,7 +155,7 @@ class MigrationManager {
                                      const std::optional<std::string>& currentDisk);
   OperationResult performRestoreFromBackup(const BackupRecord& backup, const MigratedApp& app,
                                            const ItemOperation& item, const std::optional<std::string>& disk);
-  OperationResult performUninstall(const MigratedApp& app, const ItemOperation& item,
+  OperationResult performUninstall(const MigratedApp& app, const ItemOperation& item, RetainedVersions versions,
                                    const std::vector<std::string>& externalDisks);
   // Any thread: the catalogue loads `disk`'s records (when given), then `change` runs on the
   // owner thread, after that load, while the manager still exists, and before the operation's

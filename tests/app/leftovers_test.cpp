@@ -1,6 +1,7 @@
-// Killing `corvane migrate` and `corvane back` at every step boundary and at random moments, then
-// letting the next command settle what was left: each time the item is either untouched or
-// completely migrated with its record, and nothing else is left on either disk.
+// What killed runs, updaters and forgotten disks leave behind, and how the next command and
+// `corvane doctor` settle it. Killing `corvane migrate` and `corvane back` at every step boundary
+// and at random moments, each time the item ends either untouched or completely migrated with its
+// record, and nothing else is left on either disk.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
@@ -11,6 +12,7 @@
 #include <filesystem>
 #include <nlohmann/json.hpp>
 #include <random>
+#include <set>
 #include <thread>
 
 #include "engine/journal/migration_journal.h"
@@ -19,6 +21,7 @@
 #include "engine/migration_test_support.h"
 #include "fixtures/corvane_binary.h"
 #include "fixtures/sample_tree.h"
+#include "fixtures/temporary_directory.h"
 #include "fixtures/test_volume.h"
 #include "platform/process.h"
 
@@ -105,7 +108,7 @@ bool hasLeftoverName(const std::string& root) {
   return false;
 }
 
-class InterruptedRunsTest : public ::testing::Test {
+class LeftoversTest : public ::testing::Test {
  protected:
   void SetUp() override {
     try {
@@ -202,7 +205,7 @@ class InterruptedRunsTest : public ::testing::Test {
   int bystanders_ = 0;
 };
 
-TEST_F(InterruptedRunsTest, AMigrationKilledAtAnyStepIsSettledByTheNextCommand) {
+TEST_F(LeftoversTest, AMigrationKilledAtAnyStepIsSettledByTheNextCommand) {
   const std::vector<std::pair<const char*, Expected>> steps = {
       {Step::started, Expected::original},         {Step::rehearsed, Expected::original},
       {Step::stagingCreated, Expected::original},  {Step::copied, Expected::original},
@@ -227,7 +230,7 @@ TEST_F(InterruptedRunsTest, AMigrationKilledAtAnyStepIsSettledByTheNextCommand) 
   }
 }
 
-TEST_F(InterruptedRunsTest, AMoveBackKilledAtAnyStepIsSettledByTheNextCommand) {
+TEST_F(LeftoversTest, AMoveBackKilledAtAnyStepIsSettledByTheNextCommand) {
   const std::vector<std::pair<const char*, Expected>> steps = {
       {Step::started, Expected::migrated},        {Step::rehearsed, Expected::migrated},
       {Step::stagingCreated, Expected::migrated}, {Step::copied, Expected::migrated},
@@ -251,7 +254,7 @@ TEST_F(InterruptedRunsTest, AMoveBackKilledAtAnyStepIsSettledByTheNextCommand) {
   }
 }
 
-TEST_F(InterruptedRunsTest, RunsKilledAtRandomMomentsEndWhole) {
+TEST_F(LeftoversTest, RunsKilledAtRandomMomentsEndWhole) {
   std::mt19937 random(std::random_device{}());
   for (int round = 0; round < 8; ++round) {
     const bool back = round % 2 == 1;
@@ -271,6 +274,123 @@ TEST_F(InterruptedRunsTest, RunsKilledAtRandomMomentsEndWhole) {
     expectWhole(item, before, Expected::either,
                 (back ? "move back" : "migration") + std::string(" killed after ") + std::to_string(delay) + " ms");
   }
+}
+
+TEST_F(LeftoversTest, AnUpdatedItemReMigratesKeepingItsPreviousCopyAsAVersion) {
+  const std::string app = home_ + "/Applications/Editor.app";
+  writeFile(app + "/Contents/Info.plist", "<plist>1.0</plist>\n");
+  writeFile(app + "/Contents/MacOS/editor", "version one\n", 0755);
+  ASSERT_EQ(corvane({"migrate", app, "--to", external_->mountPoint(), "--yes"}).exitStatus, 0);
+  const std::string copy = copyOf(app);
+
+  // The updater deletes the link and installs a fresh bundle in its place.
+  ASSERT_EQ(unlink(app.c_str()), 0);
+  writeFile(app + "/Contents/Info.plist", "<plist>2.0</plist>\n");
+  writeFile(app + "/Contents/MacOS/editor", "version two\n", 0755);
+  const auto doctor = corvane({"doctor", "--disk", external_->mountPoint(), "--json"});
+  EXPECT_NE(doctor.standardOutput.find("replacedLink"), std::string::npos) << doctor.standardOutput;
+
+  const auto again = corvane({"migrate", app, "--to", external_->mountPoint(), "--yes"});
+  ASSERT_EQ(again.exitStatus, 0) << again.standardOutput << again.standardError;
+  EXPECT_EQ(readFile(copy + "/Contents/MacOS/editor"), "version two\n");
+  const auto listed =
+      nlohmann::json::parse(corvane({"list", "--disk", external_->mountPoint(), "--json"}).standardOutput);
+  ASSERT_EQ(listed.size(), 1u);
+  ASSERT_EQ(listed[0]["backups"].size(), 1u) << listed.dump();
+  const std::string version = listed[0]["backups"][0]["path"];
+  EXPECT_NE(version.find("Editor_backup_"), std::string::npos);
+  EXPECT_EQ(readFile(version + "/Contents/MacOS/editor"), "version one\n");
+
+  // Uninstalling with its versions names them in the question and removes them with the copy.
+  const auto declined =
+      runCorvane({"--lang", "en", "uninstall", "Editor.app", "--disk", external_->mountPoint(), "--with-versions"},
+                 {.environment = environment(), .standardInput = "n\n", .onTerminal = true});
+  EXPECT_NE(declined.standardOutput.find(version), std::string::npos) << declined.standardOutput;
+  EXPECT_TRUE(MigrationEntry::read(version, AT_FDCWD));
+  const auto removed =
+      corvane({"uninstall", "Editor.app", "--disk", external_->mountPoint(), "--with-versions", "--yes"});
+  EXPECT_EQ(removed.exitStatus, 0) << removed.standardOutput << removed.standardError;
+  EXPECT_FALSE(MigrationEntry::read(version, AT_FDCWD));
+  EXPECT_FALSE(MigrationEntry::read(copy, AT_FDCWD));
+}
+
+// Leftovers no journal vouches for: each is repaired only where the repair provably loses
+// nothing, and the rest is named and left alone.
+TEST_F(LeftoversTest, DoctorRepairsOnlyWhatItCanProveAndNamesTheRest) {
+  const std::string disk = external_->mountPoint();
+  const std::string id = "0C1D2E3F-4A5B-4C6D-8E7F-101112131415";
+  // A staging folder with half a copy and no journal entry.
+  const std::string staging = disk + "/Directories" + home_ + "/.corvane-transfer-" + id;
+  writeFile(staging + "/half/file", "partial");
+  // Two rehearsal folders: one as the probe leaves it, one holding a file of someone else's.
+  const std::string rehearsal = home_ + "/.corvane-access-" + id;
+  makeDirectories(rehearsal + "/b");
+  symlink(home_.c_str(), (rehearsal + "/link").c_str());
+  const std::string foreign = home_ + "/.corvane-access-1C1D2E3F-4A5B-4C6D-8E7F-101112131415";
+  writeFile(foreign + "/a/notes", "mine");
+  // Two items moved, each with its original kept beside the link: one equal to its copy, one
+  // changed since (it must stay).
+  const std::string same = makeItem("same");
+  const std::string changed = makeItem("changed");
+  for (const auto& item : {same, changed}) {
+    ASSERT_EQ(corvane({"migrate", item, "--to", disk, "--keep-original", "--yes"}).exitStatus, 0);
+  }
+  auto keptOf = [&](const std::string& item) {
+    for (const auto& entry : std::filesystem::directory_iterator(home_)) {
+      const std::string path = entry.path().string();
+      if (path.starts_with(item + ".corvane_backup_")) return path;
+    }
+    return std::string();
+  };
+  const std::string keptSame = keptOf(same);
+  const std::string keptChanged = keptOf(changed);
+  ASSERT_FALSE(keptSame.empty());
+  writeFile(keptChanged + "/data/file0", "edited after the move");
+  // A record whose copy vanished, a copy whose record vanished, an empty chain, and a link
+  // into a disk that is not plugged in.
+  const std::string lost = makeItem("lost");
+  const std::string orphan = makeItem("orphan");
+  for (const auto& item : {lost, orphan}) ASSERT_EQ(corvane({"migrate", item, "--to", disk, "--yes"}).exitStatus, 0);
+  removeTreeForcefully(copyOf(lost));
+  auto records = nlohmann::json::parse(readFile(disk + "/.corvane/migrated_apps.json"));
+  // (the record file's layout is the catalogue's; only the orphan's entry is dropped here)
+  for (auto it = records.begin(); it != records.end();) {
+    it = (*it).dump().find("orphan") != std::string::npos ? records.erase(it) : it + 1;
+  }
+  writeFile(disk + "/.corvane/migrated_apps.json", records.dump());
+  makeDirectories(disk + "/Directories/old/empty/chain");
+  const std::string roots = internal_->child("volumes");
+  makeDirectories(roots);
+  symlink((roots + "/Gone/Directories/photos").c_str(), (home_ + "/photos").c_str());
+
+  auto run = [&](std::vector<std::string> arguments) {
+    arguments.insert(arguments.begin(), {"--lang", "en"});
+    auto environment = this->environment();
+    environment.emplace_back("CORVANE_VOLUMES_ROOTS", roots);
+    return runCorvane(arguments, {.environment = environment});
+  };
+  const auto found = nlohmann::json::parse(run({"doctor", "--json"}).standardOutput);
+  std::map<std::string, int> kinds;
+  for (const auto& finding : found) ++kinds[finding["kind"].get<std::string>()];
+  EXPECT_EQ(kinds["diskAbsent"], 1) << found.dump(1);
+
+  const auto fixed = run({"doctor", "--disk", disk, "--fix", "--yes"});
+  EXPECT_EQ(fixed.exitStatus, 3) << fixed.standardOutput;  // some findings have no repair
+  EXPECT_TRUE(MigrationEntry::read(staging + "/half/file", AT_FDCWD)) << "unvouched staging stays";
+  EXPECT_FALSE(MigrationEntry::read(rehearsal, AT_FDCWD));
+  EXPECT_EQ(readFile(foreign + "/a/notes"), "mine");
+  EXPECT_FALSE(MigrationEntry::read(keptSame, AT_FDCWD));
+  EXPECT_EQ(readFile(keptChanged + "/data/file0"), "edited after the move");
+  EXPECT_FALSE(MigrationEntry::read(lost, AT_FDCWD)) << "the dangling link went with its record";
+  EXPECT_TRUE(recorded(orphan)) << "the linked copy was adopted";
+  EXPECT_FALSE(recorded(lost));
+  EXPECT_FALSE(MigrationEntry::read(disk + "/Directories/old", AT_FDCWD));
+  const auto after = nlohmann::json::parse(corvane({"doctor", "--disk", disk, "--json"}).standardOutput);
+  std::set<std::string> left;
+  for (const auto& finding : after)
+    left.insert(finding["kind"].get<std::string>() + " " + finding["path"].get<std::string>());
+  EXPECT_EQ(left, (std::set<std::string>{"orphanStaging " + staging, "orphanRehearsal " + foreign,
+                                         "keptOriginal " + keptChanged}));
 }
 
 }  // namespace
