@@ -9,6 +9,7 @@
 #include "app/command_line.h"
 #include "app/commands.h"
 #include "app/disk_session.h"
+#include "app/migration_batch_run.h"
 #include "app/user_output.h"
 #include "disks/disk_doctor.h"
 #include "engine/manifest/migration_entry.h"
@@ -86,6 +87,18 @@ std::vector<DoctorFinding> examine(const DoctorOptions& options, std::vector<std
   return findings;
 }
 
+// An updater's new item goes to the disk as any migration does; the old copy becomes a version.
+DiskDoctor::Repair migrateAgain(const DoctorFinding& finding, const DoctorOptions& options) {
+  DiskDoctor::Repair repair;
+  const auto outcomes = runMigrationBatch(
+      {.paths = {finding.path}, .disk = finding.disk, .prompts = {.yes = options.yes}, .printLog = !options.json});
+  for (const auto& outcome : outcomes) {
+    repair.fixed = outcome.kind == MigrationManager::ItemOutcome::Kind::succeeded && outcome.recordSaved;
+    if (!repair.fixed) repair.error = outcome.message;
+  }
+  return repair;
+}
+
 bool confirmed(std::size_t count) {
   std::fputs((localizedFormat("cli.doctor.confirm", count) + " ").c_str(), stderr);
   std::fflush(stderr);
@@ -122,7 +135,8 @@ int runDoctor(const DoctorOptions& options) {
     nlohmann::ordered_json item = findingJson(finding);
     std::string line = describe(finding);
     if (apply && finding.fixable) {
-      const auto repair = doctor.fix(finding);
+      const auto repair =
+          finding.kind == DoctorFinding::Kind::replacedLink ? migrateAgain(finding, options) : doctor.fix(finding);
       item["fixed"] = repair.fixed;
       if (!repair.error.empty()) item["error"] = repair.error;
       item["leftInPlace"] = repair.leftInPlace;

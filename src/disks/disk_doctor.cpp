@@ -184,7 +184,7 @@ struct Examination {
         found.record = record;
         findings.push_back(std::move(found));
       } else if (item && item->kind != Kind::symbolicLink) {
-        auto found = finding(Finding::Kind::replacedLink, disk, original, target, false, "doctor.record.replaced",
+        auto found = finding(Finding::Kind::replacedLink, disk, original, target, true, "doctor.record.replaced",
                              {original, target});
         found.record = record;
         findings.push_back(std::move(found));

@@ -70,7 +70,9 @@ class DiskDoctor {
     std::string error;
     std::vector<std::string> leftInPlace;
   };
-  // Re-checks the finding against the file system and repairs it; never throws.
+  // Re-checks the finding against the file system and repairs it; never throws. A replaced link
+  // is repaired by migrating the new item at `path` to `disk` (its previous copy becomes a
+  // version), which the front end runs as it runs any migration.
   Repair fix(const DoctorFinding& finding) const;
 
  private:
