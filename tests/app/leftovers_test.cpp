@@ -199,6 +199,31 @@ class LeftoversTest : public ::testing::Test {
     EXPECT_EQ(nlohmann::json::parse(doctor.standardOutput), nlohmann::json::array()) << doctor.standardOutput;
   }
 
+  enum class Direction { migrate, back };
+  // Kills the command at each step's pause; alternately doctor and the next command that changes
+  // the disk settle what it left, and the item must end as `expected` says.
+  void killAtEverySteps(Direction direction, const std::vector<std::pair<const char*, Expected>>& steps) {
+    const bool back = direction == Direction::back;
+    int index = 0;
+    for (const auto& [step, expected] : steps) {
+      const std::string item = makeItem(std::string(back ? "back-" : "project-") + step);
+      const auto before = fullManifest(item);
+      if (back) {
+        ASSERT_EQ(corvane({"migrate", item, "--to", external_->mountPoint(), "--yes"}).exitStatus, 0);
+      }
+      auto environment = this->environment();
+      environment.emplace_back("CORVANE_TEST_PAUSE_AT", step);
+      const pid_t pid = spawnCorvane(
+          {back ? "back" : "migrate", item, back ? "--disk" : "--to", external_->mountPoint(), "--yes"}, environment);
+      ASSERT_TRUE(waitForPause(pid)) << step;
+      killAndReap(pid);
+      const bool byDoctor = index++ % 2 == 0;
+      settleWith(byDoctor ? "doctor" : "next command");
+      expectWhole(item, before, expected,
+                  std::string("killed at ") + step + (byDoctor ? " (doctor)" : " (next command)"));
+    }
+  }
+
   std::unique_ptr<TestVolume> internal_;
   std::unique_ptr<TestVolume> external_;
   std::string home_;
@@ -206,52 +231,30 @@ class LeftoversTest : public ::testing::Test {
 };
 
 TEST_F(LeftoversTest, AMigrationKilledAtAnyStepIsSettledByTheNextCommand) {
-  const std::vector<std::pair<const char*, Expected>> steps = {
-      {Step::started, Expected::original},         {Step::rehearsed, Expected::original},
-      {Step::stagingCreated, Expected::original},  {Step::copied, Expected::original},
-      {Step::verified, Expected::original},        {Step::flushed, Expected::original},
-      {Step::promoted, Expected::original},        {Step::switched, Expected::migrated},
-      {Step::replacedRemoved, Expected::migrated}, {Step::stagingRemoved, Expected::migrated},
-      {Step::recorded, Expected::migrated}};
-  int index = 0;
-  for (const auto& [step, expected] : steps) {
-    const std::string item = makeItem(std::string("project-") + step);
-    const auto before = fullManifest(item);
-    auto environment = this->environment();
-    environment.emplace_back("CORVANE_TEST_PAUSE_AT", step);
-    const pid_t pid = spawnCorvane({"migrate", item, "--to", external_->mountPoint(), "--yes"}, environment);
-    ASSERT_TRUE(waitForPause(pid)) << step;
-    killAndReap(pid);
-    // Half the time doctor settles it, half the time the next listing of the disk does.
-    const bool byDoctor = index++ % 2 == 0;
-    settleWith(byDoctor ? "doctor" : "next command");
-    expectWhole(item, before, expected,
-                std::string("killed at ") + step + (byDoctor ? " (doctor)" : " (next command)"));
-  }
+  killAtEverySteps(Direction::migrate, {{Step::started, Expected::original},
+                                        {Step::rehearsed, Expected::original},
+                                        {Step::stagingCreated, Expected::original},
+                                        {Step::copied, Expected::original},
+                                        {Step::verified, Expected::original},
+                                        {Step::flushed, Expected::original},
+                                        {Step::promoted, Expected::original},
+                                        {Step::switched, Expected::migrated},
+                                        {Step::replacedRemoved, Expected::migrated},
+                                        {Step::stagingRemoved, Expected::migrated},
+                                        {Step::recorded, Expected::migrated}});
 }
 
 TEST_F(LeftoversTest, AMoveBackKilledAtAnyStepIsSettledByTheNextCommand) {
-  const std::vector<std::pair<const char*, Expected>> steps = {
-      {Step::started, Expected::migrated},        {Step::rehearsed, Expected::migrated},
-      {Step::stagingCreated, Expected::migrated}, {Step::copied, Expected::migrated},
-      {Step::verified, Expected::migrated},       {Step::flushed, Expected::migrated},
-      {Step::switched, Expected::original},       {Step::replacedRemoved, Expected::original},
-      {Step::stagingRemoved, Expected::original}, {Step::recorded, Expected::original}};
-  int index = 0;
-  for (const auto& [step, expected] : steps) {
-    const std::string item = makeItem(std::string("back-") + step);
-    const auto before = fullManifest(item);
-    ASSERT_EQ(corvane({"migrate", item, "--to", external_->mountPoint(), "--yes"}).exitStatus, 0);
-    auto environment = this->environment();
-    environment.emplace_back("CORVANE_TEST_PAUSE_AT", step);
-    const pid_t pid = spawnCorvane({"back", item, "--disk", external_->mountPoint(), "--yes"}, environment);
-    ASSERT_TRUE(waitForPause(pid)) << step;
-    killAndReap(pid);
-    const bool byDoctor = index++ % 2 == 0;
-    settleWith(byDoctor ? "doctor" : "next command");
-    expectWhole(item, before, expected,
-                std::string("killed at ") + step + (byDoctor ? " (doctor)" : " (next command)"));
-  }
+  killAtEverySteps(Direction::back, {{Step::started, Expected::migrated},
+                                     {Step::rehearsed, Expected::migrated},
+                                     {Step::stagingCreated, Expected::migrated},
+                                     {Step::copied, Expected::migrated},
+                                     {Step::verified, Expected::migrated},
+                                     {Step::flushed, Expected::migrated},
+                                     {Step::switched, Expected::original},
+                                     {Step::replacedRemoved, Expected::original},
+                                     {Step::stagingRemoved, Expected::original},
+                                     {Step::recorded, Expected::original}});
 }
 
 TEST_F(LeftoversTest, RunsKilledAtRandomMomentsEndWhole) {
