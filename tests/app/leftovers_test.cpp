@@ -363,6 +363,23 @@ TEST_F(LeftoversTest, DoctorRepairsOnlyWhatItCanProveAndNamesTheRest) {
   }
   writeFile(disk + "/.corvane/migrated_apps.json", records.dump());
   makeDirectories(disk + "/Directories/old/empty/chain");
+  // A forged journal entry that calls a folder of the user's its copy, with that folder's identity.
+  const std::string victim = makeItem("victim");
+  const std::string decoy = makeItem("decoy");
+  {
+    MigrationJournalEntry forged;
+    forged.id = "2C1D2E3F-4A5B-4C6D-8E7F-101112131415";
+    forged.disk = disk;
+    forged.name = "decoy";
+    forged.source = decoy;
+    forged.destination = victim;
+    forged.step = MigrationJournal::Step::promoted;
+    const auto identityOf = [](const std::string& path) { return MigrationEntry::read(path, AT_FDCWD)->identity(); };
+    forged.sourceIdentity = identityOf(decoy);
+    forged.payloadIdentity = identityOf(victim);
+    writeFile(MigrationJournal::directoryOf(disk) + "/" + forged.id + ".json", MigrationJournal::toJson(forged));
+  }
+  const auto victimBefore = fullManifest(victim);
   const std::string roots = internal_->child("volumes");
   makeDirectories(roots);
   symlink((roots + "/Gone/Directories/photos").c_str(), (home_ + "/photos").c_str());
@@ -389,12 +406,13 @@ TEST_F(LeftoversTest, DoctorRepairsOnlyWhatItCanProveAndNamesTheRest) {
   EXPECT_TRUE(recorded(orphan)) << "the linked copy was adopted";
   EXPECT_FALSE(recorded(lost));
   EXPECT_FALSE(MigrationEntry::read(disk + "/Directories/old", AT_FDCWD));
+  EXPECT_EQ(fullManifest(victim), victimBefore);
   const auto after = nlohmann::json::parse(corvane({"doctor", "--disk", disk, "--json"}).standardOutput);
   std::set<std::string> left;
   for (const auto& finding : after)
     left.insert(finding["kind"].get<std::string>() + " " + finding["path"].get<std::string>());
   EXPECT_EQ(left, (std::set<std::string>{"orphanStaging " + staging, "orphanRehearsal " + foreign,
-                                         "keptOriginal " + keptChanged}));
+                                         "keptOriginal " + keptChanged, "interruptedTransfer " + decoy}));
 }
 
 }  // namespace

@@ -12,6 +12,7 @@
 #include "engine/manifest/migration_link_plan.h"
 #include "engine/migration_failure.h"
 #include "engine/migration_issue.h"
+#include "engine/switch/migration_file_safety.h"
 #include "engine/verify/migration_integrity_verifier.h"
 #include "platform/posix_error.h"
 #include "platform/tree_removal.h"
@@ -178,6 +179,13 @@ void rollBackMoveBack(const MigrationJournalEntry& entry) {
 }  // namespace
 
 MigrationRecovery MigrationJournalRecovery::judge(const MigrationJournalEntry& entry) {
+  // An entry is read from a disk anyone can write to: what it calls the copy must lie on that
+  // disk, reached through real folders, or nothing it names is touched.
+  try {
+    MigrationFileSafety::requireInsideDisk(entry.copyPath(), {entry.disk});
+  } catch (const MigrationIssue&) {
+    return stuck("migration.safety.outside_disk", entry.copyPath());
+  }
   try {
     return entry.direction == Direction::migrate ? judgeMigration(entry) : judgeMoveBack(entry);
   } catch (const std::exception&) {
