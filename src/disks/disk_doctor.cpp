@@ -271,10 +271,12 @@ void removeEmptyChain(const std::string& folder) {
 void removeRecordOfMissingCopy(const DoctorFinding& finding) {
   const MigratedApp& record = *finding.record;
   if (look(record.targetPath)) throw MigrationIssue("migration.preflight.target_exists", record.targetPath);
-  // The link goes with the record only when it is the link this program made to that copy.
+  // The link goes with the record only when it is the link this program made to that copy, a
+  // place on this disk (a record naming any other link's text must not make it go).
   MigrationFileSafety::requireDefinitePath(record.originalPath);
   const auto link = look(record.originalPath);
-  if (link && link->kind == Kind::symbolicLink && link->link == record.targetPath) {
+  const bool onThisDisk = standardizePath(record.targetPath).starts_with(finding.disk + "/");
+  if (onThisDisk && link && link->kind == Kind::symbolicLink && link->link == record.targetPath) {
     if (::unlink(record.originalPath.c_str()) != 0) platform::throwErrno(record.originalPath);
   }
   AppManager::rewriteRecordFile(finding.disk, {}, [&](std::vector<MigratedApp>& apps) {
