@@ -36,6 +36,7 @@ int runCommandLine(int argc, char** argv) {
   addRestoreCommand(app, registry);
   addUninstallCommand(app, registry);
   addDisksCommand(app, registry);
+  addDoctorCommand(app, registry);
   // After every subcommand is registered.
   localizeSubcommandTexts(app);
 

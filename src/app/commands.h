@@ -36,5 +36,6 @@ void addBackCommand(CLI::App& app, CommandRegistry& registry);
 void addRestoreCommand(CLI::App& app, CommandRegistry& registry);
 void addUninstallCommand(CLI::App& app, CommandRegistry& registry);
 void addDisksCommand(CLI::App& app, CommandRegistry& registry);
+void addDoctorCommand(CLI::App& app, CommandRegistry& registry);
 
 }  // namespace corvane

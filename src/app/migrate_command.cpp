@@ -6,17 +6,13 @@
 
 #include "app/command_line.h"
 #include "app/commands.h"
-#include "app/interruption.h"
+#include "app/migration_batch_run.h"
 #include "app/outcome_report.h"
-#include "app/progress_display.h"
 #include "app/protection_gate_prompt.h"
-#include "app/running_app_prompt.h"
 #include "app/terminal_prompter.h"
 #include "app/user_output.h"
-#include "catalogue/app_manager.h"
 #include "engine/migration_manager.h"
 #include "settings/localization.h"
-#include "support/main_queue.h"
 #include "support/paths.h"
 
 namespace corvane {
@@ -75,32 +71,13 @@ int runMigrate(const MigrateOptions& options) {
       options.disk.empty() || options.protect
           ? destinationAfterProtectionGate({options.disk, options.protect, options.prompts.preset()})
           : absolutePath(options.disk);
-  InterruptionGuard interruption;
-  MainQueue mainQueue;
-  AppManager appManager(mainQueue);
-  auto prompter = TerminalPrompter::onStandardStreams(options.prompts.preset());
-  ProgressDisplay display(stderr, ProgressDisplay::styleFor(stderr));
-
-  MigrationManager::Hooks hooks;
-  hooks.prompter = prompter.get();
-  hooks.cancelled = &InterruptionGuard::requested();
-  hooks.retainOriginal = options.keepOriginal ? RetainOriginal::yes : RetainOriginal::no;
-  hooks.closeRunningApp = [&](const std::string& path, const std::string& name, const std::vector<pid_t>& running) {
-    display.clear();
-    return askToCloseRunningApp(path, name, running, options.prompts.preset());
-  };
-  MigrationManager manager(mainQueue, appManager, hooks);
-  const Subscription progressLines = manager.observeProgress(showingShortNames(display));
-  const Subscription logLines = manager.observeLog([&](const std::string& line) {
-    display.clear();
-    if (!options.json) printLine(line);
-  });
-
-  manager.migrateApps(paths, disk);
-  runUntilFinishedTellingAboutInterruption(mainQueue, display, [&] { return !manager.isMigrating(); });
-  display.clear();
-  if (options.json) printJson(manager.outcomes());
-  return exitStatusFor(manager.outcomes());
+  const auto outcomes = runMigrationBatch({.paths = paths,
+                                           .disk = disk,
+                                           .prompts = options.prompts,
+                                           .keepOriginal = options.keepOriginal,
+                                           .printLog = !options.json});
+  if (options.json) printJson(outcomes);
+  return exitStatusFor(outcomes);
 }
 
 }  // namespace

@@ -19,11 +19,18 @@ struct UninstallOptions {
   std::string item;
   std::optional<std::string> disk;
   bool json = false;
+  bool withVersions = false;
   PromptOptions prompts;
 };
 
-bool confirmed(const MigratedItemMatch& match) {
-  std::fputs((localizedFormat("cli.uninstall.confirm", match.app.appName, match.app.targetPath) + " ").c_str(), stderr);
+bool confirmed(const MigratedItemMatch& match, const std::vector<std::string>& versions) {
+  std::string question = localizedFormat("cli.uninstall.confirm", match.app.appName, match.app.targetPath);
+  if (!versions.empty()) {
+    std::string list;
+    for (const auto& version : versions) list += "\n  " + version;
+    question = localizedFormat("cli.uninstall.confirm_versions", match.app.appName, match.app.targetPath, list);
+  }
+  std::fputs((question + " ").c_str(), stderr);
   std::fflush(stderr);
   std::string answer;
   if (!std::getline(std::cin, answer)) return false;
@@ -45,11 +52,16 @@ int runUninstall(const UninstallOptions& options) {
     if (options.prompts.defer || !isatty(STDIN_FILENO)) {
       return reportItemOperationFailure(MigrationIssue("cli.uninstall.no_terminal"), report);
     }
-    if (!confirmed(match)) return reportItemOperationFailure(MigrationIssue("cli.uninstall.declined"), report);
+    const auto versions =
+        options.withVersions ? MigrationManager::retainedVersionsOf(match.app) : std::vector<std::string>{};
+    if (!confirmed(match, versions))
+      return reportItemOperationFailure(MigrationIssue("cli.uninstall.declined"), report);
   }
   return runItemOperation(
       [&](MigrationManager& manager, MigrationManager::OperationCompletion completion) {
-        manager.uninstallApp(match.app, {match.disk}, std::move(completion));
+        manager.uninstallApp(match.app, {match.disk}, std::move(completion),
+                             options.withVersions ? MigrationManager::RetainedVersions::remove
+                                                  : MigrationManager::RetainedVersions::keep);
       },
       options.prompts, ProgressLines::hide, report);
 }
@@ -62,6 +74,7 @@ void addUninstallCommand(CLI::App& app, CommandRegistry& registry) {
   uninstall->add_option("item", options->item, localized("cli.uninstall.item"))->required();
   uninstall->add_option("--disk", options->disk, localized("cli.item.disk"));
   uninstall->add_flag("--json", options->json, localized("cli.option.json"));
+  uninstall->add_flag("--with-versions", options->withVersions, localized("cli.uninstall.with_versions"));
   addPromptOptions(uninstall, options->prompts);
   registry.add(uninstall, [options] { return runUninstall(*options); });
 }

@@ -328,9 +328,15 @@ AppManager::ReconciledApps AppManager::reconcileBackupVersions(std::vector<Migra
 
 void AppManager::changeRecordFile(const std::string& disk,
                                   const std::function<void(std::vector<MigratedApp>&)>& change) {
+  migratedApps_ = rewriteRecordFile(disk, publishedListGuessed_ ? std::vector<MigratedApp>{} : migratedApps_, change);
+  publishedListGuessed_ = false;
+  notify();
+}
+
+std::vector<MigratedApp> AppManager::rewriteRecordFile(const std::string& disk, std::vector<MigratedApp> apps,
+                                                       const std::function<void(std::vector<MigratedApp>&)>& change) {
   const MigratedAppsFile::Lock lock(disk);
   const std::string filePath = getMigratedAppsFilePath(disk);
-  std::vector<MigratedApp> apps = publishedListGuessed_ ? std::vector<MigratedApp>{} : migratedApps_;
   try {
     apps = MigratedAppsFile::read(filePath);
   } catch (const std::exception& error) {
@@ -344,9 +350,7 @@ void AppManager::changeRecordFile(const std::string& disk,
   }
   change(apps);
   writeMigratedApps(apps, filePath);
-  migratedApps_ = std::move(apps);
-  publishedListGuessed_ = false;
-  notify();
+  return apps;
 }
 
 bool AppManager::saveMigratedApp(const MigratedApp& appToSave, const std::optional<std::string>& disk,

@@ -84,6 +84,12 @@ class AppManager {
   // written.
   bool removeMigratedAppAndSaveToAllDisks(const MigratedApp& app, const std::vector<std::string>& externalDisks);
 
+  // Any thread, under the disk's lock: re-reads the disk's file (one that cannot be read is kept
+  // under a dated name; `whenMissing` stands in for a missing one), applies `change` and writes
+  // it. Returns the list written; throws when it could not be written. Publishes nothing.
+  static std::vector<MigratedApp> rewriteRecordFile(const std::string& disk, std::vector<MigratedApp> whenMissing,
+                                                    const std::function<void(std::vector<MigratedApp>&)>& change);
+
   // Whether the record's original path is a symbolic link that leads to its target.
   static bool isAppSymlink(const MigratedApp& app);
 

@@ -8,10 +8,13 @@
 #include <semaphore>
 #include <thread>
 
+#include "catalogue/migrated_apps_file.h"
 #include "catalogue/migrated_backup_catalog.h"
 #include "catalogue/protected_locations.h"
+#include "engine/journal/migration_journal_recovery.h"
 #include "engine/migration_failure.h"
 #include "engine/migration_issue.h"
+#include "engine/migration_previous_copy.h"
 #include "engine/preflight/migration_destination_check.h"
 #include "engine/preflight/migration_open_files.h"
 #include "engine/preflight/migration_selection_validator.h"
@@ -72,6 +75,11 @@ struct MigrationManager::Batch {
   std::vector<std::optional<ItemOutcome>> outcomes;
   // One per item: why the item may not be moved at all.
   std::vector<std::optional<SelectionRefusal>> refusals;
+  // One per item that reached its transfer: closed once the item's record is written.
+  std::vector<std::shared_ptr<MigrationJournal>> journals;
+  // One per item: its previous copy on the disk, kept as a version because the item at the
+  // record's place is no longer the link to it.
+  std::vector<std::optional<std::string>> retiredCopies;
   std::unique_ptr<UpdateActivityScope> activity;
 };
 
@@ -128,6 +136,8 @@ bool MigrationManager::migrateApps(const std::vector<std::string>& apps, const s
   batch->slots = std::make_unique<std::counting_semaphore<64>>(
       static_cast<std::ptrdiff_t>(std::clamp<std::size_t>(hooks_.maximumInFlight, 1, 64)));
   batch->outcomes.resize(apps.size());
+  batch->journals.resize(apps.size());
+  batch->retiredCopies.resize(apps.size());
   batch->activity = std::make_unique<UpdateActivityScope>();
   outcomes_.clear();
   // Records are saved by merging into the list in memory: it must hold the disk's records first.
@@ -142,7 +152,37 @@ bool MigrationManager::migrateApps(const std::vector<std::string>& apps, const s
   return true;
 }
 
+void MigrationManager::recoverInterrupted(
+    const std::string& disk, const std::function<void(const std::string&, const std::vector<std::string>&)>& log) {
+  std::vector<MigrationJournalRecovery::Outcome> outcomes;
+  try {
+    outcomes = MigrationJournalRecovery::resolveAll(disk);
+  } catch (const std::exception& error) {
+    logWarning(std::string("the disk's journal cannot be read: ") + error.what());
+    return;
+  }
+  for (const auto& outcome : outcomes) {
+    const std::string& name = outcome.entry.name;
+    if (!outcome.error.empty()) {
+      log("recovery.failed", {name, outcome.error});
+    } else if (outcome.recovery.kind == MigrationRecovery::Kind::busy) {
+      log("recovery.busy", {name});
+    } else if (outcome.recovery.kind == MigrationRecovery::Kind::stuck) {
+      log("recovery.stuck",
+          {name, formatLocalizedText(localized(outcome.recovery.reasonKey), {outcome.recovery.reasonPath})});
+    } else {
+      log(outcome.recovery.kind == MigrationRecovery::Kind::finish ? "recovery.finished" : "recovery.rolled_back",
+          {name});
+    }
+    for (const auto& path : outcome.leftInPlace) log("recovery.left_in_place", {path});
+  }
+}
+
 void MigrationManager::perform(std::shared_ptr<Batch> batch) {
+  // A transfer killed on this disk earlier is settled before any item is judged by what it left.
+  recoverInterrupted(batch->disk, [&](const std::string& key, const std::vector<std::string>& arguments) {
+    appendLog(batch->runID, "", key, arguments);
+  });
   batch->records = AppManager::loadRecords(batch->disk);
   for (std::size_t index = 0; index < batch->apps.size(); ++index) {
     const std::string& source = batch->apps[index];
@@ -162,6 +202,21 @@ void MigrationManager::perform(std::shared_ptr<Batch> batch) {
       continue;
     }
     const LinkState state = linkState(source, target);
+    if (state == LinkState::pointsAtTarget && !record && MigrationEntry::read(target, AT_FDCWD)) {
+      // The item was moved but its record never written (a run stopped in between): the link
+      // proves it, and the record is all that is missing.
+      appendLog(batch->runID, name, "log.symlink_exists", {});
+      appendLog(batch->runID, name, "recovery.record_adopted", {});
+      batch->tracker->setPhase(source, MigrationItemProgress::Phase::done);
+      ItemOutcome adopted{source, name, target, ItemOutcome::Kind::succeeded, {}, {}, {}};
+      {
+        std::lock_guard lock(batch->mutex);
+        batch->outcomes[index] = adopted;
+        batch->progress->finish(static_cast<std::int64_t>(index), MigrationBatchProgress::Outcome::succeeded);
+      }
+      saveRecord(batch, index, adopted);
+      continue;
+    }
     if (state == LinkState::pointsAtTarget) {
       appendLog(batch->runID, name, "log.symlink_exists", {});
       appendLog(batch->runID, name, "log.migrate_item_skip", {});
@@ -212,7 +267,7 @@ void MigrationManager::runItem(const std::shared_ptr<Batch>& batch, std::size_t 
     batch->tracker->setPhase(source, MigrationItemProgress::Phase::skipped);
   } else {
     appendLog(batch->runID, name, "log.migrate_item_start", {});
-    outcome = performSingleAppMigration(batch, source);
+    outcome = performSingleAppMigration(batch, index);
   }
   const auto kind = outcome.kind;
   {
@@ -220,24 +275,7 @@ void MigrationManager::runItem(const std::shared_ptr<Batch>& batch, std::size_t 
     batch->outcomes[index] = outcome;
   }
   if (kind == ItemOutcome::Kind::succeeded) {
-    // The record is written by the owner thread, which also owns the catalogue's list.
-    post(batch->runID, [this, batch, index, outcome] {
-      MigratedApp app;
-      app.id = makeUuidString();
-      app.appName = outcome.name;
-      app.originalPath = outcome.source;
-      app.targetPath = outcome.target;
-      app.migratedDate = ReferenceDate::now();
-      app.itemType = isApplication(outcome.source) ? MigratedItemType::application : MigratedItemType::directory;
-      if (!appManager_.saveMigratedApp(app, batch->disk, std::nullopt)) {
-        appendLog(batch->runID, outcome.name, "migration.safety.catalog_failed", {});
-        // The batch's outcomes are collected after every record of the batch was written.
-        std::lock_guard lock(batch->mutex);
-        batch->outcomes[index]->recordSaved = false;
-        batch->outcomes[index]->message = localized("migration.safety.catalog_failed");
-      }
-      appendLog(batch->runID, outcome.name, "log.migrate_item_complete", {});
-    });
+    saveRecord(batch, index, outcome);
   } else if (kind == ItemOutcome::Kind::failed) {
     appendLog(batch->runID, name, "log.migrate_item_failed", {outcome.message});
   } else if (kind == ItemOutcome::Kind::deferred) {
@@ -257,6 +295,36 @@ void MigrationManager::runItem(const std::shared_ptr<Batch>& batch, std::size_t 
     });
   });
   batch->slots->release();
+}
+
+void MigrationManager::saveRecord(const std::shared_ptr<Batch>& batch, std::size_t index, const ItemOutcome& outcome) {
+  // The record is written by the owner thread, which also owns the catalogue's list.
+  post(batch->runID, [this, batch, index, outcome] {
+    MigratedApp app;
+    app.id = makeUuidString();
+    app.appName = outcome.name;
+    app.originalPath = outcome.source;
+    app.targetPath = outcome.target;
+    app.migratedDate = ReferenceDate::now();
+    app.itemType = isApplication(outcome.source) ? MigratedItemType::application : MigratedItemType::directory;
+    if (!appManager_.saveMigratedApp(app, batch->disk, batch->retiredCopies[index])) {
+      appendLog(batch->runID, outcome.name, "migration.safety.catalog_failed", {});
+      // The batch's outcomes are collected after every record of the batch was written.
+      std::lock_guard lock(batch->mutex);
+      batch->outcomes[index]->recordSaved = false;
+      batch->outcomes[index]->message = localized("migration.safety.catalog_failed");
+    } else if (const auto& journal = batch->journals[index]) {
+      // The record is what the journal waited for; without it the entry stays for a later run.
+      try {
+        journal->mark(MigrationJournal::Step::recorded);
+        journal->close();
+      } catch (const std::exception& error) {
+        logWarning(std::string("journal entry stays: ") + error.what());
+      }
+    }
+    batch->journals[index].reset();
+    appendLog(batch->runID, outcome.name, "log.migrate_item_complete", {});
+  });
 }
 
 MigrationTransfer::Configuration MigrationManager::transferConfiguration(std::function<void()> onRecheck) const {
@@ -287,15 +355,30 @@ MigrationTransfer::Configuration MigrationManager::transferConfiguration(std::fu
 }
 
 MigrationManager::ItemOutcome MigrationManager::performSingleAppMigration(const std::shared_ptr<Batch>& batch,
-                                                                          const std::string& source) {
+                                                                          std::size_t index) {
+  const std::string& source = batch->apps[index];
   ItemOutcome outcome;
   outcome.source = source;
   outcome.name = lastComponent(source);
   outcome.target = destinationFor(source, batch->disk);
   std::vector<std::string> madeParents;
+  std::optional<MigrationPreviousCopy> previous;
+  auto journal = std::make_shared<MigrationJournal>(batch->disk, MigrationJournalDirection::migrate, outcome.name);
   try {
     MigrationDestinationCheck::require(source, batch->disk, platform::mountPoints());
     madeParents = makeParents(outcome.target);
+    // The published list leaves out a record whose link was replaced by a real item; the file
+    // still holds it.
+    std::vector<MigratedApp> stored;
+    try {
+      stored = MigratedAppsFile::read(MigratedAppsFile::currentPath(batch->disk));
+    } catch (const std::exception&) {
+    }
+    for (const auto& record : stored) {
+      if (standardizePath(record.originalPath) == source)
+        previous = MigrationPreviousCopy::retireIfReplaced(record, source, outcome.target, batch->disk);
+    }
+    if (previous) appendLog(batch->runID, outcome.name, "migration.previous_copy_retained", {previous->versionPath()});
     auto configuration = transferConfiguration([this, runID = batch->runID, name = outcome.name] {
       appendLog(runID, name, "migration.occupancy.rechecking", {});
     });
@@ -315,8 +398,11 @@ MigrationManager::ItemOutcome MigrationManager::performSingleAppMigration(const 
                            .log =
                                [&](const std::string& key, const std::vector<std::string>& arguments) {
                                  appendLog(batch->runID, outcome.name, key, arguments);
-                               }});
+                               },
+                           .journal = journal.get()});
     outcome.kind = ItemOutcome::Kind::succeeded;
+    batch->journals[index] = journal;
+    if (previous) batch->retiredCopies[index] = previous->keep();
     outcome.retainedPath = result.retainedPath;
     if (result.retainedSource && result.retentionReason)
       appendLog(batch->runID, outcome.name, *result.retentionReason, {});
@@ -325,6 +411,8 @@ MigrationManager::ItemOutcome MigrationManager::performSingleAppMigration(const 
     outcome.message = migrationErrorDescription(failure);
     outcome.kind = isMigrationDeferral(failure) ? ItemOutcome::Kind::deferred : ItemOutcome::Kind::failed;
     outcome.cleanupPath = migrationCleanupPath(failure);
+    // The previous copy takes its place again when the new one never arrived there.
+    if (previous) previous->putBack();
     removeEmptyParents(madeParents);
     batch->tracker->setPhase(source, outcome.kind == ItemOutcome::Kind::deferred
                                          ? MigrationItemProgress::Phase::skipped

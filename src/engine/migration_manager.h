@@ -114,8 +114,13 @@ class MigrationManager {
                              OperationCompletion completion = {});
   bool restoreFromBackup(const BackupRecord& backup, const MigratedApp& app, const std::optional<std::string>& disk,
                          OperationCompletion completion = {});
+  // With `RetainedVersions::remove` the item's retained versions beside its copy go too.
+  enum class RetainedVersions { keep, remove };
   bool uninstallApp(const MigratedApp& app, const std::vector<std::string>& externalDisks,
-                    OperationCompletion completion = {});
+                    OperationCompletion completion = {}, RetainedVersions versions = RetainedVersions::keep);
+  // The retained versions an uninstall with `RetainedVersions::remove` would delete: the
+  // record's and those found beside its copy, each named as a version of that copy.
+  static std::vector<std::string> retainedVersionsOf(const MigratedApp& app);
   const std::set<std::string>& migratingBackItems() const { return migratingBackItems_; }
   // "/", "Volumes" and the volume's name of a target under /Volumes; absent otherwise.
   static std::optional<std::string> diskRootFromTargetPath(const std::string& targetPath);
@@ -150,7 +155,7 @@ class MigrationManager {
                                      const std::optional<std::string>& currentDisk);
   OperationResult performRestoreFromBackup(const BackupRecord& backup, const MigratedApp& app,
                                            const ItemOperation& item, const std::optional<std::string>& disk);
-  OperationResult performUninstall(const MigratedApp& app, const ItemOperation& item,
+  OperationResult performUninstall(const MigratedApp& app, const ItemOperation& item, RetainedVersions versions,
                                    const std::vector<std::string>& externalDisks);
   // Any thread: the catalogue loads `disk`'s records (when given), then `change` runs on the
   // owner thread, after that load, while the manager still exists, and before the operation's
@@ -171,9 +176,14 @@ class MigrationManager {
   void runInBackground(std::function<OperationResult()> work, OperationCompletion completion);
 
   struct Batch;
+  // Settles the interrupted transfers the disk's journal names; each outcome is logged through
+  // `log` (key, arguments).
+  static void recoverInterrupted(const std::string& disk,
+                                 const std::function<void(const std::string&, const std::vector<std::string>&)>& log);
   void perform(std::shared_ptr<Batch> batch);
   void runItem(const std::shared_ptr<Batch>& batch, std::size_t index);
-  ItemOutcome performSingleAppMigration(const std::shared_ptr<Batch>& batch, const std::string& source);
+  ItemOutcome performSingleAppMigration(const std::shared_ptr<Batch>& batch, std::size_t index);
+  void saveRecord(const std::shared_ptr<Batch>& batch, std::size_t index, const ItemOutcome& outcome);
   void finishBatch(const std::shared_ptr<Batch>& batch);
   static std::string logLine(const std::string& item, const std::string& key,
                              const std::vector<std::string>& arguments);

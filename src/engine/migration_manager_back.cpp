@@ -55,6 +55,20 @@ MigrationManager::OperationResult MigrationManager::performMigrateBack(const Mig
   if (!progressObservers_.empty()) tracker.start(progressPublisher());
   appendItemLog(name, "log.migrate_back_start", {});
 
+  // The disk's records and journal change with the item: which disk holds the copy is settled
+  // before anything moves.
+  std::optional<std::string> disk = diskRootFromTargetPath(target);
+  if (!disk) disk = diskRootFromLayout(app);
+  std::optional<std::string> fallbackDisk;
+  if (!disk && currentDisk) fallbackDisk = standardizePath(*currentDisk);
+  std::shared_ptr<MigrationJournal> journal;
+  if (const auto& journalDisk = disk ? disk : fallbackDisk) {
+    recoverInterrupted(*journalDisk, [&](const std::string& key, const std::vector<std::string>& arguments) {
+      appendItemLog(name, key, arguments);
+    });
+    journal = std::make_shared<MigrationJournal>(*journalDisk, MigrationJournalDirection::back, name);
+  }
+
   MigrationTransfer::Result transferred;
   try {
     // A real object where the link was means the user put something there: it is theirs.
@@ -66,14 +80,15 @@ MigrationManager::OperationResult MigrationManager::performMigrateBack(const Mig
 
     MigrationTransfer transfer(
         transferConfiguration([this, name] { appendItemLog(name, "migration.occupancy.rechecking", {}); }));
-    transferred = transfer.transfer({.source = target,
-                                     .destination = original,
-                                     .placement = MigrationTransfer::Placement::restore,
-                                     .tracker = tracker,
-                                     .name = original,
-                                     .log = [&](const std::string& key, const std::vector<std::string>& arguments) {
-                                       appendItemLog(name, key, arguments);
-                                     }});
+    transferred = transfer.transfer(
+        {.source = target,
+         .destination = original,
+         .placement = MigrationTransfer::Placement::restore,
+         .tracker = tracker,
+         .name = original,
+         .log = [&](const std::string& key,
+                    const std::vector<std::string>& arguments) { appendItemLog(name, key, arguments); },
+         .journal = journal.get()});
   } catch (...) {
     const auto failure = std::current_exception();
     tracker.stop();
@@ -92,21 +107,29 @@ MigrationManager::OperationResult MigrationManager::performMigrateBack(const Mig
   }
 
   appendItemLog(name, "log.cleaning_migration_record", {});
-  std::optional<std::string> disk = diskRootFromTargetPath(target);
-  if (!disk) disk = diskRootFromLayout(app);
   if (disk) {
     appendItemLog(name, "log.target_disk_path", {*disk});
   } else {
     appendItemLog(name, "log.disk_path_error", {target});
-    if (currentDisk) {
-      disk = standardizePath(*currentDisk);
+    if (fallbackDisk) {
+      disk = fallbackDisk;
       appendItemLog(name, "log.using_fallback_disk", {*disk});
     } else {
       appendItemLog(name, "log.no_available_disk_path", {});
     }
   }
-  changeRecords(item, disk, [app, disk, name](MigrationManager& manager) {
+  // The journal entry is closed with the record, on the owner thread.
+  std::shared_ptr<MigrationJournal> openJournal = journal && journal->isOpen() ? journal : nullptr;
+  changeRecords(item, disk, [app, disk, name, openJournal](MigrationManager& manager) {
     const bool removed = disk && manager.appManager_.removeMigratedApp(app, *disk);
+    if (removed && openJournal) {
+      try {
+        openJournal->mark(MigrationJournal::Step::recorded);
+        openJournal->close();
+      } catch (const std::exception& error) {
+        logWarning(std::string("journal entry stays: ") + error.what());
+      }
+    }
     manager.appendItemLog(name, removed ? "log.migration_record_cleaned" : "migration.safety.catalog_failed", {});
     manager.appendItemLog(name, "log.migrate_back_complete", {});
     manager.appendItemLog(name, "log.migration_complete", {});

@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include "catalogue/migrated_backup_catalog.h"
 #include "engine/migration_failure.h"
 #include "engine/migration_issue.h"
 #include "engine/migration_manager.h"
@@ -19,15 +20,29 @@
 namespace corvane {
 
 bool MigrationManager::uninstallApp(const MigratedApp& app, const std::vector<std::string>& externalDisks,
-                                    OperationCompletion completion) {
+                                    OperationCompletion completion, RetainedVersions versions) {
   return startItemOperation(
       app, externalDisks,
       {"log.uninstall_blocked_by_migration", "log.uninstall_in_progress", "log.uninstall_cancelled", false},
-      [this, app, externalDisks](const ItemOperation& item) { return performUninstall(app, item, externalDisks); },
+      [this, app, externalDisks, versions](const ItemOperation& item) {
+        return performUninstall(app, item, versions, externalDisks);
+      },
       std::move(completion));
 }
 
+std::vector<std::string> MigrationManager::retainedVersionsOf(const MigratedApp& app) {
+  std::vector<std::string> paths;
+  for (const auto& backup : MigratedBackupCatalog::reconciledRecords(app)) {
+    // Only what is named as a version of this very copy, beside it: a record cannot make an
+    // uninstall delete anything else by listing it as a version.
+    if (!backup.exists || !MigratedBackupCatalog::backupDate(backup.backupPath, app.targetPath, app.itemType)) continue;
+    paths.push_back(standardizePath(backup.backupPath));
+  }
+  return paths;
+}
+
 MigrationManager::OperationResult MigrationManager::performUninstall(const MigratedApp& app, const ItemOperation& item,
+                                                                     RetainedVersions versions,
                                                                      const std::vector<std::string>& externalDisks) {
   const std::string& original = item.original;
   const std::string& target = item.target;
@@ -90,6 +105,23 @@ MigrationManager::OperationResult MigrationManager::performUninstall(const Migra
     failed = true;
     appendItemLog(name, "log.uninstall_failed", {migrationErrorDescription(std::current_exception())});
     appendItemLog(name, "log.uninstall_continue_support", {});
+  }
+
+  // 2b. The retained versions, when asked for.
+  if (versions == RetainedVersions::remove) {
+    for (const auto& version : retainedVersionsOf(app)) {
+      try {
+        if (!disk) throw MigrationIssue("migration.safety.outside_disk", version);
+        MigrationFileSafety::requireDefinitePath(version);
+        MigrationFileSafety::requireInsideDisk(version, {*disk});
+        MigrationFileSafety::requireNoOtherItemInside(version, *disk, app.id);
+        platform::removeTreeBelow(*disk, version);
+        appendItemLog(name, "log.uninstall_version_deleted", {version});
+      } catch (...) {
+        failed = true;
+        appendItemLog(name, "log.uninstall_failed", {migrationErrorDescription(std::current_exception())});
+      }
+    }
   }
 
   // 3. Support files.

@@ -112,22 +112,16 @@ TEST_F(CleanCommandTest, OnATerminalItAsksAndOnlyYesCleans) {
   // `script` gives the command a real pseudo-terminal and types the answer into it.
   if (!platform::isExecutable("/usr/bin/script")) GTEST_SKIP() << "needs script(1) from util-linux for a terminal";
   auto onTerminal = [&](const std::string& answer) {
-    platform::ProcessRequest request;
-    request.executable = "/usr/bin/script";
-    request.arguments = {"-qec", shellQuote(corvaneBinaryPath()) + " clean --all-safe", "/dev/null"};
-    auto variables = platform::currentEnvironment();
-    for (const auto& [name, value] : environment()) variables[name] = value;
-    request.environment = variables;
-    request.standardInput = answer + "\n";
-    return platform::runProcess(request);
+    return runCorvane({"clean", "--all-safe"},
+                      {.environment = environment(), .standardInput = answer + "\n", .onTerminal = true});
   };
   const auto declined = onTerminal("n");
-  EXPECT_EQ(declined.exit.exitCode, 0) << declined.standardOutput;
+  EXPECT_EQ(declined.exitStatus, 0) << declined.standardOutput;
   EXPECT_NE(declined.standardOutput.find("[y/N]"), std::string::npos) << declined.standardOutput;
   EXPECT_NE(declined.standardOutput.find("Nothing was removed"), std::string::npos) << declined.standardOutput;
   expectNothingRemoved();
   const auto accepted = onTerminal("yes");
-  EXPECT_EQ(accepted.exit.exitCode, 0) << accepted.standardOutput;
+  EXPECT_EQ(accepted.exitStatus, 0) << accepted.standardOutput;
   EXPECT_NE(accepted.standardOutput.find("Reclaimed"), std::string::npos) << accepted.standardOutput;
   EXPECT_FALSE(existsNoFollow(home.child(".cache/app")));
   EXPECT_TRUE(existsNoFollow(home.child(".cache/go-build/ab/obj"))) << "a warning item is not in --all-safe";

@@ -99,13 +99,14 @@ void MigrationAccess::foundationOperation(const std::string& selector, const std
   administrate(commands_.foundationCommand(selector, path, destination));
 }
 
-void MigrationAccess::prepare() {
+void MigrationAccess::prepare(const std::string& transferID) {
   validateParent();
   auto status = platform::statNoFollow(AT_FDCWD, source_);
   if (!status) platform::throwErrno(ENOENT, source_);
   if (status->flags & platform::kLockedFlagsMask) throw MigrationIssue("migration.preflight.locked", source_);
 
-  const std::string probe = joinPath(parent_, ".corvane-access-" + makeUuidString());
+  const std::string probe =
+      joinPath(parent_, ".corvane-access-" + (transferID.empty() ? makeUuidString() : transferID));
   if (usesAdministrator_) {
     administrate(commands_.rehearsalCommand(probe, source_));
     return;
@@ -149,7 +150,8 @@ void MigrationAccess::exchangeChecked(const std::string& first, const std::strin
   administrate(commands_.exchangeCommand(first, second, ExchangeCheck::checked));
 }
 
-std::string MigrationAccess::install(const std::string& target, const std::function<void()>& beforeExchange) {
+std::string MigrationAccess::install(const std::string& target, const std::function<void()>& beforeExchange,
+                                     const std::string& transferID) {
   validateParent();
   auto current = MigrationEntry::read(source_, AT_FDCWD);
   if (!current || current->identity() != sourceIdentity_.identity()) {
@@ -176,7 +178,7 @@ std::string MigrationAccess::install(const std::string& target, const std::funct
   }
   operations.removeLink = [this](const std::string& link) { removeLink(link); };
 
-  std::string temporary = MigrationSourceSwitch::install(source_, target, beforeExchange, operations);
+  std::string temporary = MigrationSourceSwitch::install(source_, target, beforeExchange, operations, transferID);
   // The link stands now: a copy that cannot be read back is reported, never answered by undoing.
   std::optional<MigrationEntry> committed;
   try {

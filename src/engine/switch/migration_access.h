@@ -48,11 +48,13 @@ class MigrationAccess {
   // The rehearsal: in a probe directory ".corvane-access-<UUID>" beside the item, create a
   // directory, rename it, link to the item and exchange twice; the probe is always removed.
   // An item with immutable or append-only flags fails first ("migration.preflight.locked").
-  void prepare();
+  // `transferID` names the probe (a new UUID when empty).
+  void prepare(const std::string& transferID = {});
 
   // Exchanges the item for a link to `target`, running `beforeExchange` just before the swap,
   // and returns the temporary name that now holds the original.
-  std::string install(const std::string& target, const std::function<void()>& beforeExchange);
+  std::string install(const std::string& target, const std::function<void()>& beforeExchange,
+                      const std::string& transferID = {});
 
   // The way back: the data at `dataSource` (still `copy`, not a link) takes the place of the
   // link at the item's path, which must still be the link this program left.

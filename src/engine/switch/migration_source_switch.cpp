@@ -62,9 +62,9 @@ MigrationSwitchOperations MigrationSwitchOperations::direct() {
 
 std::string MigrationSourceSwitch::install(const std::string& source, const std::string& target,
                                            const std::function<void()>& beforeExchange,
-                                           const MigrationSwitchOperations& operations) {
+                                           const MigrationSwitchOperations& operations, const std::string& transferID) {
   const std::string original = standardizePath(source);
-  const std::string temporary = original + ".corvane_backup_" + makeUuidString();
+  const std::string temporary = original + ".corvane_backup_" + (transferID.empty() ? makeUuidString() : transferID);
 
   const auto expected = readEntry(original);
   if (!expected) throw MigrationIssue("error.migration_source_changed", original);

@@ -45,7 +45,8 @@ class MigrationSourceSwitch {
   // after the swap gives "error.migration_copy_mismatch" (after it, the swap is undone first);
   // the new link is removed on every failure, and the source is as it was.
   static std::string install(const std::string& source, const std::string& target,
-                             const std::function<void()>& beforeExchange, const MigrationSwitchOperations& operations);
+                             const std::function<void()>& beforeExchange, const MigrationSwitchOperations& operations,
+                             const std::string& transferID = {});
 
   // Swaps two entries of one directory atomically. A different directory, or a file system that
   // cannot swap, gives "migration.preflight.atomic_unsupported" with `first`, and nothing moves.

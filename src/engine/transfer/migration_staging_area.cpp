@@ -17,7 +17,8 @@
 namespace corvane {
 
 MigrationStagingArea::MigrationStagingArea(const std::string& source, const std::string& target,
-                                           const std::string& parent, const MigrationManifest* manifest)
+                                           const std::string& parent, const MigrationManifest* manifest,
+                                           const std::string& transferID)
     : source_(source) {
   if (manifest) {
     positions_ = MigrationManifestPositions(*manifest);
@@ -26,7 +27,7 @@ MigrationStagingArea::MigrationStagingArea(const std::string& source, const std:
   auto sourceEntry = MigrationEntry::read(source, AT_FDCWD);
   if (!sourceEntry) throw MigrationIssue("error.migration_source_changed", source);
   sourceIdentity_ = sourceEntry->identity();
-  root_ = joinPath(parent, std::string(kTransferStagingPrefix) + makeUuidString());
+  root_ = joinPath(parent, std::string(kTransferStagingPrefix) + (transferID.empty() ? makeUuidString() : transferID));
   if (mkdir(root_.c_str(), 0700) != 0) platform::throwErrno(root_);
   auto rootEntry = MigrationEntry::read(root_, AT_FDCWD);
   if (!rootEntry) throw MigrationIssue("migration.safety.conflict", root_);

@@ -24,8 +24,9 @@ class MigrationStagingArea {
   // named like `target`. Throws "error.migration_source_changed" when the source is gone. Given
   // the source's manifest (which must outlive the area), the records of the copy's entries are
   // kept in an array beside it rather than under paths of their own.
+  // `transferID` names the folder (a new UUID when empty), so a journal can name it in advance.
   MigrationStagingArea(const std::string& source, const std::string& target, const std::string& parent,
-                       const MigrationManifest* manifest = nullptr);
+                       const MigrationManifest* manifest = nullptr, const std::string& transferID = {});
 
   const std::string& root() const { return root_; }
   const std::string& payload() const { return payload_; }

@@ -23,6 +23,7 @@
 #include "platform/volume.h"
 #include "support/diagnostic_log.h"
 #include "support/paths.h"
+#include "support/uuid.h"
 
 namespace corvane {
 namespace {
@@ -87,7 +88,8 @@ class TransferRun {
         request_(request),
         tracker_(request.tracker),
         name_(request.name),
-        transaction_(request.destination) {}
+        transaction_(request.destination),
+        transferID_(request.journal ? request.journal->id() : makeUuidString()) {}
 
   MigrationTransfer::Result run() {
     try {
@@ -111,12 +113,16 @@ class TransferRun {
       logInfo("Migration error: " + description);
       if (const auto kept = keptAfterSwitch(cause)) failAfterSwitch(cause, *kept);
       const std::optional<std::string> cleanupPath = rollBack();
+      // A roll-back that left something keeps the journal entry, so a later run can finish it.
+      if (!cleanupPath) closeJournalQuietly();
       tracker_.setPhase(name_, Phase::failed);
       throw MigrationTransfer::Failure(cause, cleanupPath, description);
     }
     if (configuration_.afterSwitch) configuration_.afterSwitch();
     MigrationTransfer::Result result = tidyUpReplacedData();
+    markQuietly(MigrationJournal::Step::replacedRemoved);
     finishStaging();
+    markQuietly(MigrationJournal::Step::stagingRemoved);
     tracker_.setPhase(name_, Phase::done);
     return result;
   }
@@ -126,6 +132,29 @@ class TransferRun {
 
   void say(const std::string& key, std::vector<std::string> arguments = {}) const {
     if (request_.log) request_.log(key, arguments);
+  }
+
+  // Before the switch a journal that cannot be written stops the transfer, which rolls back.
+  void mark(const char* step) {
+    if (request_.journal) request_.journal->mark(step);
+  }
+
+  // After the switch nothing is undone for want of a journal line: the entry stays behind at an
+  // earlier step, and whoever resolves it reads the file system, not only the step.
+  void markQuietly(const char* step) noexcept {
+    try {
+      mark(step);
+    } catch (const std::exception& error) {
+      logWarning(std::string("journal not updated: ") + error.what());
+    }
+  }
+
+  void closeJournalQuietly() noexcept {
+    try {
+      if (request_.journal) request_.journal->close();
+    } catch (const std::exception& error) {
+      logWarning(std::string("journal entry stays: ") + error.what());
+    }
   }
 
   bool cancelled() const { return configuration_.cancelled && configuration_.cancelled->load(); }
@@ -164,7 +193,14 @@ class TransferRun {
     tracker_.setPhase(name_, Phase::checking);
     say("migration.preflight.checking", {name_});
     access_ = configuration_.makeAccess(migrating() ? request_.source : request_.destination);
-    access_->prepare();
+    if (request_.journal) {
+      const auto source = MigrationEntry::read(request_.source, AT_FDCWD);
+      if (!source) throw MigrationIssue("error.migration_source_changed", request_.source);
+      request_.journal->open(request_.source, request_.destination, request_.retainOriginal == RetainOriginal::yes,
+                             source->identity());
+    }
+    access_->prepare(transferID_);
+    mark(MigrationJournal::Step::rehearsed);
   }
 
   // 3. Scan, classify runtime entries, ask about blockers, check open files.
@@ -200,7 +236,16 @@ class TransferRun {
 
   // 6. A private staging directory beside the destination.
   void createStagingArea() {
-    staging_ = std::make_unique<MigrationStagingArea>(request_.source, request_.destination, parent_, &plan_.manifest);
+    staging_ = std::make_unique<MigrationStagingArea>(request_.source, request_.destination, parent_, &plan_.manifest,
+                                                      transferID_);
+    if (request_.journal) request_.journal->setStagingIdentity(*staging_->recordedIdentity(staging_->root()));
+    mark(MigrationJournal::Step::stagingCreated);
+  }
+
+  void notePayloadIdentity() {
+    if (!request_.journal) return;
+    if (const auto payload = staging_->recordedIdentity(staging_->payload()))
+      request_.journal->setPayloadIdentity(*payload);
   }
 
   // 7. Copy into it.
@@ -211,6 +256,8 @@ class TransferRun {
         request_.source, staging_->payload(), plan_.manifest, plan_.inactiveSockets, relocated_, *staging_,
         [&](const MigrationCopyUpdate& update) { tracker_.copied(name_, update.bytes, update.entries, update.path); },
         [&] { return cancelled(); });
+    notePayloadIdentity();
+    mark(MigrationJournal::Step::copied);
     if (configuration_.afterCopy) configuration_.afterCopy(staging_->payload());
     stopIfCancelled();
   }
@@ -235,6 +282,9 @@ class TransferRun {
     if (requireDirectory(parent_).identity() != parentEntry_.identity())
       throw MigrationIssue("migration.preflight.parent", parent_);
     say("log.verification_success", {name_});
+    // A repair may have rebuilt the copy's top entry.
+    notePayloadIdentity();
+    mark(MigrationJournal::Step::verified);
   }
 
   // 9. A bundle without its Info.plist is not a whole application.
@@ -261,6 +311,7 @@ class TransferRun {
   void flushStaging() {
     tracker_.setPhase(name_, Phase::switching);
     flushToMedium(staging_->root());
+    mark(MigrationJournal::Step::flushed);
   }
 
   // 12. then promote and switch.
@@ -268,13 +319,16 @@ class TransferRun {
     if (migrating()) {
       transaction_.promote(staging_->payload());
       flushToMedium(parent_);
-      originalKeptAt_ = access_->install(request_.destination, beforeCommit());
+      mark(MigrationJournal::Step::promoted);
+      originalKeptAt_ = access_->install(request_.destination, beforeCommit(), transferID_);
       switched_ = true;
+      markQuietly(MigrationJournal::Step::switched);
       say("log.symlink_success", {name_});
     } else {
       access_->restore(*stagedRoot_, staging_->payload(), beforeCommit());
       // The item's path holds the data and the staging area the old link from here on.
       switched_ = true;
+      markQuietly(MigrationJournal::Step::switched);
       staging_->receivedLinkAfterRestore(*restoreLink_);
       flushToMedium(parent_);
       say("log.migrate_back_swap_success", {name_});
@@ -388,6 +442,7 @@ class TransferRun {
   std::int64_t bytesToCopy_ = 0;
   std::unique_ptr<MigrationStagingArea> staging_;
   std::optional<MigrationEntry> stagedRoot_;
+  std::string transferID_;
   std::string originalKeptAt_;
   bool switched_ = false;
 };

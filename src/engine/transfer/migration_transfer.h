@@ -13,6 +13,7 @@
 #include <string>
 #include <vector>
 
+#include "engine/journal/migration_journal.h"
 #include "engine/manifest/migration_entry.h"
 #include "engine/preflight/migration_preflight.h"
 #include "engine/progress/migration_progress_tracker.h"
@@ -82,6 +83,9 @@ class MigrationTransfer {
     // Runs first, before anything is read; may throw to refuse the item.
     std::function<void()> preflight = {};
     Log log = {};
+    // Written before the first change and at every step boundary; the caller closes it once the
+    // record is written. Closed here when a roll-back left nothing behind.
+    MigrationJournal* journal = nullptr;
   };
 
   explicit MigrationTransfer(Configuration configuration);
