@@ -228,12 +228,14 @@ struct Examination {
   bool directories(const std::string& folder, const std::string& mirrored, int depth) {
     leftoversIn(folder);
     bool empty = true;
-    std::vector<std::string> emptyChildren;
+    std::vector<std::pair<std::string, std::string>> emptyChildren;
     for (const auto& name : namesIn(folder)) {
       const std::string child = joinPath(folder, name);
       const std::string original = joinPath(mirrored, name);
       const auto entry = look(child);
-      if (!isDirectory(entry) || name.front() == '.' || depth >= kDirectoriesDepth || recordedTargets.count(child)) {
+      // Retained versions are the user's data, empty folders in them too.
+      if (!isDirectory(entry) || name.front() == '.' || name.find("_backup_") != std::string::npos ||
+          depth >= kDirectoriesDepth || recordedTargets.count(child)) {
         empty = false;
         continue;
       }
@@ -242,15 +244,19 @@ struct Examination {
         adoptable(child, original);
         empty = false;
       } else if (directories(child, original, depth + 1)) {
-        emptyChildren.push_back(child);
+        emptyChildren.emplace_back(child, original);
       } else {
         empty = false;
       }
     }
-    // An empty chain is reported once, at its top; the Directories folder itself stays.
+    // An empty chain is reported once, at its top; the Directories folder itself stays. It is
+    // the mirror of folders that still stand on this system, as a move back or an uninstall
+    // leaves it; empty folders mirroring nothing may be the inside of a copy and are left alone.
     if (!empty || depth == 0) {
-      for (const auto& child : emptyChildren)
+      for (const auto& [child, original] : emptyChildren) {
+        if (!isDirectory(look(original))) continue;
         findings.push_back(finding(Finding::Kind::emptyChain, disk, child, {}, true, "doctor.chain.empty", {child}));
+      }
     }
     return empty;
   }

@@ -48,7 +48,7 @@ struct DoctorFinding {
 class DiskDoctor {
  public:
   struct Configuration {
-    VolumesRoots roots;
+    VolumesRoots roots = VolumesRoots::forThisSystem();
     // Folders whose links into volumes are checked for a disk that is not plugged in, with how
     // many levels below each are looked at.
     std::vector<std::pair<std::string, int>> linkPlaces;

@@ -11,6 +11,7 @@
 #include "ui/log_page.h"
 #include "ui/migrated_page.h"
 #include "ui/question_dialog.h"
+#include "ui/repairs_page.h"
 #include "ui/settings_page.h"
 #include "ui/ui_text.h"
 
@@ -21,6 +22,7 @@ MainWindow::Configuration MainWindow::Configuration::forThisSystem() {
   configuration.disks = DiskManager::Configuration::forThisSystem();
   configuration.cleaner = DevCleanerManager::Configuration::forCurrentUser();
   configuration.candidates = MigrationCandidates::Configuration::forThisSystem();
+  configuration.doctor = DiskDoctor::Configuration::forThisSystem();
   return configuration;
 }
 
@@ -40,8 +42,9 @@ MainWindow::MainWindow(Configuration configuration) {
   disks_ = std::make_unique<DiskManager>(queue_, fstab, std::move(configuration.disks));
   cleaner_ = std::make_unique<DevCleanerManager>(queue_, std::move(configuration.cleaner));
   candidates_ = std::make_unique<MigrationCandidates>(queue_, std::move(configuration.candidates));
+  doctor_ = std::make_unique<DiskDoctor>(std::move(configuration.doctor));
   services_.reset(new UiServices{queue_, *background_, *prompter_, *apps_, *migration_, *disks_, *cleaner_,
-                                 *candidates_, cancelRequested_});
+                                 *candidates_, *doctor_, cancelRequested_});
 
   auto* central = new QWidget(this);
   auto* layout = new QHBoxLayout(central);
@@ -52,9 +55,9 @@ MainWindow::MainWindow(Configuration configuration) {
   layout->addWidget(sidebar_);
   layout->addWidget(stack_, 1);
   setCentralWidget(central);
-  pages_ = {new ItemsPage(*services_), new DisksPage(*services_),   new MigratedPage(*services_),
-            new LogPage(*services_),   new CleanerPage(*services_), new SettingsPage(*services_),
-            new AboutPage(*services_)};
+  pages_ = {new ItemsPage(*services_),    new DisksPage(*services_), new MigratedPage(*services_),
+            new RepairsPage(*services_),  new LogPage(*services_),   new CleanerPage(*services_),
+            new SettingsPage(*services_), new AboutPage(*services_)};
   for (Page* page : pages_) {
     stack_->addWidget(page);
     sidebar_->addItem(QString());

@@ -22,6 +22,7 @@ class MainWindow : public QMainWindow {
     DiskManager::Configuration disks;
     DevCleanerManager::Configuration cleaner;
     MigrationCandidates::Configuration candidates;
+    DiskDoctor::Configuration doctor;
     // This system's disks, file table, home folder and application folders.
     static Configuration forThisSystem();
   };
@@ -49,6 +50,7 @@ class MainWindow : public QMainWindow {
   std::unique_ptr<DiskManager> disks_;
   std::unique_ptr<DevCleanerManager> cleaner_;
   std::unique_ptr<MigrationCandidates> candidates_;
+  std::unique_ptr<DiskDoctor> doctor_;
   std::unique_ptr<UiServices> services_;
   QListWidget* sidebar_ = nullptr;
   QStackedWidget* stack_ = nullptr;

@@ -285,19 +285,28 @@ void MigratedPage::uninstall() {
   const Row* row = selectedRow(&backup);
   if (!row) return;
   const MigratedApp app = row->app;
-  ask(this,
-      {text("ui.migrated.uninstall"),
-       textFormat("ui.migrated.uninstall_confirm", app.appName, app.originalPath, app.targetPath,
-                  app.supportFiles.size()),
-       {text("ui.migrated.uninstall"), text("ui.cancel")}},
-      [this, app](int answer) {
-        if (answer != 0) return;
-        if (!services_.migration.uninstallApp(app, services_.disks.externalDisks(),
-                                              [this, alive = lifetime()](const auto& result) {
-                                                if (alive.lock()) finished(result);
-                                              }))
-          refused();
-      });
+  Question question{text("ui.migrated.uninstall"),
+                    textFormat("ui.migrated.uninstall_confirm", app.appName, app.originalPath, app.targetPath,
+                               app.supportFiles.size()),
+                    {text("ui.migrated.uninstall"), text("ui.cancel")}};
+  const auto run = [this, app](int answer, bool withVersions) {
+    if (answer != 0) return;
+    const auto versions =
+        withVersions ? MigrationManager::RetainedVersions::remove : MigrationManager::RetainedVersions::keep;
+    if (!services_.migration.uninstallApp(
+            app, services_.disks.externalDisks(),
+            [this, alive = lifetime()](const auto& result) {
+              if (alive.lock()) finished(result);
+            },
+            versions))
+      refused();
+  };
+  // The retained versions go only when asked for, and the question names each one.
+  const auto versions = MigrationManager::retainedVersionsOf(app);
+  if (versions.empty()) return ask(this, question, [run](int answer) { run(answer, false); });
+  question.message += "\n\n" + text("ui.migrated.retained_versions");
+  for (const auto& version : versions) question.message += "\n" + qstr(version);
+  askWithOption(this, question, text("cli.uninstall.with_versions"), run);
 }
 
 void MigratedPage::finished(const MigrationManager::OperationResult& result) {

@@ -8,6 +8,7 @@
 
 #include "catalogue/app_manager.h"
 #include "cleaner/dev_cleaner_manager.h"
+#include "disks/disk_doctor.h"
 #include "disks/disk_manager.h"
 #include "engine/migration_candidates.h"
 #include "engine/migration_manager.h"
@@ -26,6 +27,7 @@ struct UiServices {
   DiskManager& disks;
   DevCleanerManager& cleaner;
   MigrationCandidates& candidates;
+  const DiskDoctor& doctor;
   std::atomic<bool>& cancelRequested;
 };
 

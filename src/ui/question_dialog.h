@@ -12,6 +12,7 @@ class QWidget;
 namespace corvane::ui {
 
 inline constexpr const char* kQuestionObjectName = "corvane-question";
+inline constexpr const char* kQuestionOptionObjectName = "question-option";
 
 struct Question {
   QString title;
@@ -22,6 +23,10 @@ struct Question {
 
 // `answered` gets the index of the button, or the last index when the box is closed otherwise.
 void ask(QWidget* parent, const Question& question, std::function<void(int)> answered);
+// The same with a check box under the message (unticked at first); `answered` also gets whether
+// it was ticked when the box went away.
+void askWithOption(QWidget* parent, const Question& question, const QString& option,
+                   std::function<void(int, bool)> answered);
 // A notice with one button.
 void tell(QWidget* parent, const QString& title, const QString& message);
 

@@ -5,6 +5,7 @@
 // re-renders every page at once.
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <QComboBox>
 #include <QGroupBox>
@@ -21,6 +22,7 @@
 #include "fixtures/sample_tree.h"
 #include "platform/volume.h"
 #include "settings/localization_manager.h"
+#include "ui/repairs_page.h"
 #include "ui/ui_text.h"
 #include "window_test_support.h"
 
@@ -174,11 +176,106 @@ TEST(MainWindowTest, ALeftoverFolderInTheDisksPlaceIsShownWithItsContentsAndRepa
   EXPECT_TRUE(waitFor([&] { return child<QGroupBox>(window, "ghost-alert") == nullptr; }));
 }
 
+// An updater's new item, a killed move back's empty folders, a killed access check's folder and
+// a staging folder nothing vouches for: the ticked repairs run, the unticked and unprovable ones
+// stay; the updated item's previous copy is kept as a version, which an uninstall removes only
+// when asked to.
+TEST(MainWindowTest, RepairsFixOnlyTheTickedProvableFindingsAndUninstallTakesVersionsWhenAsked) {
+  WindowWorld world;
+  CORVANE_LOOP_DISK(disk, "Backup");
+  const std::string volume = world.volume("Backup");
+  disk->mount(volume);
+  const std::string item = world.applications() + "/Tool";
+  writeFile(item + "/notes.txt", "first release");
+  MainWindow& window = world.openWindow();
+  auto& services = window.services();
+  ASSERT_TRUE(waitFor([&] { return services.disks.destinationPath() == volume; }));
+  ASSERT_TRUE(services.migration.migrateApps({item}, volume));
+  ASSERT_TRUE(waitFor([&] { return !services.migration.isMigrating() && !services.migration.outcomes().empty(); }));
+  ASSERT_TRUE(isLink(item));
+  const std::string target = volume + "/Directories" + item;
+
+  ASSERT_EQ(::unlink(item.c_str()), 0);
+  writeFile(item + "/notes.txt", "second release");
+  const std::string emptyChain = volume + "/Directories" + world.home();
+  makeDirectories(emptyChain + "/Projects");
+  const std::string rehearsal =
+      volume + "/Directories" + world.applications() + "/.corvane-access-0F8E5C1A-3B2D-4E6F-9A7B-1C2D3E4F5A6B";
+  makeDirectories(rehearsal + "/b");
+  const std::string staging =
+      volume + "/Directories" + world.applications() + "/.corvane-transfer-5D4C3B2A-1F0E-4D9C-8B7A-6F5E4D3C2B1A";
+  writeFile(staging + "/Tool/notes.txt", "half a copy");
+
+  window.showPage(3);
+  auto* table = child<QTreeWidget>(window, "repairs-table");
+  const auto rowMentioning = [&](const std::string& path) -> QTreeWidgetItem* {
+    for (int i = 0; i < table->topLevelItemCount(); ++i)
+      if (table->topLevelItem(i)
+              ->data(2, RepairsPage::kDescriptionRole)
+              .toString()
+              .contains(QString::fromStdString(path)))
+        return table->topLevelItem(i);
+    return nullptr;
+  };
+  const auto shown = [&] {
+    std::string rows = child<QLabel>(window, "repairs-status")->text().toStdString();
+    for (int i = 0; i < table->topLevelItemCount(); ++i)
+      rows += "\n" + table->topLevelItem(i)->data(2, RepairsPage::kDescriptionRole).toString().toStdString();
+    return rows;
+  };
+  ASSERT_TRUE(waitFor([&] { return rowMentioning(item) && rowMentioning(rehearsal) && rowMentioning(staging); }))
+      << shown();
+  ASSERT_TRUE(rowMentioning(emptyChain));
+  EXPECT_EQ(rowMentioning(staging)->text(0), text("ui.repairs.by_hand"));
+  EXPECT_FALSE(rowMentioning(staging)->flags() & Qt::ItemIsUserCheckable) << "nothing vouches for it";
+  EXPECT_EQ(rowMentioning(item)->checkState(0), Qt::Checked);
+  rowMentioning(rehearsal)->setCheckState(0, Qt::Unchecked);
+
+  ASSERT_TRUE(click(window, "repair-findings"));
+  QString confirmation;
+  ASSERT_TRUE(answer(0, &confirmation));
+  EXPECT_TRUE(confirmation.contains(QString::fromStdString(item))) << confirmation.toStdString();
+  EXPECT_FALSE(confirmation.contains(QString::fromStdString(rehearsal))) << "unticked";
+  auto* status = child<QLabel>(window, "repairs-status");
+  ASSERT_TRUE(waitFor([&] {
+    return status->text().contains(textFormat("ui.repairs.summary", 2, 0)) && !rowMentioning(item) &&
+           rowMentioning(staging);
+  })) << shown();
+  EXPECT_FALSE(rowMentioning(emptyChain));
+  EXPECT_TRUE(rowMentioning(rehearsal)) << "left for a later repair";
+  EXPECT_TRUE(isDirectory(rehearsal + "/b"));
+  EXPECT_EQ(readFile(staging + "/Tool/notes.txt"), "half a copy");
+  ASSERT_TRUE(isLink(item));
+  EXPECT_EQ(readFile(target + "/notes.txt"), "second release");
+  const auto records = MigratedAppsFile::read(MigratedAppsFile::currentPath(volume));
+  ASSERT_EQ(records.size(), 1u);
+  const auto versions = MigrationManager::retainedVersionsOf(records[0]);
+  ASSERT_EQ(versions.size(), 1u);
+  EXPECT_EQ(readFile(versions[0] + "/notes.txt"), "first release");
+
+  window.showPage(2);
+  auto* moved = child<QTreeWidget>(window, "migrated-table");
+  ASSERT_TRUE(click(window, "refresh-migrated"));
+  ASSERT_TRUE(waitFor([&] { return row(*moved, "Tool") != nullptr; }));
+  moved->setCurrentItem(row(*moved, "Tool"));
+  ASSERT_TRUE(click(window, "uninstall"));
+  ASSERT_TRUE(answer(1, &confirmation, true));  // Cancel, even with the box ticked: nothing goes
+  EXPECT_TRUE(confirmation.contains(QString::fromStdString(versions[0]))) << confirmation.toStdString();
+  EXPECT_TRUE(isLink(item));
+  EXPECT_TRUE(isDirectory(versions[0]));
+  ASSERT_TRUE(click(window, "uninstall"));
+  ASSERT_TRUE(answer(0, nullptr, true));
+  ASSERT_TRUE(waitFor([&] { return !MigrationEntry::read(item, AT_FDCWD) && moved->topLevelItemCount() == 0; }));
+  EXPECT_FALSE(MigrationEntry::read(target, AT_FDCWD));
+  EXPECT_FALSE(MigrationEntry::read(versions[0], AT_FDCWD));
+  EXPECT_EQ(readFile(staging + "/Tool/notes.txt"), "half a copy");
+}
+
 TEST(MainWindowTest, TheCleanerScansAndCleansOnlyAfterConfirmation) {
   WindowWorld world;
   writeFile(world.home() + "/.cache/tool/blob", std::string(64 * 1024, 'x'));
   MainWindow& window = world.openWindow();
-  window.showPage(4);
+  window.showPage(5);
   auto& cleaner = window.services().cleaner;
   ASSERT_TRUE(click(window, "scan"));
   ASSERT_TRUE(waitFor([&] { return cleaner.currentState() == CleanerState::resultsReady; }));

@@ -75,6 +75,12 @@ void moveOneItem(WindowWorld& world, MainWindow& window) {
   // An older version kept beside the moved copy, as a restore or a second migration leaves it.
   const std::string target = *services.disks.destinationPath() + "/Directories" + world.applications() + "/Tool";
   buildSampleTree(target + "_backup_20250301_101500");
+  // What killed runs leave for the repairs page: empty folders, an access check's folder, and a
+  // staging folder nothing vouches for.
+  const std::string mirrored = *services.disks.destinationPath() + "/Directories" + world.applications();
+  makeDirectories(*services.disks.destinationPath() + "/Directories" + world.home() + "/Projects");
+  makeDirectories(mirrored + "/.corvane-access-0F8E5C1A-3B2D-4E6F-9A7B-1C2D3E4F5A6B/b");
+  writeFile(mirrored + "/.corvane-transfer-5D4C3B2A-1F0E-4D9C-8B7A-6F5E4D3C2B1A/Tool/notes.txt", "half a copy");
   row(*items, "Editor")->setCheckState(0, Qt::Checked);
 }
 
@@ -115,6 +121,8 @@ int renderScreenshots(const std::string& directory) {
     for (std::size_t i = 0; i < window.pages().size(); ++i) {
       window.showPage(i);
       settle();
+      if (auto* repairs = window.findChild<QTreeWidget*>("repairs-table"); repairs && repairs->isVisible())
+        waitFor([&] { return repairs->topLevelItemCount() > 0; });
       const QString name = QString(window.pages()[i]->titleKey()).section('.', -1);
       save(window, QString("%1/%2-%3.png").arg(folder).arg(i + 1, 2, 10, QChar('0')).arg(name));
     }

@@ -39,12 +39,15 @@ MainWindow& WindowWorld::openWindow() {
   configuration.cleaner.homeDirectory = home();
   configuration.cleaner.dockerCandidates = {};
   configuration.candidates.folders = {{applications(), false}};
+  configuration.doctor.roots = VolumesRoots({volumesRoot()});
+  configuration.doctor.applicationFolders = {applications()};
+  configuration.doctor.linkPlaces = {{applications(), 0}, {home(), 2}};
   window_ = std::make_unique<MainWindow>(std::move(configuration));
   window_->show();
   return *window_;
 }
 
-bool waitFor(const std::function<bool()>& condition) { return QTest::qWaitFor(condition, 120000); }
+bool waitFor(const std::function<bool()>& condition) { return QTest::qWaitFor(condition, 20000); }
 
 bool click(QWidget& parent, const char* name) {
   auto* button = parent.findChild<QAbstractButton*>(name);
@@ -53,7 +56,7 @@ bool click(QWidget& parent, const char* name) {
   return true;
 }
 
-bool answer(int index, QString* text) {
+bool answer(int index, QString* text, bool tickOption) {
   QMessageBox* box = nullptr;
   const bool shown = waitFor([&] {
     for (QWidget* widget : QApplication::topLevelWidgets())
@@ -63,6 +66,11 @@ bool answer(int index, QString* text) {
   });
   if (!shown) return false;
   if (text) *text = box->text() + "\n" + box->informativeText();
+  if (tickOption) {
+    auto* option = box->findChild<QAbstractButton*>(kQuestionOptionObjectName);
+    if (!option) return false;
+    QTest::mouseClick(option, Qt::LeftButton);
+  }
   return click(*box, QString("answer-%1").arg(index).toUtf8().constData());
 }
 

@@ -51,8 +51,8 @@ Widget* child(QWidget& parent, const char* name) {
 // Clicks the enabled button `name` of `parent`; false when there is none.
 bool click(QWidget& parent, const char* name);
 // Waits for the open question and clicks its button `index`; false when none came. `text`
-// receives what the question said.
-bool answer(int index, QString* text = nullptr);
+// receives what the question said; `tickOption` ticks its check box first (false when it has none).
+bool answer(int index, QString* text = nullptr, bool tickOption = false);
 // The top-level row whose first column reads `name`.
 QTreeWidgetItem* row(QTreeWidget& table, const QString& name);
 
