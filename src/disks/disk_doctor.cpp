@@ -309,7 +309,7 @@ void adoptCopy(const DoctorFinding& finding) {
   });
 }
 
-// A kept original goes only when the link beside it leads to a copy holding the same tree.
+// A kept original goes only when the link beside it leads to a copy holding all it holds.
 void removeKeptOriginal(const DoctorFinding& finding, DiskDoctor::Repair& repair) {
   const auto link = look(finding.other);
   if (!link || link->kind != Kind::symbolicLink)
@@ -317,7 +317,7 @@ void removeKeptOriginal(const DoctorFinding& finding, DiskDoctor::Repair& repair
   const std::string text = link->link.value_or("");
   const std::string copy = !text.empty() && text.front() == '/' ? text : joinPath(parentPath(finding.other), text);
   MigrationFileSafety::requireInsideDisk(copy, {finding.disk});
-  if (!MigrationJournalRecovery::sameTree(finding.path, finding.other, copy)) {
+  if (!MigrationJournalRecovery::holdsAllOf(copy, finding.path, finding.other)) {
     repair.leftInPlace.push_back(finding.path);
     throw MigrationIssue("error.migration_copy_mismatch", finding.path);
   }

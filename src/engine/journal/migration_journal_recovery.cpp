@@ -83,15 +83,15 @@ void requireRehearsalGone(const MigrationJournalEntry& entry) {
     throw MigrationIssue("migration.safety.conflict", entry.rehearsal());
 }
 
-// Whatever the switch replaced goes only when it is the object read before and equals the data
-// now in place; otherwise it stays and is named.
+// Whatever the switch replaced goes only when it is the object read before and everything it
+// holds is in the data now in place; otherwise it stays and is named.
 void removeReplaced(const std::string& replaced, const std::optional<MigrationFileIdentity>& identity,
                     const std::string& placeForLinks, const std::string& inPlace, const std::string& removalRoot,
                     MigrationJournalRecovery::Outcome& outcome) {
   const auto entry = look(replaced);
   if (!entry) return;
   if (entry->kind == Kind::symbolicLink || !is(entry, identity) ||
-      !MigrationJournalRecovery::sameTree(replaced, placeForLinks, inPlace)) {
+      !MigrationJournalRecovery::holdsAllOf(inPlace, replaced, placeForLinks)) {
     outcome.leftInPlace.push_back(replaced);
     return;
   }
@@ -263,8 +263,8 @@ bool MigrationJournalRecovery::removeRehearsal(const std::string& path) {
   return ::rmdir(path.c_str()) == 0;
 }
 
-bool MigrationJournalRecovery::sameTree(const std::string& original, const std::string& originalPlace,
-                                        const std::string& copy) {
+bool MigrationJournalRecovery::holdsAllOf(const std::string& copy, const std::string& original,
+                                          const std::string& originalPlace) {
   try {
     const auto manifest = MigrationIntegrityVerifier::snapshot(original, RuntimeEntries::allow, ReadableCheck::skip,
                                                                RemovableCheck::skip);
@@ -273,6 +273,7 @@ bool MigrationJournalRecovery::sameTree(const std::string& original, const std::
       if (entry.kind == Kind::socket) options.inactiveSockets.insert(relative);
     }
     options.relocated = MigrationLinkPlan::relocatedTargets(originalPlace, manifest);
+    options.destinationMayHoldMore = true;
     MigrationIntegrityVerifier::verify(original, copy, manifest, options);
     return true;
   } catch (const std::exception& error) {

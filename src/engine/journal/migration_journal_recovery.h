@@ -46,9 +46,11 @@ class MigrationJournalRecovery {
   // folder goes, anything holding more stays. True when it is gone (or was never there).
   static bool removeRehearsal(const std::string& path);
 
-  // Whether `copy` holds the same tree as `original`, whose links were written relative to
-  // `originalPlace`, compared byte for byte with the copy read from the medium.
-  static bool sameTree(const std::string& original, const std::string& originalPlace, const std::string& copy);
+  // Whether everything `original` holds (its links written relative to `originalPlace`) is in
+  // `copy` too, compared byte for byte with the copy read from the medium; the copy may hold
+  // more. That is what deleting `original` needs: a deletion stopped half way leaves a part of
+  // the tree, and files added through the link since the switch are no reason to keep it.
+  static bool holdsAllOf(const std::string& copy, const std::string& original, const std::string& originalPlace);
 };
 
 }  // namespace corvane

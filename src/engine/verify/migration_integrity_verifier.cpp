@@ -281,12 +281,13 @@ class Verification {
     MigrationSnapshot::walkEntries(
         destination_, RuntimeEntries::allow, ReadableCheck::skip, RemovableCheck::skip,
         [&](const std::string& relativePath, const MigrationEntry& present) {
+          VerifiedCopy* verified = verifiedCopy(relativePath);
+          if (!verified && options_.destinationMayHoldMore) return;
           if (present.kind == Kind::socket) {
             if (!socket) socket = relativePath;
             return;
           }
           if (mismatch) return;
-          VerifiedCopy* verified = verifiedCopy(relativePath);
           if (!verified || !verified->sameApartFromChangeTime(present, linkFor(relativePath, present.kind))) {
             mismatch = relativePath;
             return;

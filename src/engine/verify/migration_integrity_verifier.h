@@ -35,6 +35,9 @@ struct MigrationVerificationOptions {
   std::set<std::string> inactiveSockets;
   // Rewritten link targets; worked out from the manifest when absent.
   std::optional<std::map<std::string, std::string>> relocated;
+  // Whether the destination may hold more than the manifest: true when the question is only
+  // whether everything the source holds is in the destination (before the source is deleted).
+  bool destinationMayHoldMore = false;
   std::function<void(const MigrationVerificationProgress&)> progress;
   std::function<void(const std::string& relativePath)> checking;
   std::function<void(const std::string& relativePath)> repaired;

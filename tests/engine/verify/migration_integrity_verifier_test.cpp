@@ -216,6 +216,15 @@ TEST(MigrationVerificationTest, WrongEntriesAreRebuiltButStrangersLiveSocketsAnd
   }
   writeFile(copy + "stranger.txt", "not from the source");
   EXPECT_EQ(staged.verifyKey(ignoring), "error.migration_copy_mismatch");
+  // Asking only whether the source is all in the copy (before deleting the source), a stranger
+  // is no difference, but a changed byte still is.
+  MigrationVerificationOptions containing;
+  containing.hardLinks = HardLinkPolicy::ignore;
+  containing.destinationMayHoldMore = true;
+  EXPECT_EQ(staged.verifyKey(containing), "");
+  writeFile(copy + "first", "shared contentS\n");
+  EXPECT_EQ(staged.verifyKey(containing), "error.migration_copy_mismatch");
+  writeFile(copy + "first", "shared contents\n");
   ASSERT_EQ(::unlink((copy + "stranger.txt").c_str()), 0);
   ignoring.checking = [&](const std::string& path) {
     if (path.empty()) writeFile(staged.source + "/appeared-late", "new");
