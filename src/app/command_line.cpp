@@ -4,9 +4,9 @@
 
 #include "app/commands.h"
 #include "app/global_options.h"
-#include "app/headless_modes.h"
 #include "app/localized_cli.h"
 #include "app/user_output.h"
+#include "engine/headless_modes.h"
 #include "settings/localization.h"
 #include "support/diagnostic_log.h"
 

@@ -14,9 +14,11 @@
 #include <QPlainTextEdit>
 #include <QPushButton>
 #include <QTest>
+#include <filesystem>
 
 #include "catalogue/migrated_apps_file.h"
 #include "engine/manifest/migration_entry.h"
+#include "engine/preflight/migration_socket_probe.h"
 #include "fixtures/loop_disk.h"
 #include "fixtures/occupant_process.h"
 #include "fixtures/sample_tree.h"
@@ -111,6 +113,13 @@ TEST(MainWindowTest, ALiveSocketInsideTheItemIsAskedAboutInADialogAndLaterLeaves
   const std::string item = world.applications() + "/Server";
   writeFile(item + "/data.txt", "served");
   auto server = OccupantProcess::listening(item, "server.sock", OccupantSocket::stream);
+  // The probe child is the running program itself: the desktop application answers as the
+  // probe, and so does this test binary in the window's place, instead of starting all over.
+  for (const std::string& program :
+       {std::string(CORVANE_GUI_BINARY), std::filesystem::read_symlink("/proc/self/exe").string()}) {
+    EXPECT_EQ(MigrationSocketProbe::inspect(item + "/server.sock", program).state, MigrationSocketProbe::State::active)
+        << program;
+  }
 
   MainWindow& window = world.openWindow();
   auto& services = window.services();

@@ -6,9 +6,12 @@
 #include <QApplication>
 #include <cstring>
 
+#include "engine/headless_modes.h"
 #include "screenshots.h"
 
 int main(int argc, char** argv) {
+  // The window's socket probe starts this executable, as the program's starts the program.
+  if (auto status = corvane::runHeadlessMode(argc, argv)) return *status;
   const bool screenshots = argc == 3 && std::strcmp(argv[1], "--screenshots") == 0;
   if (!screenshots && qEnvironmentVariableIsEmpty("QT_QPA_PLATFORM")) qputenv("QT_QPA_PLATFORM", "offscreen");
   QApplication application(argc, argv);

@@ -1,4 +1,4 @@
-#include "app/headless_modes.h"
+#include "engine/headless_modes.h"
 
 #include <unistd.h>
 
