@@ -7,14 +7,19 @@
 //
 // A scan for one item's files looks into no other file system. A descriptor is followed to its file
 // only when /proc/<pid>/fdinfo places it on a mount of the item's file system (or on an overlay,
-// which reports the identity of the file below it); a mapping's path is looked up only when the
-// map places the mapping there. Every identity is read with AT_STATX_DONT_SYNC: the attributes the
+// which reports the identity of the file below it) and, on a plain local file system, gives an
+// inode number that is one of the wanted files'; a mapping's path is looked up only when the map
+// places the mapping there. Every identity is read with AT_STATX_DONT_SYNC: the attributes the
 // kernel holds, without asking a network or FUSE server for fresh ones. Only wanted files are
-// named. Processes are scanned by a few threads in chunks; the output keeps the process order.
+// named. Processes are scanned by a thread per core in chunks; the output keeps the process order.
+// What costs the kernel most is the number of requests, so what one request told is reused where it
+// provably holds: what fdinfo said of a path, and a sibling process's descriptor numbers and paths.
 #include <dirent.h>
 #include <fcntl.h>
 #include <fmt/format.h>
+#include <linux/kcmp.h>
 #include <linux/types.h>
+#include <sched.h>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
@@ -79,6 +84,10 @@ constexpr __u64 kQueryCoveringOrNext = 0x10;
 constexpr __u64 kQueryFileBacked = 0x20;
 
 constexpr std::string_view kDeletedSuffix = " (deleted)";
+// Local file systems on which every file reports its superblock's device and the inode number the
+// kernel keeps for it, so that a descriptor's fdinfo alone tells its identity.
+const std::unordered_set<std::string_view> kPlainInodeTypes = {"ext2", "ext3",  "ext4", "xfs",     "tmpfs",
+                                                               "f2fs", "exfat", "jfs",  "hfsplus", "ntfs3"};
 constexpr std::size_t kProcessesPerChunk = 16;
 constexpr unsigned kMaximumWorkers = 4;
 // Below this many processes a second thread costs more than it saves.
@@ -175,14 +184,17 @@ std::optional<std::string> readLinkAt(int directory, const char* name, int& erro
 // The identity of what a /proc link leads to, as the kernel holds it: a network or FUSE server is
 // not asked for fresh attributes, so one that stopped answering is not waited for. Identity and
 // type never change while a file is open.
-std::optional<Identity> identityAt(int directory, const char* name, mode_t* mode = nullptr) {
+std::optional<Identity> identityAt(int directory, const char* name, mode_t* mode = nullptr,
+                                   std::optional<std::uint64_t>* mountId = nullptr) {
   struct statx status {};
-  if (statx(directory, name, AT_STATX_DONT_SYNC, STATX_TYPE | STATX_INO, &status) != 0) return std::nullopt;
+  const unsigned mask = STATX_TYPE | STATX_INO | (mountId ? STATX_MNT_ID : 0);
+  if (statx(directory, name, AT_STATX_DONT_SYNC, mask, &status) != 0) return std::nullopt;
   if (mode) *mode = status.stx_mode;
+  if (mountId && (status.stx_mask & STATX_MNT_ID)) *mountId = status.stx_mnt_id;
   return Identity{makedev(status.stx_dev_major, status.stx_dev_minor), static_cast<ino_t>(status.stx_ino)};
 }
 
-// Numeric names in a directory (process ids, descriptors, task ids), ascending. Read with
+// Numeric names in a /proc directory (process ids, descriptors, task ids), ascending. Read with
 // getdents64 directly: one listing of /proc per process and descriptor table is the scan's
 // commonest call after stat.
 std::vector<unsigned long> numericEntries(int directory) {
@@ -191,6 +203,9 @@ std::vector<unsigned long> numericEntries(int directory) {
   for (;;) {
     const long count = syscall(SYS_getdents64, directory, buffer, sizeof buffer);
     if (count <= 0) break;
+    // A /proc directory fills the buffer until it is full or the listing ends: room left over
+    // means the end, and the call that would say so is saved.
+    const bool complete = count < static_cast<long>(sizeof buffer) - 1024;
     for (long offset = 0; offset < count;) {
       const auto* entry = reinterpret_cast<const dirent64*>(buffer + offset);
       offset += entry->d_reclen;
@@ -199,6 +214,7 @@ std::vector<unsigned long> numericEntries(int directory) {
       auto [end, error] = std::from_chars(name, name + std::strlen(name), value);
       if (error == std::errc() && *end == '\0') numbers.push_back(value);
     }
+    if (complete) break;
   }
   std::sort(numbers.begin(), numbers.end());
   return numbers;
@@ -218,10 +234,13 @@ class SharedTables {
 
   // Narrows the scan to the file systems of these devices, told apart by the mount table.
   // `mounts` is this process's own table; `item` the item's path with every link resolved.
-  void limitTo(const std::vector<std::int64_t>& devices, MountTable mounts, std::string item) {
+  // `exactDevices` are the devices stat reported for the wanted files themselves.
+  void limitTo(const std::vector<std::int64_t>& devices, const std::vector<std::int64_t>& exactDevices,
+               MountTable mounts, std::string item) {
     limited_ = true;
     item_ = std::move(item);
     for (std::int64_t device : devices) fileSystems_.insert(static_cast<std::int32_t>(device));
+    for (std::int64_t device : exactDevices) exactDevices_.insert(static_cast<std::int32_t>(device));
     mounts_ = std::move(mounts);
     int error = 0;
     if (auto space = readLinkAt(proc_, "self/ns/mnt", error)) readNamespaces_.insert(*space);
@@ -238,11 +257,17 @@ class SharedTables {
     return !limited_ || fileSystems_.contains(static_cast<std::int32_t>(device));
   }
 
-  // Whether a descriptor on this mount may be one of the wanted files: the mount is of a wanted
-  // file system, or an overlay (it reports the identity of the file below it). A mount no table
-  // names is looked at too: in doubt the scan looks rather than passes over.
-  bool mayHoldWantedFile(int processDirectory, std::uint64_t mountId) {
-    if (!limited_) return true;
+  // What a descriptor's mount tells about it: whether it may be one of the wanted files, because
+  // the mount is of a wanted file system or an overlay (it reports the identity of the file below
+  // it), and, where the mount's device is exactly what stat reports for every file on it, that
+  // device. A mount no table names is looked at too: in doubt the scan looks rather than passes over.
+  struct MountVerdict {
+    bool mayHoldWantedFile = true;
+    std::optional<dev_t> exactDevice;
+  };
+
+  MountVerdict mountVerdict(int processDirectory, std::uint64_t mountId) {
+    if (!limited_) return {};
     std::lock_guard lock(mountMutex_);
     const MountedFileSystem* mount = mounts_.find(mountId);
     if (!mount && !unnamedMounts_.contains(mountId)) {
@@ -258,8 +283,25 @@ class SharedTables {
       // The kernel's own mounts (pipes, sockets, memfd) are in no table; asked once.
       if (!mount) unnamedMounts_.insert(mountId);
     }
-    if (!mount) return true;
-    return onWantedFileSystem(mount->device) || mount->type == "overlay";
+    if (!mount) return {};
+    if (mount->type == "overlay") return {};
+    if (!onWantedFileSystem(mount->device)) return {false, std::nullopt};
+    // The wanted files' own devices (not the item's mount's: a btrfs subvolume's files report a
+    // device of their own) on a file system whose inode numbers are the ones stat gives.
+    if (exactDevices_.contains(static_cast<std::int32_t>(mount->device)) && kPlainInodeTypes.contains(mount->type)) {
+      return {true, mount->device};
+    }
+    return {};
+  }
+
+  std::optional<bool> knownPlace(const std::string& key) {
+    std::lock_guard lock(placeMutex_);
+    if (auto found = places_.find(key); found != places_.end()) return found->second;
+    return std::nullopt;
+  }
+  void rememberPlace(std::string key, bool mayBeWanted) {
+    std::lock_guard lock(placeMutex_);
+    places_.emplace(std::move(key), mayBeWanted);
   }
 
   std::optional<PathStatus> pathStatus(const std::string& path) {
@@ -293,6 +335,7 @@ class SharedTables {
   }
 
   std::atomic<bool> mapQueryWorks{true};
+  std::atomic<bool> kcmpWorks{true};
 
   const UnixSocket* unixSocket(ino_t inode) {
     std::call_once(unixOnce_, [this] { loadUnixSockets(); });
@@ -340,10 +383,13 @@ class SharedTables {
   bool limited_ = false;
   std::string item_;
   std::unordered_set<std::int32_t> fileSystems_;
+  std::unordered_set<std::int32_t> exactDevices_;
   std::mutex mountMutex_;
   MountTable mounts_;
   std::unordered_set<std::string> readNamespaces_;
   std::unordered_set<std::uint64_t> unnamedMounts_;
+  std::mutex placeMutex_;
+  std::unordered_map<std::string, bool> places_;
   std::mutex pathMutex_;
   std::unordered_map<std::string, std::optional<PathStatus>> pathStatus_;
   std::unordered_map<Identity, std::optional<PathStatus>, IdentityHash> mappedStatus_;
@@ -360,6 +406,7 @@ class ProcessScan {
     output_ = &output;
     pid_ = pid;
     headerWritten_ = false;
+    mountNamespace_.reset();
     UniqueFd directory(openat(shared_.proc(), std::to_string(pid).c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
     if (!directory) return;  // ended meanwhile
     directory_ = directory.get();
@@ -368,11 +415,17 @@ class ProcessScan {
       if (!readCommand() || state_ == 'Z' || state_ == 'X') return;
       writeHeader();
     }
-    auto cwd = linkEntry("cwd", "cwd");
-    auto root = linkEntry("root", "rtd");
-    auto executable = linkEntry("exe", "txt");
-    // Kernel threads run no program: they have no memory of their own and no descriptors.
-    if (!executable && linkStatError_ == ENOENT) return;
+    const LinkStatus program = linkStatus("exe");
+    // Kernel threads run no program: they have no memory of their own and no descriptors, and their
+    // folders are the machine's root, never an item's.
+    const bool kernelThread = !program.identity && program.error == ENOENT;
+    if (kernelThread && shared_.filtering()) return;
+    auto cwd = linkEntry("cwd", "cwd", linkStatus("cwd"));
+    const LinkStatus rootStatus = linkStatus("root");
+    rootMount_ = rootStatus.mountId;
+    auto root = linkEntry("root", "rtd", rootStatus);
+    auto executable = linkEntry("exe", "txt", program);
+    if (kernelThread) return;
     mappedFiles(executable);
     descriptors();
     threadDirectories(cwd, root);
@@ -426,11 +479,24 @@ class ProcessScan {
   }
 
   // cwd, rtd and txt: the link's text as the name, the identity of what it leads to.
-  std::optional<Identity> linkEntry(const char* linkName, std::string_view descriptor) {
+  struct LinkStatus {
+    std::optional<Identity> identity;
     mode_t mode = 0;
-    const auto identity = identityAt(directory_, linkName, &mode);
-    const int statError = identity ? 0 : errno;
-    linkStatError_ = statError;
+    int error = 0;
+    std::optional<std::uint64_t> mountId;
+  };
+
+  LinkStatus linkStatus(const char* linkName) {
+    LinkStatus status;
+    status.identity = identityAt(directory_, linkName, &status.mode, &status.mountId);
+    if (!status.identity) status.error = errno;
+    return status;
+  }
+
+  std::optional<Identity> linkEntry(const char* linkName, std::string_view descriptor, const LinkStatus& status) {
+    const mode_t mode = status.mode;
+    const auto& identity = status.identity;
+    const int statError = status.error;
     if (shared_.filtering() && (!identity || !shared_.wanted(identity->device, identity->inode))) return identity;
     int error = 0;
     auto text = readLinkAt(directory_, linkName, error);
@@ -569,19 +635,19 @@ class ProcessScan {
   }
 
   void descriptors() {
+    if (shared_.filtering() && knownDescriptors()) return;
     UniqueFd fds(openat(directory_, "fd", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (!fds) {
       if (errno != ENOENT)
         unnamedFile("NOFD", ' ', fmt::format("/proc/{}/fd (opendir: {})", pid_, std::strerror(errno)));
       return;
     }
-    UniqueFd fdinfo;
+    if (shared_.filtering()) {
+      wantedDescriptors(fds.get());
+      return;
+    }
     for (unsigned long number : numericEntries(fds.get())) {
       const std::string descriptor = std::to_string(number);
-      if (shared_.filtering()) {
-        wantedDescriptor(fds.get(), fdinfo, descriptor);
-        continue;
-      }
       mode_t mode = 0;
       const auto identity = identityAt(fds.get(), descriptor.c_str(), &mode);
       const int statError = errno;
@@ -622,29 +688,113 @@ class ProcessScan {
     }
   }
 
-  // One descriptor of a narrowed scan: its link text and its mount decide before anything looks at
-  // the file it leads to.
+  void wantedDescriptors(int fds) {
+    UniqueFd fdinfo;
+    descriptorNumbers_ = numericEntries(fds);
+    descriptorTexts_.clear();
+    for (unsigned long number : descriptorNumbers_) {
+      const std::string descriptor = std::to_string(number);
+      int error = 0;
+      auto text = readLinkAt(fds, descriptor.c_str(), error);
+      descriptorTexts_.push_back(text.value_or(std::string()));
+      // Closed meanwhile, or unreadable: named only when everything is listed.
+      if (text) wantedDescriptorWithText(fds, descriptor, descriptor, fdinfo, *text);
+    }
+    descriptorsOf_ = pid_;
+  }
+
+  // Processes started by one parent hold the same descriptor numbers, often the very same open
+  // files, and the kernel (from 6.2 on) gives the number of open descriptors as the size of the fd
+  // directory. When that number is the previous process's, its numbers are tried first, which
+  // saves listing the directory, and a descriptor that kcmp shows to be the same open file as the
+  // previous process's has the same path. True when every descriptor was found that way; otherwise
+  // nothing was looked at and the listing follows.
+  bool knownDescriptors() {
+    struct stat table {};
+    if (descriptorNumbers_.empty() || fstatat(directory_, "fd", &table, 0) != 0 ||
+        static_cast<std::size_t>(table.st_size) != descriptorNumbers_.size()) {
+      return false;
+    }
+    std::vector<std::string> texts;
+    texts.reserve(descriptorNumbers_.size());
+    bool compare = shared_.kcmpWorks.load(std::memory_order_relaxed);
+    for (std::size_t index = 0; index < descriptorNumbers_.size(); ++index) {
+      const unsigned long number = descriptorNumbers_[index];
+      if (compare && !descriptorTexts_[index].empty()) {
+        const long order = syscall(SYS_kcmp, pid_, descriptorsOf_, KCMP_FILE, number, number);
+        if (order == 0) {
+          texts.push_back(descriptorTexts_[index]);
+          continue;
+        }
+        if (order < 0 && (errno == ENOSYS || errno == EPERM)) shared_.kcmpWorks = false;
+        // A process that shares not even its first descriptor is no child of the same parent.
+        if (order < 0 || index == 0) compare = false;
+      }
+      int error = 0;
+      auto text = readLinkAt(directory_, fmt::format("fd/{}", number).c_str(), error);
+      if (!text) return false;
+      texts.push_back(std::move(*text));
+    }
+    descriptorTexts_ = std::move(texts);
+    descriptorsOf_ = pid_;
+    UniqueFd fdinfo;
+    for (std::size_t index = 0; index < descriptorTexts_.size(); ++index) {
+      const std::string descriptor = std::to_string(descriptorNumbers_[index]);
+      wantedDescriptorWithText(directory_, "fd/" + descriptor, descriptor, fdinfo, descriptorTexts_[index]);
+    }
+    return true;
+  }
+
   void wantedDescriptor(int fds, UniqueFd& fdinfo, const std::string& descriptor) {
     int error = 0;
     auto text = readLinkAt(fds, descriptor.c_str(), error);
     if (!text) return;  // closed meanwhile, or unreadable: named only when everything is listed
+    wantedDescriptorWithText(fds, descriptor, descriptor, fdinfo, *text);
+  }
+
+  // The rest once its link text is known; `link` names the descriptor's link below `directory`.
+  void wantedDescriptorWithText(int directory, const std::string& link, const std::string& descriptor, UniqueFd& fdinfo,
+                                const std::string& text) {
     // Sockets, pipes and anonymous inodes belong to the kernel's own file systems, never to an item
     // (lsof names UNIX sockets by their socket inode and no device).
-    if (startsWith(*text, "socket:[") || startsWith(*text, "pipe:[") || startsWith(*text, "anon_inode:")) return;
-    if (!shared_.insideItem(*text)) {
-      if (!fdinfo) fdinfo.reset(openat(directory_, "fdinfo", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-      errno = 0;
-      const auto mountId = fdinfo ? mountIdAt(fdinfo.get(), descriptor.c_str()) : std::nullopt;
-      if (!mountId && errno == ENOENT) return;  // closed meanwhile
-      if (mountId && !shared_.mayHoldWantedFile(directory_, *mountId)) return;
-    }
+    if (startsWith(text, "socket:[") || startsWith(text, "pipe:[") || startsWith(text, "anon_inode:")) return;
+    if (!shared_.insideItem(text) && !mayBeWanted(fdinfo, descriptor, text)) return;
     mode_t mode = 0;
-    const auto identity = identityAt(fds, descriptor.c_str(), &mode);
+    const auto identity = identityAt(directory, link.c_str(), &mode);
     if (!identity || S_ISSOCK(mode) || !shared_.wanted(identity->device, identity->inode)) return;
-    struct stat link {};
+    struct stat linkStatus {};
     const char access =
-        fstatat(fds, descriptor.c_str(), &link, AT_SYMLINK_NOFOLLOW) == 0 ? accessOf(link.st_mode) : ' ';
-    file(descriptor, access, typeName(mode), identity->device, identity->inode, *text);
+        fstatat(directory, link.c_str(), &linkStatus, AT_SYMLINK_NOFOLLOW) == 0 ? accessOf(linkStatus.st_mode) : ' ';
+    file(descriptor, access, typeName(mode), identity->device, identity->inode, text);
+  }
+
+  // Whether a descriptor whose path lies outside the item may still be one of its files (a hard
+  // link, a bind mount), from its fdinfo: its mount and inode number. What fdinfo said is kept by
+  // the path and the mount namespace the path is written in, so that the /dev/null, terminals and
+  // logs nearly every process holds are read once per scan; one path leads to one file there, but
+  // for a file opened before another mount covered its folder. A mount belongs to one namespace,
+  // so the mount of the process's root tells its namespace without another request.
+  bool mayBeWanted(UniqueFd& fdinfo, const std::string& descriptor, const std::string& text) {
+    if (!mountNamespace_) {
+      int error = 0;
+      mountNamespace_ = rootMount_ ? fmt::format("root mount {}", *rootMount_)
+                                   : readLinkAt(directory_, "ns/mnt", error).value_or(std::string());
+    }
+    std::string key = *mountNamespace_;
+    key += '\0';
+    key += text;
+    if (const auto known = shared_.knownPlace(key); known && !getenv("NOCACHE")) return *known;
+    if (!fdinfo) fdinfo.reset(openat(directory_, "fdinfo", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    errno = 0;
+    const auto place = fdinfo ? descriptorPlaceAt(fdinfo.get(), descriptor.c_str()) : std::nullopt;
+    if (!place) return errno != ENOENT;  // closed meanwhile, or unreadable: looked at
+    const auto verdict = shared_.mountVerdict(directory_, place->mountId);
+    // Most descriptors on the item's own file system are other files of it: told apart without a
+    // look at the file.
+    const bool mayBe = verdict.mayHoldWantedFile &&
+                       !(verdict.exactDevice && place->inode && !shared_.wanted(*verdict.exactDevice, *place->inode));
+    if (!mountNamespace_->empty()) shared_.rememberPlace(std::move(key), mayBe);
+    return mayBe;
   }
 
   // lsof lists every thread of a process separately; threads share descriptors and maps, but a
@@ -678,13 +828,51 @@ class ProcessScan {
   pid_t pid_ = 0;
   int directory_ = -1;
   bool headerWritten_ = false;
-  int linkStatError_ = 0;
+  std::optional<std::string> mountNamespace_;
+  std::optional<std::uint64_t> rootMount_;
+  // The descriptors of the previous process whose table was read, ascending, with their paths.
+  pid_t descriptorsOf_ = 0;
+  std::vector<unsigned long> descriptorNumbers_;
+  std::vector<std::string> descriptorTexts_;
   char state_ = 0;
   std::string command_;
   std::string buffer_;
   std::string maps_;
   std::array<char, PATH_MAX + 1> name_{};
   std::unordered_set<Identity, IdentityHash> seenMappings_;
+};
+
+// Threads started together tend to be queued on the core that started them, and the scheduler
+// spreads them only after a few milliseconds, about as long as the whole scan takes. Each extra
+// worker therefore starts on an allowed core other than the caller's, and is free to move again
+// after its first chunk.
+class CoreSpread {
+ public:
+  CoreSpread() {
+    CPU_ZERO(&allowed_);
+    if (sched_getaffinity(0, sizeof allowed_, &allowed_) != 0) return;
+    const int here = sched_getcpu();
+    for (int core = 0; core < CPU_SETSIZE; ++core) {
+      if (CPU_ISSET(core, &allowed_) && core != here) others_.push_back(core);
+    }
+  }
+
+  void start(std::size_t worker) const {
+    if (worker == 0 || others_.empty()) return;
+    cpu_set_t one;
+    CPU_ZERO(&one);
+    CPU_SET(others_[(worker - 1) % others_.size()], &one);
+    sched_setaffinity(0, sizeof one, &one);
+  }
+
+  void release(std::size_t worker) const {
+    if (worker == 0 || others_.empty()) return;
+    sched_setaffinity(0, sizeof allowed_, &allowed_);
+  }
+
+ private:
+  cpu_set_t allowed_;
+  std::vector<int> others_;
 };
 
 std::string scanProcesses(int proc, SharedTables& shared) {
@@ -694,10 +882,13 @@ std::string scanProcesses(int proc, SharedTables& shared) {
   std::atomic<std::size_t> nextChunk{0};
   std::exception_ptr failure;
   std::mutex failureMutex;
-  auto work = [&] {
+  const CoreSpread spread;
+  auto work = [&](std::size_t worker) {
     try {
       ProcessScan scan(shared);
-      for (std::size_t chunk = nextChunk++; chunk < chunks; chunk = nextChunk++) {
+      spread.start(worker);
+      for (std::size_t chunk = nextChunk++, done = 0; chunk < chunks; chunk = nextChunk++, ++done) {
+        if (done == 1) spread.release(worker);
         const std::size_t end = std::min(pids.size(), (chunk + 1) * kProcessesPerChunk);
         for (std::size_t index = chunk * kProcessesPerChunk; index < end; ++index) {
           scan.scan(static_cast<pid_t>(pids[index]), outputs[chunk]);
@@ -713,8 +904,8 @@ std::string scanProcesses(int proc, SharedTables& shared) {
   const std::size_t workers = std::clamp<std::size_t>(std::min<std::size_t>(cores, kMaximumWorkers), 1,
                                                       std::max<std::size_t>(1, pids.size() / kProcessesPerWorker));
   std::vector<std::thread> threads;
-  for (std::size_t i = 1; i < workers; ++i) threads.emplace_back(work);
-  work();
+  for (std::size_t worker = 1; worker < workers; ++worker) threads.emplace_back(work, worker);
+  work(0);
   for (auto& thread : threads) thread.join();
   if (failure) std::rethrow_exception(failure);
 
@@ -765,7 +956,7 @@ std::string listOpenFilesNatively(const OpenFileQuery& query) {
   if (!home) throw PosixError(ENOENT, query.within + " (no mount holds it)");
   std::vector<std::int64_t> devices = query.devices;
   devices.push_back(static_cast<std::int64_t>(home->device));
-  shared.limitTo(devices, std::move(mounts), std::move(resolved));
+  shared.limitTo(devices, query.devices, std::move(mounts), std::move(resolved));
   return scanProcesses(proc.get(), shared);
 }
 

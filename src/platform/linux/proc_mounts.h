@@ -33,11 +33,17 @@ class MountTable {
   std::unordered_map<std::uint64_t, MountedFileSystem> mounts_;
 };
 
-// The "mnt_id:" line of an fdinfo text.
-std::optional<std::uint64_t> mountIdIn(std::string_view fdinfo);
-// The mount that descriptor `name` lies on, from the fdinfo directory of its process; absent when
-// fdinfo cannot be read (errno tells why) or names no mount.
-std::optional<std::uint64_t> mountIdAt(int fdinfoDirectory, const char* name);
+// Where an open descriptor lies, as its fdinfo text says: the "mnt_id:" line, and the "ino:" line
+// that kernels from 5.14 on add (the inode number the kernel holds, not asked of the file system).
+struct DescriptorPlace {
+  std::uint64_t mountId = 0;
+  std::optional<std::uint64_t> inode;
+};
+
+std::optional<DescriptorPlace> descriptorPlaceIn(std::string_view fdinfo);
+// The place of descriptor `name`, from the fdinfo directory of its process; absent when fdinfo
+// cannot be read (errno tells why) or names no mount.
+std::optional<DescriptorPlace> descriptorPlaceAt(int fdinfoDirectory, const char* name);
 // The mount that an open descriptor of this process lies on.
 std::optional<std::uint64_t> mountIdOf(int fd);
 

@@ -72,38 +72,54 @@ const MountedFileSystem* MountTable::find(std::uint64_t mountId) const {
   return found == mounts_.end() ? nullptr : &found->second;
 }
 
-std::optional<std::uint64_t> mountIdIn(std::string_view fdinfo) {
-  constexpr std::string_view kKey = "mnt_id:";
+std::optional<DescriptorPlace> descriptorPlaceIn(std::string_view fdinfo) {
+  constexpr std::string_view kMount = "mnt_id:";
+  constexpr std::string_view kInode = "ino:";
+  std::optional<std::uint64_t> mountId;
+  std::optional<std::uint64_t> inode;
+  auto value = [](std::string_view line, std::string_view key) -> std::optional<std::uint64_t> {
+    line.remove_prefix(key.size());
+    while (!line.empty() && (line.front() == ' ' || line.front() == '\t')) line.remove_prefix(1);
+    std::uint64_t number = 0;
+    if (parse(line, number)) return number;
+    return std::nullopt;
+  };
   for (std::size_t start = 0; start < fdinfo.size();) {
     const auto end = std::min(fdinfo.find('\n', start), fdinfo.size());
-    std::string_view line = fdinfo.substr(start, end - start);
+    const std::string_view line = fdinfo.substr(start, end - start);
     start = end + 1;
-    if (!line.starts_with(kKey)) continue;
-    line.remove_prefix(kKey.size());
-    while (!line.empty() && (line.front() == ' ' || line.front() == '\t')) line.remove_prefix(1);
-    std::uint64_t id = 0;
-    if (parse(line, id)) return id;
-    return std::nullopt;
+    if (line.starts_with(kMount)) {
+      mountId = value(line, kMount);
+      if (!mountId) return std::nullopt;
+    } else if (line.starts_with(kInode)) {
+      inode = value(line, kInode);
+    }
   }
-  return std::nullopt;
+  if (!mountId) return std::nullopt;
+  return DescriptorPlace{*mountId, inode};
 }
 
-std::optional<std::uint64_t> mountIdAt(int fdinfoDirectory, const char* name) {
+std::optional<DescriptorPlace> descriptorPlaceAt(int fdinfoDirectory, const char* name) {
   UniqueFd fd(openat(fdinfoDirectory, name, O_RDONLY | O_CLOEXEC));
   if (!fd) return std::nullopt;
-  // "pos", "flags", then "mnt_id": the start of the text is enough, whatever the file adds after.
+  // "pos", "flags", "mnt_id" and "ino" come first: the start of the text is enough, whatever the
+  // file adds after (a line cut short at the end is not one of them).
   char text[256];
   ssize_t count;
   while ((count = ::read(fd.get(), text, sizeof text)) < 0 && errno == EINTR) {
   }
   if (count <= 0) return std::nullopt;
-  return mountIdIn(std::string_view(text, static_cast<std::size_t>(count)));
+  std::string_view read(text, static_cast<std::size_t>(count));
+  if (count == sizeof text) read = read.substr(0, read.rfind('\n') + 1);
+  return descriptorPlaceIn(read);
 }
 
 std::optional<std::uint64_t> mountIdOf(int fd) {
   UniqueFd fdinfo(open("/proc/self/fdinfo", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   if (!fdinfo) return std::nullopt;
-  return mountIdAt(fdinfo.get(), std::to_string(fd).c_str());
+  const auto place = descriptorPlaceAt(fdinfo.get(), std::to_string(fd).c_str());
+  if (!place) return std::nullopt;
+  return place->mountId;
 }
 
 }  // namespace corvane::platform

@@ -332,6 +332,32 @@ TEST(MigrationOpenFilesListersTest, NativeScanAndLsofFindTheSameOccupantsForTheS
   auto oddReader = OccupantProcess::holdingFile(item + "/" + oddName, O_RDWR);
   auto aliasReader = OccupantProcess::holdingFile(scratch.child("outside-link.txt"), O_RDONLY);
   auto bystander = OccupantProcess::holdingFile(scratch.child("outside.txt"), O_RDONLY);
+  // Children of one parent inherit its open files: the same open file of the item in every one of
+  // them, and at the next number a file opened for each alone, in the item for one child only.
+  writeFile(item + "/inherited.txt", "inherited\n");
+  writeFile(scratch.child("own.txt"), "own\n");
+  const int inherited = open((item + "/inherited.txt").c_str(), O_RDONLY);
+  ASSERT_GE(inherited, 0);
+  std::vector<pid_t> siblings;
+  struct Reaper {
+    std::vector<pid_t>& children;
+    ~Reaper() {
+      for (pid_t child : children) kill(child, SIGKILL);
+      for (pid_t child : children) waitpid(child, nullptr, 0);
+    }
+  } reaper{siblings};
+  for (int i = 0; i < 4; ++i) {
+    const int own = open((i == 2 ? item + "/read.txt" : scratch.child("own.txt")).c_str(), O_RDONLY);
+    ASSERT_GE(own, 0);
+    const pid_t child = fork();
+    if (child == 0) {
+      for (;;) pause();
+    }
+    close(own);
+    ASSERT_GT(child, 0);
+    siblings.push_back(child);
+  }
+  close(inherited);
   // The test process itself: a check run from inside Corvane sees Corvane's own descriptors too.
   const int mine = open((item + "/mine.txt").c_str(), O_RDONLY | O_CLOEXEC);
   ASSERT_GE(mine, 0);
@@ -347,6 +373,11 @@ TEST(MigrationOpenFilesListersTest, NativeScanAndLsofFindTheSameOccupantsForTheS
   EXPECT_EQ(byPath(native, aliasReader.pid()), (Paths{{"linked.txt", Reason::read_only}}));
   EXPECT_EQ(byPath(native, getpid()), (Paths{{"mine.txt", Reason::read_only}}));
   EXPECT_TRUE(byPath(native, bystander.pid()).empty());
+  for (std::size_t i = 0; i < siblings.size(); ++i) {
+    Paths expected{{"inherited.txt", Reason::read_only}};
+    if (i == 2) expected.emplace("read.txt", Reason::read_only);
+    EXPECT_EQ(byPath(native, siblings[i]), expected) << "sibling " << i;
+  }
   for (const auto& reference : native) {
     if (reference.pid == oddReader.pid()) {
       EXPECT_EQ(reference.name, item + "/" + oddName);
