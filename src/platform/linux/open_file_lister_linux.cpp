@@ -771,9 +771,11 @@ class ProcessScan {
   // Whether a descriptor whose path lies outside the item may still be one of its files (a hard
   // link, a bind mount), from its fdinfo: its mount and inode number. What fdinfo said is kept by
   // the path and the mount namespace the path is written in, so that the /dev/null, terminals and
-  // logs nearly every process holds are read once per scan; one path leads to one file there, but
-  // for a file opened before another mount covered its folder. A mount belongs to one namespace,
-  // so the mount of the process's root tells its namespace without another request.
+  // logs nearly every process holds are read once per scan. One path names one file there, except
+  // a deleted file's (never kept), a file opened before another mount covered its folder and a
+  // file on a mount detached since; a miss needs such a path to equal the one through which an
+  // item's file is open from outside the item (a hard link elsewhere). A mount belongs to one
+  // namespace, so the mount of the process's root tells its namespace without another request.
   bool mayBeWanted(UniqueFd& fdinfo, const std::string& descriptor, const std::string& text) {
     if (!mountNamespace_) {
       int error = 0;
@@ -783,7 +785,8 @@ class ProcessScan {
     std::string key = *mountNamespace_;
     key += '\0';
     key += text;
-    if (const auto known = shared_.knownPlace(key); known && !getenv("NOCACHE")) return *known;
+    const bool keep = !mountNamespace_->empty() && !endsWith(text, kDeletedSuffix);
+    if (const auto known = keep ? shared_.knownPlace(key) : std::nullopt) return *known;
     if (!fdinfo) fdinfo.reset(openat(directory_, "fdinfo", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     errno = 0;
     const auto place = fdinfo ? descriptorPlaceAt(fdinfo.get(), descriptor.c_str()) : std::nullopt;
@@ -793,7 +796,7 @@ class ProcessScan {
     // look at the file.
     const bool mayBe = verdict.mayHoldWantedFile &&
                        !(verdict.exactDevice && place->inode && !shared_.wanted(*verdict.exactDevice, *place->inode));
-    if (!mountNamespace_->empty()) shared_.rememberPlace(std::move(key), mayBe);
+    if (keep) shared_.rememberPlace(std::move(key), mayBe);
     return mayBe;
   }
 
