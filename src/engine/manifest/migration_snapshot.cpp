@@ -6,6 +6,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <optional>
 #include <vector>
 
@@ -132,6 +133,9 @@ class SnapshotWalk {
       throw MigrationIssue("error.migration_source_changed", path);
     }
     std::vector<std::string> names = platform::directoryNames(directory.get(), path);
+    // In the manifest's order, so that each entry is added at its end rather than searched for
+    // among all the others; a listing comes in the file system's own order.
+    std::sort(names.begin(), names.end());
 
     ParentAccess access;
     if (removable_ == RemovableCheck::check) {
