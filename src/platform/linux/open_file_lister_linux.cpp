@@ -283,8 +283,7 @@ class SharedTables {
       // The kernel's own mounts (pipes, sockets, memfd) are in no table; asked once.
       if (!mount) unnamedMounts_.insert(mountId);
     }
-    if (!mount) return {};
-    if (mount->type == "overlay") return {};
+    if (!mount || mount->type == "overlay") return {};
     if (!onWantedFileSystem(mount->device)) return {false, std::nullopt};
     // The wanted files' own devices (not the item's mount's: a btrfs subvolume's files report a
     // device of their own) on a file system whose inode numbers are the ones stat gives.
@@ -689,18 +688,14 @@ class ProcessScan {
   }
 
   void wantedDescriptors(int fds) {
-    UniqueFd fdinfo;
     descriptorNumbers_ = numericEntries(fds);
     descriptorTexts_.clear();
     for (unsigned long number : descriptorNumbers_) {
-      const std::string descriptor = std::to_string(number);
       int error = 0;
-      auto text = readLinkAt(fds, descriptor.c_str(), error);
-      descriptorTexts_.push_back(text.value_or(std::string()));
-      // Closed meanwhile, or unreadable: named only when everything is listed.
-      if (text) wantedDescriptorWithText(fds, descriptor, descriptor, fdinfo, *text);
+      // Closed meanwhile, or unreadable (left empty): named only when everything is listed.
+      descriptorTexts_.push_back(readLinkAt(fds, std::to_string(number).c_str(), error).value_or(std::string()));
     }
-    descriptorsOf_ = pid_;
+    describeDescriptors(fds, "");
   }
 
   // Processes started by one parent hold the same descriptor numbers, often the very same open
@@ -736,20 +731,21 @@ class ProcessScan {
       texts.push_back(std::move(*text));
     }
     descriptorTexts_ = std::move(texts);
-    descriptorsOf_ = pid_;
-    UniqueFd fdinfo;
-    for (std::size_t index = 0; index < descriptorTexts_.size(); ++index) {
-      const std::string descriptor = std::to_string(descriptorNumbers_[index]);
-      wantedDescriptorWithText(directory_, "fd/" + descriptor, descriptor, fdinfo, descriptorTexts_[index]);
-    }
+    describeDescriptors(directory_, "fd/");
     return true;
   }
 
-  void wantedDescriptor(int fds, UniqueFd& fdinfo, const std::string& descriptor) {
-    int error = 0;
-    auto text = readLinkAt(fds, descriptor.c_str(), error);
-    if (!text) return;  // closed meanwhile, or unreadable: named only when everything is listed
-    wantedDescriptorWithText(fds, descriptor, descriptor, fdinfo, *text);
+  // The descriptors just read (numbers and paths), whose links are `prefix` + number below
+  // `directory`; they become the ones the next process is compared with.
+  void describeDescriptors(int directory, std::string_view prefix) {
+    descriptorsOf_ = pid_;
+    UniqueFd fdinfo;
+    for (std::size_t index = 0; index < descriptorNumbers_.size(); ++index) {
+      if (descriptorTexts_[index].empty()) continue;
+      const std::string descriptor = std::to_string(descriptorNumbers_[index]);
+      wantedDescriptorWithText(directory, std::string(prefix) + descriptor, descriptor, fdinfo,
+                               descriptorTexts_[index]);
+    }
   }
 
   // The rest once its link text is known; `link` names the descriptor's link below `directory`.
