@@ -1,6 +1,7 @@
 #include "screenshots.h"
 
 #include <QApplication>
+#include <QComboBox>
 #include <QDir>
 #include <QMessageBox>
 #include <QTest>
@@ -12,6 +13,7 @@
 #include "engine/preflight/migration_preflight.h"
 #include "fixtures/loop_disk.h"
 #include "fixtures/sample_tree.h"
+#include "settings/language_names.h"
 #include "settings/localization_manager.h"
 #include "ui/question_dialog.h"
 #include "ui/ui_text.h"
@@ -114,8 +116,15 @@ int renderScreenshots(const std::string& directory) {
   if (auto* moved = window.findChild<QTreeWidget*>("migrated-table"); moved && click(window, "refresh-migrated"))
     waitFor([&] { return moved->topLevelItemCount() > 0 && moved->topLevelItem(0)->childCount() > 0; });
 
+  auto* chooser = window.findChild<QComboBox*>("language");
   for (const char* code : kLanguages) {
-    LocalizationManager::shared().useLanguageForThisRun(*parseLanguage(code));
+    // Chosen the way a person does, so that the settings page shows the choice.
+    const int choice = chooser ? chooser->findText(qstr(languageDisplayName(*parseLanguage(code)))) : -1;
+    if (choice >= 0) {
+      chooser->setCurrentIndex(choice);
+    } else {
+      LocalizationManager::shared().useLanguageForThisRun(*parseLanguage(code));
+    }
     const QString folder = QString::fromStdString(directory) + "/" + code;
     QDir().mkpath(folder);
     for (std::size_t i = 0; i < window.pages().size(); ++i) {
