@@ -10,6 +10,7 @@
 #include <optional>
 #include <vector>
 
+#include "engine/manifest/migration_snapshot_lookahead.h"
 #include "engine/migration_issue.h"
 #include "platform/directory_names.h"
 #include "platform/file_access.h"
@@ -23,6 +24,10 @@ namespace {
 // Past this depth children are looked up by absolute path, so a deep tree cannot run the
 // process out of file descriptors.
 constexpr int kMaximumOpenDepth = 128;
+
+// A folder's names are looked at in windows of this many, which bounds the looks held at once
+// however many names one folder has.
+constexpr std::size_t kLooksPerWindow = 1024;
 
 // What the removable test needs to know about the directory holding an entry.
 struct ParentAccess {
@@ -47,20 +52,23 @@ class SnapshotWalk {
         user_(getuid()),
         effectiveUser_(geteuid()) {}
 
-  void run(const std::string& root) { visit(AT_FDCWD, root, "", std::string(), ParentAccess{}, 0); }
+  void run(const std::string& root) {
+    SnapshotLook look = SnapshotLook::at(AT_FDCWD, root);
+    visit(AT_FDCWD, root, "", std::string(), ParentAccess{}, 0, look);
+  }
 
  private:
-  // `lookupDirectory` + `name` reaches the object; `parentPath` + "/" + `name` is its absolute
-  // path, only built when a message or a path-based check needs it.
+  // `lookupDirectory` + `name` reaches the object, and `look` is what a look at it found;
+  // `parentPath` + "/" + `name` is its absolute path, only built when a message or a path-based
+  // check needs it.
   void visit(int lookupDirectory, const std::string& name, const std::string& parentPath, std::string relativePath,
-             const ParentAccess& parent, int depth) {
+             const ParentAccess& parent, int depth, SnapshotLook& look) {
     auto pathOf = [&] { return parentPath.empty() ? name : parentPath == "/" ? "/" + name : parentPath + "/" + name; };
-    auto status = platform::statNoFollow(lookupDirectory, name);
-    if (!status) throw MigrationIssue("error.migration_source_changed", pathOf());
+    if (look.failure) std::rethrow_exception(look.failure);
+    if (!look.status) throw MigrationIssue("error.migration_source_changed", pathOf());
+    const auto& status = look.status;
     const auto kind = MigrationEntry::kindOfMode(status->mode);
-    std::optional<std::string> linkText;
-    if (kind == MigrationEntry::Kind::symbolicLink) linkText = platform::readLinkText(lookupDirectory, name);
-    MigrationEntry entry = entryFromStatus(*status, std::move(linkText));
+    MigrationEntry entry = entryFromStatus(*status, std::move(look.linkText));
 
     if (runtime_ == RuntimeEntries::refuse && isRuntimeKind(kind))
       throw MigrationIssue("error.migration_special_file", pathOf());
@@ -145,13 +153,21 @@ class SnapshotWalk {
       access.owner = status.uid;
     }
     const bool byDescriptor = depth < kMaximumOpenDepth;
-    if (!byDescriptor) directory.reset();
+    std::vector<std::string> absolute;
+    if (!byDescriptor) {
+      directory.reset();
+      absolute.reserve(names.size());
+      for (const auto& child : names) absolute.push_back(path == "/" ? "/" + child : path + "/" + child);
+    }
+    const int lookupChildren = byDescriptor ? directory.get() : AT_FDCWD;
+    const auto& lookups = byDescriptor ? names : absolute;
     const std::string prefix = relativePath.empty() ? std::string() : relativePath + "/";
-    for (const auto& child : names) {
-      if (byDescriptor) {
-        visit(directory.get(), child, path, prefix + child, access, depth + 1);
-      } else {
-        visit(AT_FDCWD, path == "/" ? "/" + child : path + "/" + child, "", prefix + child, access, depth + 1);
+    for (std::size_t begin = 0; begin < names.size(); begin += kLooksPerWindow) {
+      const std::size_t end = std::min(names.size(), begin + kLooksPerWindow);
+      SnapshotLookahead::Window looks(lookahead_, lookupChildren, lookups, begin, end);
+      for (std::size_t index = begin; index < end; ++index) {
+        visit(lookupChildren, lookups[index], byDescriptor ? path : std::string(), prefix + names[index], access,
+              depth + 1, looks.at(index));
       }
     }
   }
@@ -161,6 +177,7 @@ class SnapshotWalk {
   RemovableCheck removable_;
   const MigrationSnapshot::Visited& visited_;
   Sink sink_;
+  SnapshotLookahead lookahead_;
   uid_t user_;
   uid_t effectiveUser_;
 };

@@ -1,4 +1,5 @@
 #include <fcntl.h>
+#include <fmt/format.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -88,6 +89,62 @@ TEST(SnapshotTest, RecordsEveryObjectOnceWithoutFollowingLinksAndNoticesEveryCha
               "error.migration_source_changed: " + root);
     manifest = scan(root);  // accept the change before trying the next one
   }
+}
+
+// A folder wider than the walk reads at once, with links and folders among its names, and a chain
+// deeper than the walk keeps open: every entry must be the look at its own name, in order, and a
+// refusal must name the first offending entry even while later names are being looked at.
+TEST(SnapshotTest, WideFoldersAndChainsDeeperThanTheOpenLimitAreRecordedInOrder) {
+  TemporaryDirectory dir;
+  const std::string root = dir.child("item");
+  mkdir(root.c_str(), 0755);
+  auto fill = [](const std::string& folder, int count) {
+    for (int i = 0; i < count; ++i) {
+      const std::string name = folder + fmt::format("/n{:04}", i);
+      if (i % 7 == 3) {
+        symlink(fmt::format("to{:04}", i).c_str(), name.c_str());
+      } else if (i % 500 == 250) {
+        mkdir(name.c_str(), 0755);
+        writeFile(name + "/inner", "x");
+      } else {
+        writeFile(name, name);
+      }
+    }
+  };
+  fill(root, 2600);
+  std::string deep = root + "/chain";
+  for (int level = 0; level < 140; ++level) mkdir((deep += "/c").c_str(), 0755);
+  fill(deep, 60);
+
+  std::vector<std::string> visited;
+  const auto manifest =
+      MigrationIntegrityVerifier::snapshot(root, RuntimeEntries::refuse, ReadableCheck::check, RemovableCheck::check,
+                                           [&](const std::string& path) { visited.push_back(path); });
+  // Fixed-width names sort below '/', so the walk's order is the sorted order of the paths.
+  ASSERT_EQ(visited.size(), manifest.size());
+  EXPECT_TRUE(
+      std::equal(visited.begin(), visited.end(), manifest.begin(), [](auto& a, auto& b) { return a == b.first; }));
+  EXPECT_EQ(manifest.size(), 1u + 2600 + 4 + 1 + 140 + 60);
+  for (const auto& [path, entry] : manifest) {
+    struct stat status {};
+    ASSERT_EQ(lstat((root + "/" + path).c_str(), &status), 0) << path;
+    EXPECT_EQ(entry.inode, status.st_ino) << path;
+    if (entry.kind == MigrationEntry::Kind::symbolicLink) {
+      EXPECT_EQ(entry.link, "to" + path.substr(path.size() - 4)) << path;
+    }
+  }
+  EXPECT_NO_THROW(MigrationIntegrityVerifier::requireUnchanged(root, manifest));
+
+  // Past the open limit names are looked up by their whole path, and still in order.
+  unlink((deep + "/n0040").c_str());
+  mkfifo((deep + "/n0040").c_str(), 0644);
+  EXPECT_EQ(issueText([&] { scan(root, RuntimeEntries::refuse); }), "error.migration_special_file: " + deep + "/n0040");
+  unlink((deep + "/n0040").c_str());
+  for (const char* name : {"/n0005", "/n2400"}) {
+    unlink((root + name).c_str());
+    mkfifo((root + name).c_str(), 0644);
+  }
+  EXPECT_EQ(issueText([&] { scan(root, RuntimeEntries::refuse); }), "error.migration_special_file: " + root + "/n0005");
 }
 
 TEST(SnapshotTest, RuntimeEntriesVanishedRootsAndLockedOrReadOnlyItemsAreRefused) {
