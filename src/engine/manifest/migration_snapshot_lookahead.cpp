@@ -122,6 +122,7 @@ void SnapshotLookahead::helperLoop() {
         const unsigned seen = shared_.load(std::memory_order_relaxed);
         lock.unlock();
         own.reset();
+        ownSerial = 0;
         const auto awakeUntil = std::chrono::steady_clock::now() + kAwakeBetweenFolders;
         while (shared_.load(std::memory_order_acquire) == seen && !stopping_.load(std::memory_order_relaxed) &&
                std::chrono::steady_clock::now() < awakeUntil) {
