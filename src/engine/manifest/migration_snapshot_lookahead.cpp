@@ -67,7 +67,7 @@ bool SnapshotLookahead::share(Window* window) {
   {
     std::lock_guard lock(mutex_);
     windows_.push_back(window);
-    window->serial_ = shared_.fetch_add(1, std::memory_order_release) + 1;
+    window->serial_ = windowsShared_.fetch_add(1, std::memory_order_release) + 1;
   }
   workArrived_.notify_one();
   return true;
@@ -119,12 +119,12 @@ void SnapshotLookahead::helperLoop() {
     {
       std::unique_lock lock(mutex_);
       if (!claimWork(window, chunk)) {
-        const unsigned seen = shared_.load(std::memory_order_relaxed);
+        const unsigned seen = windowsShared_.load(std::memory_order_relaxed);
         lock.unlock();
         own.reset();
         ownSerial = 0;
         const auto awakeUntil = std::chrono::steady_clock::now() + kAwakeBetweenFolders;
-        while (shared_.load(std::memory_order_acquire) == seen && !stopping_.load(std::memory_order_relaxed) &&
+        while (windowsShared_.load(std::memory_order_acquire) == seen && !stopping_.load(std::memory_order_relaxed) &&
                std::chrono::steady_clock::now() < awakeUntil) {
           relax();
         }
@@ -171,8 +171,9 @@ void SnapshotLookahead::Window::look(std::size_t chunk, int directory) {
 SnapshotLook& SnapshotLookahead::Window::at(std::size_t index) {
   const std::size_t offset = index - begin_;
   auto& state = states_[offset / kLooksPerChunk];
-  int expected = free;
-  if (state.compare_exchange_strong(expected, taken, std::memory_order_acq_rel)) {
+  // Most names fall in a chunk already looked at, where a plain read answers.
+  int expected = state.load(std::memory_order_acquire);
+  if (expected == free && state.compare_exchange_strong(expected, taken, std::memory_order_acq_rel)) {
     look(offset / kLooksPerChunk, directory_);
     state.store(done, std::memory_order_release);
   } else if (expected == taken) {

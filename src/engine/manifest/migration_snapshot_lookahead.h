@@ -80,7 +80,7 @@ class SnapshotLookahead {
   std::condition_variable workArrived_;
   std::vector<Window*> windows_;  // the folders being walked, innermost last
   std::atomic<bool> stopping_{false};
-  std::atomic<unsigned> shared_{0};  // windows shared so far
+  std::atomic<unsigned> windowsShared_{0};  // each window shared takes the count as its serial
   // Bumped after each look the helper finishes; waiting on it rather than on a window's own
   // state means the helper never touches a window after marking its chunk done.
   std::atomic<unsigned> finished_{0};
